@@ -1,0 +1,65 @@
+// The base of every module.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include <boost/signals2/signal.hpp>
+#include <boost/smart_ptr/shared_ptr.hpp>
+
+#include <kxcommon/kxmodulecore.hpp>
+#include <kxerror/kxapi.hpp>
+#include <kxerror/kxerror.hpp>
+#include <kxvalue/kxvalue.hpp>
+
+namespace KX {
+
+/// Base class of a module: derive, describe and bind the methods in the constructor, and let
+/// createModule() do the rest. docs/writing-a-module.md shows a complete one.
+/// Threads: the virtual operations are called by the framework, one at a time, but execute(), which
+/// serves calls and may overlap.
+class KX_API KXModule : public KXModuleCore {
+ public:
+  using CycleSignal = boost::signals2::signal<void()>;
+
+  KXModule(boost::shared_ptr<KXBroker> const& broker, std::string const& name);
+  ~KXModule() override;
+
+  /// Serves a call by method name; `params` is the array of arguments. The base calls the bound
+  /// method; a script module overrides it. `result` is left alone by methods that return nothing.
+  virtual void execute(std::string const& method, KXValue const& params, KXValue& result);
+  /// The module's version; empty unless overridden.
+  virtual std::string version();
+  /// Takes the module out of service: isClosing() and no longer published.
+  virtual void exit();
+  /// A page about the module; empty unless overridden.
+  virtual std::string httpGet();
+  /// Called once after the methods are published. A KXError refuses service.
+  virtual void init();
+  /// Asks to stop the parallel call of that id; the base does nothing.
+  virtual void stop(int const& taskId);
+
+  /// Raised once per hardware cycle by modules that have one, on their cycle thread.
+  CycleSignal& cycleSignal() { return *mCycleSignal; }
+
+  /// Makes a module, publishes it and calls init(). If init() fails with a KXError, exit() is
+  /// called and a copy of the error thrown. The broker keeps the module; the result may be dropped.
+  template <class T>
+  static boost::shared_ptr<T> createModule(boost::shared_ptr<KXBroker> const& broker) {
+    boost::shared_ptr<T> module(new T(broker));
+    module->initModule();
+    try {
+      module->init();
+    } catch (KXError const& error) {
+      KXError const copy(error);
+      module->exit();
+      throw copy;  // NOLINT(cert-err09-cpp,cert-err61-cpp,misc-throw-by-value-catch-by-reference)
+    }
+    return module;
+  }
+
+ private:
+  std::unique_ptr<CycleSignal> const mCycleSignal;
+};
+
+}  // namespace KX

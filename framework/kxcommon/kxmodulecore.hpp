@@ -1,0 +1,86 @@
+// A module's name, description and published methods. Built by the module's constructor on one
+// thread; from initModule() on it is read by every thread that calls the module.
+#pragma once
+
+#include <atomic>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include <boost/smart_ptr/enable_shared_from_this.hpp>
+#include <boost/smart_ptr/shared_ptr.hpp>
+#include <boost/smart_ptr/weak_ptr.hpp>
+
+#include <kxcommon/kxmethodinfo.hpp>
+#include <kxerror/kxapi.hpp>
+#include <kxvalue/kxvalue.hpp>
+
+namespace KX {
+
+class KXBroker;
+
+/// The part of a module that the broker knows.
+/// Ownership: held by boost::shared_ptr, first of all by the broker that it is registered with; a
+/// parallel call in progress does not own it, so a destructor waits for its own parallel calls.
+/// Threads: registration calls belong into the constructor; the others are free for all.
+class KX_API KXModuleCore : public boost::enable_shared_from_this<KXModuleCore> {
+ public:
+  KXModuleCore(boost::shared_ptr<KXBroker> const& broker, std::string name);
+  KXModuleCore(KXModuleCore const&) = delete;
+  KXModuleCore& operator=(KXModuleCore const&) = delete;
+  virtual ~KXModuleCore();
+
+  std::string const& getName() const noexcept { return mName; }
+  std::string const& getModuleDescription() const noexcept { return mDescription; }
+  /// The broker that the module was made with; KXError if that broker is gone.
+  boost::shared_ptr<KXBroker> getParentBroker() const;
+  /// True once the module is being taken out of service. Loops ask it and leave.
+  bool isClosing() const noexcept { return mIsClosing.load(std::memory_order_acquire); }
+  /// True if calls are answered by KXModule::execute and not by bound methods.
+  bool isScript() const noexcept { return mIsScript; }
+
+  /// Publishes the module under its name. KXError if the broker has a module of that name.
+  void initModule();
+  /// From now on isClosing(); called by the broker.
+  void markClosing() noexcept { mIsClosing.store(true, std::memory_order_release); }
+
+  /// The published methods, in the order of their registration.
+  std::vector<KXMethodInfo> const& getMethods() const noexcept { return mMethods; }
+  /// The only method of that name; null if there is none or if it is overloaded.
+  KXMethodInfo const* findMethod(std::string const& name) const noexcept;
+  /// The method of that name with these parameter types; null if there is none.
+  KXMethodInfo const* findMethod(std::string const& name,
+                                 std::vector<std::string> const& parameterTypes) const noexcept;
+  /// The method of that name for so many arguments. Overloads are told apart by their number of
+  /// parameters. KXError that names what is published if there is none.
+  KXMethodInfo const& getMethod(std::string const& name, int argumentCount) const;
+  /// The error for a call of a method that is not there.
+  [[noreturn]] void throwUnknownMethod(std::string const& name) const;
+
+ protected:
+  void setModuleDescription(std::string description);
+  /// Opens the description of a new method. `moduleName` is the module's own name; `flags` is 0.
+  void functionName(std::string const& name, std::string const& moduleName,
+                    std::string const& description, int flags);
+  void addParam(std::string const& name, std::string const& description);
+  void setReturn(std::string const& name, std::string const& description);
+  /// The description that functionName() opened last; KXError before the first one.
+  KXMethodInfo& getCurrentMethodDescription();
+  /// Closes the current description with its functor and adds it to the table.
+  void bindMethod(boost::shared_ptr<KXFunctorBase> functor);
+  /// Makes this a script module.
+  void setScript() noexcept { mIsScript = true; }
+
+ private:
+  std::string const mName;
+  boost::weak_ptr<KXBroker> const mBroker;
+  std::string mDescription;
+  std::vector<KXMethodInfo> mMethods;
+  std::unordered_map<std::string, std::vector<std::size_t>> mMethodsByName;
+  KXMethodInfo mCurrentMethod;
+  bool mHasCurrentMethod = false;
+  bool mIsScript = false;
+  std::atomic<bool> mIsClosing{false};
+};
+
+}  // namespace KX

@@ -1,0 +1,39 @@
+// The framework's exception. Any thread may throw, copy and catch it.
+#pragma once
+
+#include <exception>
+#include <string>
+
+#include <kxerror/kxapi.hpp>
+
+namespace KX {
+
+/// A failure that crosses module borders: who failed, where, and one line of text.
+/// what() is the description alone, so a log line or a tool can print it behind its own words.
+class KX_API KXError : public std::exception {
+ public:
+  /// `file` and `line` name the place in the source that gave up; a line of 0 means "none".
+  KXError(std::string module, std::string method, std::string description, std::string file,
+          int line);
+  KXError(KXError const&) = default;
+  KXError& operator=(KXError const&) = default;
+  ~KXError() override;
+
+  std::string const& getModuleName() const noexcept { return mModule; }
+  std::string const& getMethodName() const noexcept { return mMethod; }
+  std::string const& getDescription() const noexcept { return mDescription; }
+  std::string const& getFileName() const noexcept { return mFile; }
+  int getLine() const noexcept { return mLine; }
+
+  /// The description.
+  char const* what() const noexcept override;
+
+ private:
+  std::string mModule;
+  std::string mMethod;
+  std::string mDescription;
+  std::string mFile;
+  int mLine;
+};
+
+}  // namespace KX

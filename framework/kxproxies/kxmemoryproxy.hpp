@@ -1,0 +1,55 @@
+// Typed calls to the store: whatever module is published as "KXMemory".
+#pragma once
+
+#include <mutex>
+#include <string>
+
+#include <boost/smart_ptr/shared_ptr.hpp>
+#include <boost/smart_ptr/weak_ptr.hpp>
+
+#include <kxcommon/kxproxy.hpp>
+#include <kxerror/kxapi.hpp>
+#include <kxvalue/kxvalue.hpp>
+
+namespace KX {
+
+/// The store as its clients see it. The module is looked up at the first call, and again when the
+/// one found has left service, so the store may come later than its clients and may be replaced.
+/// Ownership: keeps the store's module alive; does not keep the broker alive.
+/// Threads: all calls may overlap; each blocks until the store has answered.
+/// Errors: KXError if there is no store, and whatever the store throws.
+class KX_API KXMemoryProxy {
+ public:
+  explicit KXMemoryProxy(boost::shared_ptr<KXBroker> const& broker);
+
+  /// The current value of one key. KXError if nobody ever wrote it.
+  KXValue getData(std::string const& name);
+  /// The values of all these keys at one moment: an array with one value per name, in the same
+  /// order; invalid where the store has no value. `names` is an array of strings.
+  KXValue getListData(KXValue const& names);
+  /// The type of a key: "Data", "Event", "MicroEvent" or "Unknown data". KXError if unknown.
+  std::string getType(std::string const& name);
+  /// Has `callbackMethod` of `callbackModule` called as (name, value, message) at each raise.
+  void subscribeToEvent(std::string const& name, std::string const& callbackModule,
+                        std::string const& callbackMethod);
+  void subscribeToMicroEvent(std::string const& name, std::string const& callbackModule,
+                             std::string const& callbackMessage,
+                             std::string const& callbackMethod);
+  /// KXError if there is no such subscription.
+  void unsubscribeToEvent(std::string const& name, std::string const& callbackModule);
+  void unsubscribeToMicroEvent(std::string const& name, std::string const& callbackModule);
+
+  /// As KXProxy::isRunning, for any parallel call of the store's process.
+  bool isRunning(int taskId);
+  /// As KXProxy::wait.
+  bool wait(int taskId, int timeoutMs);
+
+ private:
+  boost::shared_ptr<KXProxy> xProxy();
+
+  boost::weak_ptr<KXBroker> const mBroker;
+  std::mutex mMutex;
+  boost::shared_ptr<KXProxy> mProxy;  // guarded by mMutex
+};
+
+}  // namespace KX

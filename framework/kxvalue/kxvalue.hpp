@@ -1,0 +1,185 @@
+// The dynamic value that every argument, result and sample is. 16 bytes: a tag and a payload;
+// strings, arrays and binary data live in reference-counted blocks that are copied on write.
+#pragma once
+
+#include <atomic>
+#include <concepts>
+#include <cstddef>
+#include <cstdint>
+#include <new>
+#include <string>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include <kxerror/kxapi.hpp>
+
+namespace KX {
+
+/// A value of one of seven types, or an array of such values.
+/// Ownership: a value type. Copying never allocates, moving never touches a counter.
+/// Threads: values that share a block may be used from different threads at once; one value object
+/// may not be changed while another thread reads it.
+/// Errors: a wrong type or index is a KXError that names both types, or the index and the size.
+/// Integers are 32-bit signed, floats are 64-bit. A reference obtained from the non-const index
+/// operator is good until the value is next copied, resized or destroyed.
+class KX_API KXValue {
+ public:
+  enum Type {
+    TypeInvalid = 0,
+    TypeArray = 1,
+    TypeBool = 2,
+    TypeInt = 3,
+    TypeFloat = 4,
+    TypeString = 5,
+    TypeBinary = 6
+  };
+
+  /// Invalid: no value.
+  KXValue() noexcept : mHead(TypeInvalid), mPayload{0} {}
+  KXValue(bool value) noexcept : mHead(TypeBool), mPayload{0} { mPayload.asBool = value; }
+  KXValue(int value) noexcept : mHead(TypeInt), mPayload{0} { mPayload.asInt = value; }
+  KXValue(float value) noexcept : KXValue(static_cast<double>(value)) {}
+  KXValue(double value) noexcept : mHead(TypeFloat), mPayload{0} { mPayload.asDouble = value; }
+  /// A null pointer gives the empty string.
+  KXValue(char const* text);
+  KXValue(std::string text);
+  KXValue(std::vector<std::string> const& texts);
+  KXValue(std::vector<KXValue> elements);
+  /// A stray pointer would otherwise become a bool.
+  template <class T>
+    requires(!std::same_as<std::remove_const_t<T>, char>)
+  KXValue(T*) = delete;
+
+  /// A value of type binary; any bytes.
+  static KXValue binary(std::string bytes);
+  /// An array of exactly these elements, in one allocation.
+  template <class... T>
+  static KXValue arrayOf(T&&... elements);
+
+  KXValue(KXValue const& other) noexcept : mHead(other.mHead), mPayload(other.mPayload) {
+    if (hasBlock()) mPayload.asBlock->references.fetch_add(1, std::memory_order_relaxed);
+  }
+  KXValue(KXValue&& other) noexcept : mHead(other.mHead), mPayload(other.mPayload) {
+    other.mHead = TypeInvalid;
+  }
+  KXValue& operator=(KXValue const& other) noexcept {
+    KXValue copy(other);
+    swap(copy);
+    return *this;
+  }
+  KXValue& operator=(KXValue&& other) noexcept {
+    KXValue taken(std::move(other));
+    swap(taken);
+    return *this;
+  }
+  ~KXValue() {
+    if (hasBlock()) xRelease();
+  }
+  void swap(KXValue& other) noexcept {
+    std::swap(mHead, other.mHead);
+    std::swap(mPayload, other.mPayload);
+  }
+
+  Type getType() const noexcept { return static_cast<Type>(mHead & kTypeMask); }
+  bool isValid() const noexcept { return getType() != TypeInvalid; }
+  /// Elements of an array, bytes of a string or of binary data, otherwise 0.
+  int getSize() const noexcept;
+
+  /// Makes this an array of `size` elements: an array keeps what it has and gets invalid elements
+  /// added or its tail cut, any other value is replaced. A negative size is a KXError.
+  void arraySetSize(int size);
+  /// Makes room for `capacity` elements, so that pushing up to there allocates no more.
+  void arrayReserve(int capacity);
+  /// Appends; an invalid value first becomes an empty array, any other type is a KXError.
+  void arrayPush(KXValue element);
+  KXValue& operator[](int index);
+  KXValue const& operator[](int index) const;
+  /// The elements, contiguous: getSize() of them. KXError if this is no array. The non-const form
+  /// makes the block this value's own first.
+  KXValue* arrayData();
+  KXValue const* arrayData() const;
+  /// True if both are arrays, strings or binary data in one shared block: equal without comparing.
+  bool sharesBlockWith(KXValue const& other) const noexcept {
+    return hasBlock() && other.hasBlock() && mPayload.asBlock == other.mPayload.asBlock;
+  }
+
+  explicit operator bool() const;
+  explicit operator int() const;
+  /// From a float or an int.
+  explicit operator double() const;
+  /// The text of a string. The reference lives as long as this value is unchanged.
+  explicit operator std::string const&() const;
+  /// The bytes of binary data. The reference lives as long as this value is unchanged.
+  std::string const& getBinary() const;
+  /// Appends every element of an array to `texts`. An element that is no string is a KXError, or,
+  /// with `convertElements`, its text at verbosity 0. KXError if this is no array.
+  void ToStringArray(std::vector<std::string>& texts, bool convertElements) const;
+
+  /// The value as text. 0: bare. 1: JSON on one line, UTF-8 (invalid is null, a float that is not
+  /// finite is null, binary is base64 text, bytes that are not UTF-8 become U+FFFD). 2: as 1, each
+  /// value behind its type name, `int(5)`.
+  std::string toString(int verbosity = 0) const;
+  /// The name of a type: invalid, array, bool, int, float, string, binary.
+  static std::string TypeToString(Type type);
+
+  /// Same type and same content; an int never equals a float.
+  bool operator==(KXValue const& other) const;
+
+ private:
+  // A block starts with its counter; an array's size and elements, or a text, follow.
+  struct Block {
+    std::atomic<std::int32_t> references{1};
+  };
+  struct ArrayBlock : Block {
+    std::uint32_t size = 0;
+    KXValue* elements() noexcept { return reinterpret_cast<KXValue*>(this + 1); }
+  };
+  struct TextBlock;
+  union Payload {
+    std::uint64_t bits;
+    bool asBool;
+    std::int32_t asInt;
+    double asDouble;
+    Block* asBlock;
+  };
+
+  static constexpr std::uint64_t kTypeMask = 0xff;
+  static constexpr std::uint64_t kHasBlock = 0x100;
+  static constexpr unsigned kCapacityShift = 32;
+
+  KXValue(Type type, TextBlock* block) noexcept;
+
+  bool hasBlock() const noexcept { return (mHead & kHasBlock) != 0; }
+  ArrayBlock* xArray() const noexcept { return static_cast<ArrayBlock*>(mPayload.asBlock); }
+  // The number of elements for which an array's block has room never changes during the block's
+  // life, so it stands in the value and leaves the block eight bytes of head.
+  std::uint32_t xCapacity() const noexcept {
+    return static_cast<std::uint32_t>(mHead >> kCapacityShift);
+  }
+  static ArrayBlock* xAllocate(std::size_t capacity);
+  void xSetArray(ArrayBlock* block, std::size_t capacity) noexcept {
+    mHead = TypeArray | kHasBlock | (static_cast<std::uint64_t>(capacity) << kCapacityShift);
+    mPayload.asBlock = block;
+  }
+  void xRelease() noexcept;
+  void xOwnArray(std::size_t capacity);
+  void xAppendText(std::string& out, int verbosity) const;
+
+  std::uint64_t mHead;
+  Payload mPayload;
+};
+
+static_assert(sizeof(KXValue) == 16);
+
+template <class... T>
+KXValue KXValue::arrayOf(T&&... elements) {
+  KXValue array;
+  ArrayBlock* block = xAllocate(sizeof...(elements));
+  array.xSetArray(block, sizeof...(elements));
+  // The size follows each element, so that a constructor that throws leaves a sound array behind.
+  ((new (block->elements() + block->size) KXValue(std::forward<T>(elements)), ++block->size), ...);
+  return array;
+}
+
+}  // namespace KX

@@ -1,0 +1,19 @@
+#include <kxerror/kxerror.hpp>
+
+#include <utility>
+
+namespace KX {
+
+KXError::KXError(std::string module, std::string method, std::string description, std::string file,
+                 int line)
+    : mModule(std::move(module)),
+      mMethod(std::move(method)),
+      mDescription(std::move(description)),
+      mFile(std::move(file)),
+      mLine(line) {}
+
+KXError::~KXError() = default;
+
+char const* KXError::what() const noexcept { return mDescription.c_str(); }
+
+}  // namespace KX

@@ -1,0 +1,346 @@
+#include <kxvalue/kxvalue.hpp>
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <new>
+
+#include <nlohmann/json.hpp>
+
+#include <kxerror/kxerror.hpp>
+
+namespace KX {
+
+struct KXValue::TextBlock : KXValue::Block {
+  explicit TextBlock(std::string content) : text(std::move(content)) {}
+  std::string text;
+};
+
+namespace {
+
+[[noreturn]] void fail(char const* method, std::string const& text) {
+  throw KXError("KXValue", method, text, "kxvalue/kxvalue", 0);
+}
+
+[[noreturn]] void failType(char const* method, KXValue::Type expected, KXValue::Type given) {
+  fail(method, "expected a value of type " + KXValue::TypeToString(expected) + ", got " +
+                   KXValue::TypeToString(given));
+}
+
+[[noreturn]] void failIndex(int index, std::uint32_t size) {
+  fail("operator[]", "index " + std::to_string(index) + " is out of range, the array has " +
+                         std::to_string(size) + " elements");
+}
+
+std::size_t checkedSize(char const* method, int size) {
+  if (size < 0) fail(method, "expected a size of 0 or more, got " + std::to_string(size));
+  return static_cast<std::size_t>(size);
+}
+
+std::string base64(std::string const& bytes) {
+  constexpr char kDigits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  std::string out;
+  out.reserve((bytes.size() + 2) / 3 * 4);
+  for (std::size_t i = 0; i < bytes.size(); i += 3) {
+    std::size_t const count = std::min<std::size_t>(3, bytes.size() - i);
+    std::uint32_t bits = 0;
+    for (std::size_t k = 0; k < 3; ++k) {
+      bits = bits << 8 | (k < count ? static_cast<unsigned char>(bytes[i + k]) : 0U);
+    }
+    for (std::size_t k = 0; k < 4; ++k) {
+      out += k <= count ? kDigits[bits >> (18 - 6 * k) & 63] : '=';
+    }
+  }
+  return out;
+}
+
+// The shortest text that reads back as the same number, and that shows it to be a float.
+std::string floatText(double value) {
+  if (!std::isfinite(value)) return std::isnan(value) ? "nan" : value > 0 ? "inf" : "-inf";
+  char buffer[32];
+  auto const end = std::to_chars(buffer, buffer + sizeof buffer, value).ptr;
+  std::string text(buffer, end);
+  if (text.find_first_of(".e") == std::string::npos) text += ".0";
+  return text;
+}
+
+std::string jsonString(std::string const& text) {
+  return nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+}  // namespace
+
+KXValue::KXValue(Type type, TextBlock* block) noexcept : mHead(type | kHasBlock), mPayload{0} {
+  mPayload.asBlock = block;
+}
+
+KXValue::KXValue(char const* text) : KXValue(std::string(text == nullptr ? "" : text)) {}
+
+KXValue::KXValue(std::string text) : KXValue(TypeString, new TextBlock(std::move(text))) {}
+
+KXValue KXValue::binary(std::string bytes) {
+  return KXValue(TypeBinary, new TextBlock(std::move(bytes)));
+}
+
+KXValue::KXValue(std::vector<std::string> const& texts) : KXValue() {
+  KXValue array;
+  array.xOwnArray(texts.size());
+  for (std::string const& text : texts) array.arrayPush(KXValue(text));
+  swap(array);
+}
+
+KXValue::KXValue(std::vector<KXValue> elements) : KXValue() {
+  xOwnArray(elements.size());
+  ArrayBlock* const block = xArray();
+  for (KXValue& element : elements) new (block->elements() + block->size++) KXValue(std::move(element));
+}
+
+KXValue::ArrayBlock* KXValue::xAllocate(std::size_t capacity) {
+  if (capacity > static_cast<std::size_t>(std::numeric_limits<int>::max())) {
+    fail("arrayReserve", "an array holds at most 2147483647 elements, asked for " +
+                             std::to_string(capacity));
+  }
+  return new (::operator new(sizeof(ArrayBlock) + capacity * sizeof(KXValue))) ArrayBlock;
+}
+
+void KXValue::xRelease() noexcept {
+  Block* const block = mPayload.asBlock;
+  // The last owner needs no atomic write: nobody else can take a share any more.
+  if (block->references.load(std::memory_order_acquire) != 1 &&
+      block->references.fetch_sub(1, std::memory_order_acq_rel) != 1) {
+    return;
+  }
+  if (getType() == TypeArray) {
+    ArrayBlock* const array = static_cast<ArrayBlock*>(block);
+    std::destroy_n(array->elements(), array->size);
+    array->~ArrayBlock();
+    ::operator delete(array);
+  } else {
+    delete static_cast<TextBlock*>(block);
+  }
+}
+
+// Makes this an array whose block nobody shares, with room for `capacity` elements: its elements
+// are kept, a value that was no array becomes an empty one.
+void KXValue::xOwnArray(std::size_t capacity) {
+  bool const isArray = getType() == TypeArray;
+  bool const isAlone =
+      isArray && mPayload.asBlock->references.load(std::memory_order_acquire) == 1;
+  if (isAlone && capacity <= xCapacity()) return;
+
+  std::size_t const kept = isArray ? xArray()->size : 0;
+  std::size_t const room = std::max(capacity, kept);
+  ArrayBlock* const block = xAllocate(room);
+  if (isArray) {
+    KXValue* const old = xArray()->elements();
+    for (; block->size < kept; ++block->size) {
+      KXValue* const target = block->elements() + block->size;
+      if (isAlone) {
+        new (target) KXValue(std::move(old[block->size]));
+      } else {
+        new (target) KXValue(old[block->size]);
+      }
+    }
+  }
+  if (hasBlock()) xRelease();
+  xSetArray(block, room);
+}
+
+int KXValue::getSize() const noexcept {
+  switch (getType()) {
+    case TypeArray:
+      return static_cast<int>(xArray()->size);
+    case TypeString:
+    case TypeBinary:
+      return static_cast<int>(static_cast<TextBlock*>(mPayload.asBlock)->text.size());
+    default:
+      return 0;
+  }
+}
+
+void KXValue::arraySetSize(int size) {
+  std::size_t const wanted = checkedSize("arraySetSize", size);
+  xOwnArray(wanted);
+  ArrayBlock* const block = xArray();
+  if (block->size > wanted) {
+    std::destroy(block->elements() + wanted, block->elements() + block->size);
+  } else {
+    std::uninitialized_default_construct(block->elements() + block->size,
+                                         block->elements() + wanted);
+  }
+  block->size = static_cast<std::uint32_t>(wanted);
+}
+
+void KXValue::arrayReserve(int capacity) {
+  if (isValid() && getType() != TypeArray) failType("arrayReserve", TypeArray, getType());
+  xOwnArray(checkedSize("arrayReserve", capacity));
+}
+
+void KXValue::arrayPush(KXValue element) {
+  if (isValid() && getType() != TypeArray) failType("arrayPush", TypeArray, getType());
+  std::size_t const size = static_cast<std::size_t>(getSize());
+  bool const isFull = getType() != TypeArray || size == xCapacity();
+  xOwnArray(isFull ? std::max<std::size_t>(4, 2 * size) : size + 1);
+  ArrayBlock* const block = xArray();
+  new (block->elements() + block->size) KXValue(std::move(element));
+  ++block->size;
+}
+
+KXValue& KXValue::operator[](int index) {
+  if (getType() != TypeArray) failType("operator[]", TypeArray, getType());
+  std::uint32_t const size = xArray()->size;
+  if (index < 0 || static_cast<std::uint32_t>(index) >= size) failIndex(index, size);
+  xOwnArray(size);
+  return xArray()->elements()[index];
+}
+
+KXValue const& KXValue::operator[](int index) const {
+  if (getType() != TypeArray) failType("operator[]", TypeArray, getType());
+  ArrayBlock* const block = xArray();
+  if (index < 0 || static_cast<std::uint32_t>(index) >= block->size) failIndex(index, block->size);
+  return block->elements()[index];
+}
+
+KXValue* KXValue::arrayData() {
+  if (getType() != TypeArray) failType("arrayData", TypeArray, getType());
+  xOwnArray(xArray()->size);
+  return xArray()->elements();
+}
+
+KXValue const* KXValue::arrayData() const {
+  if (getType() != TypeArray) failType("arrayData", TypeArray, getType());
+  return xArray()->elements();
+}
+
+KXValue::operator bool() const {
+  if (getType() != TypeBool) failType("operator bool", TypeBool, getType());
+  return mPayload.asBool;
+}
+
+KXValue::operator int() const {
+  if (getType() != TypeInt) failType("operator int", TypeInt, getType());
+  return mPayload.asInt;
+}
+
+KXValue::operator double() const {
+  if (getType() == TypeInt) return mPayload.asInt;
+  if (getType() != TypeFloat) failType("operator double", TypeFloat, getType());
+  return mPayload.asDouble;
+}
+
+KXValue::operator std::string const&() const {
+  if (getType() != TypeString) failType("operator std::string", TypeString, getType());
+  return static_cast<TextBlock*>(mPayload.asBlock)->text;
+}
+
+std::string const& KXValue::getBinary() const {
+  if (getType() != TypeBinary) failType("getBinary", TypeBinary, getType());
+  return static_cast<TextBlock*>(mPayload.asBlock)->text;
+}
+
+void KXValue::ToStringArray(std::vector<std::string>& texts, bool convertElements) const {
+  if (getType() != TypeArray) failType("ToStringArray", TypeArray, getType());
+  KXValue const* const elements = xArray()->elements();
+  texts.reserve(texts.size() + xArray()->size);
+  for (std::uint32_t i = 0; i < xArray()->size; ++i) {
+    if (elements[i].getType() == TypeString) {
+      texts.push_back(static_cast<std::string const&>(elements[i]));
+    } else if (convertElements) {
+      texts.push_back(elements[i].toString(0));
+    } else {
+      fail("ToStringArray", "expected element " + std::to_string(i) + " to be a string, got " +
+                                TypeToString(elements[i].getType()));
+    }
+  }
+}
+
+std::string KXValue::toString(int verbosity) const {
+  std::string out;
+  xAppendText(out, verbosity);
+  return out;
+}
+
+void KXValue::xAppendText(std::string& out, int verbosity) const {
+  bool const isJson = verbosity >= 1;
+  bool const isTyped = verbosity >= 2;
+  if (isTyped) out += TypeToString(getType()) + "(";
+  switch (getType()) {
+    case TypeInvalid:
+      if (isJson) out += "null";
+      break;
+    case TypeBool:
+      out += mPayload.asBool ? "true" : "false";
+      break;
+    case TypeInt:
+      out += std::to_string(mPayload.asInt);
+      break;
+    case TypeFloat:
+      out += isJson && !isTyped && !std::isfinite(mPayload.asDouble) ? "null"
+                                                                      : floatText(mPayload.asDouble);
+      break;
+    case TypeString:
+      out += isJson ? jsonString(static_cast<std::string const&>(*this))
+                    : static_cast<std::string const&>(*this);
+      break;
+    case TypeBinary:
+      out += isJson ? '"' + base64(getBinary()) + '"' : getBinary();
+      break;
+    case TypeArray: {
+      out += '[';
+      for (std::uint32_t i = 0; i < xArray()->size; ++i) {
+        if (i > 0) out += isJson ? "," : ", ";
+        xArray()->elements()[i].xAppendText(out, verbosity);
+      }
+      out += ']';
+      break;
+    }
+  }
+  if (isTyped) out += ')';
+}
+
+std::string KXValue::TypeToString(Type type) {
+  switch (type) {
+    case TypeInvalid:
+      return "invalid";
+    case TypeArray:
+      return "array";
+    case TypeBool:
+      return "bool";
+    case TypeInt:
+      return "int";
+    case TypeFloat:
+      return "float";
+    case TypeString:
+      return "string";
+    case TypeBinary:
+      return "binary";
+  }
+  return "type " + std::to_string(static_cast<int>(type));
+}
+
+bool KXValue::operator==(KXValue const& other) const {
+  if (getType() != other.getType()) return false;
+  switch (getType()) {
+    case TypeInvalid:
+      return true;
+    case TypeBool:
+      return mPayload.asBool == other.mPayload.asBool;
+    case TypeInt:
+      return mPayload.asInt == other.mPayload.asInt;
+    case TypeFloat:
+      return mPayload.asDouble == other.mPayload.asDouble;
+    case TypeString:
+    case TypeBinary:
+      return static_cast<TextBlock*>(mPayload.asBlock)->text ==
+             static_cast<TextBlock*>(other.mPayload.asBlock)->text;
+    case TypeArray:
+      return std::equal(xArray()->elements(), xArray()->elements() + xArray()->size,
+                        other.xArray()->elements(),
+                        other.xArray()->elements() + other.xArray()->size);
+  }
+  return false;
+}
+
+}  // namespace KX

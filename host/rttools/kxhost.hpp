@@ -1,0 +1,46 @@
+// A host in this process, without any robot: what tools, tests and the stand-alone process build on.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include <boost/smart_ptr/shared_ptr.hpp>
+
+#include <kxcommon/kxbroker.hpp>
+#include <kxerror/kxapi.hpp>
+
+namespace KX {
+
+/// A broker with the modules KXLauncher and KXMemory and, on request, VSM; loads module libraries.
+/// Ownership: a value of main() or of a test; owns the broker until shutdown() or destruction.
+/// Threads: one thread builds, loads and shuts down; calls through the broker come from any thread.
+class KX_API KXHost {
+ public:
+  struct Options {
+    std::string name = "kxhost";  ///< the broker's name
+    bool withVsm = false;         ///< run the 10 ms hardware cycle
+  };
+
+  explicit KXHost(Options const& options);
+  /// Shuts down.
+  ~KXHost();
+  KXHost(KXHost const&) = delete;
+  KXHost& operator=(KXHost const&) = delete;
+
+  boost::shared_ptr<KXBroker> const& getBroker() const noexcept;
+
+  /// Opens a module library with all symbols resolved and calls its `_createModule`. KXError, and
+  /// nothing else happens, if the file cannot be opened, an entry point is missing, or
+  /// `_createModule` throws or returns anything but 0.
+  void loadModule(std::string const& path);
+
+  /// Shuts the broker down, last module first, then calls each library's `_closeModule`. The
+  /// libraries stay loaded. Does nothing the second time.
+  void shutdown();
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> const mImpl;
+};
+
+}  // namespace KX
