@@ -25,7 +25,8 @@ struct Record {
 };
 
 /// Called on the logging thread, one record at a time over all threads. It may log, add and remove
-/// handlers; what it throws is dropped.
+/// handlers; what it throws is dropped. What handlers log is handed out at once, nested up to eight
+/// deep, and no deeper.
 using Handler = std::function<void(Record const&)>;
 
 /// Adds a handler, or replaces the one of that name. Handlers get every record, whatever its level.
