@@ -78,8 +78,7 @@ template <class T, class P1, class P2, class P3, class R>
 class KXFunctor_3
     : public KXBoundFunctor<R (T::*)(P1 const&, P2 const&, P3 const&), T, R, P1, P2, P3> {
  public:
-  using KXBoundFunctor<R (T::*)(P1 const&, P2 const&, P3 const&), T, R, P1, P2,
-                       P3>::KXBoundFunctor;
+  using KXBoundFunctor<R (T::*)(P1 const&, P2 const&, P3 const&), T, R, P1, P2, P3>::KXBoundFunctor;
 };
 
 /// Binds a member function. The functor keeps the plain pointer: it must not outlive the object.

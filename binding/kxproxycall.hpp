@@ -62,8 +62,8 @@ R KXProxy::call(std::string const& method, P const&... arguments) {
   CALL_METHODS(method, params, result);
   if (!std::is_void_v<R> && !result.isValid()) {
     throw KXError("KXProxy", "call",
-                  "Waiting for the result of a void function " + method + " " +
-                      params.toString(1) + "   " + result.toString(1),
+                  "Waiting for the result of a void function " + method + " " + params.toString(1) +
+                      "   " + result.toString(1),
                   detail::kProxyFile, 103);
   }
   return detail::convertResult<R>(result);

@@ -31,7 +31,8 @@ using Handler = std::function<void(Record const&)>;
 
 /// Adds a handler, or replaces the one of that name. Handlers get every record, whatever its level.
 KX_API void addHandler(std::string const& name, Handler handler);
-/// When this returns, the handler runs no more (unless it is the caller). Unknown names are ignored.
+/// When this returns, the handler runs no more (unless it is the caller). Unknown names are
+/// ignored.
 KX_API void removeHandler(std::string const& name);
 
 /// The least severe level that is written to stderr; 0 writes nothing. Initially Warning.

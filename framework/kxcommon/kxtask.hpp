@@ -28,7 +28,8 @@ class KX_API KXTaskInfo {
   std::string const mMethod;
 };
 
-/// One parallel call. The host's pool runs it once, on a thread of its own, and logs what it throws.
+/// One parallel call. The host's pool runs it once, on a thread of its own, and logs what it
+/// throws.
 class KX_API KXTask {
  public:
   explicit KXTask(KXTaskInfo info) : mInfo(std::move(info)) {}

@@ -33,8 +33,7 @@ class KX_API KXMemoryProxy {
   void subscribeToEvent(std::string const& name, std::string const& callbackModule,
                         std::string const& callbackMethod);
   void subscribeToMicroEvent(std::string const& name, std::string const& callbackModule,
-                             std::string const& callbackMessage,
-                             std::string const& callbackMethod);
+                             std::string const& callbackMessage, std::string const& callbackMethod);
   /// KXError if there is no such subscription.
   void unsubscribeToEvent(std::string const& name, std::string const& callbackModule);
   void unsubscribeToMicroEvent(std::string const& name, std::string const& callbackModule);

@@ -22,7 +22,8 @@ namespace KX {
 /// may not be changed while another thread reads it.
 /// Errors: a wrong type or index is a KXError that names both types, or the index and the size.
 /// Integers are 32-bit signed, floats are 64-bit. A reference obtained from the non-const index
-/// operator is good until the value is next copied, resized or destroyed.
+/// operator is good until the value is next copied, resized or destroyed: an assignment through it
+/// after that also changes the copies.
 class KX_API KXValue {
  public:
   enum Type {
@@ -48,8 +49,8 @@ class KX_API KXValue {
   KXValue(std::vector<KXValue> elements);
   /// A stray pointer would otherwise become a bool.
   template <class T>
-    requires(!std::same_as<std::remove_const_t<T>, char>)
-  KXValue(T*) = delete;
+  requires(!std::same_as<std::remove_const_t<T>, char>) KXValue(T*)
+  = delete;
 
   /// A value of type binary; any bytes.
   static KXValue binary(std::string bytes);
@@ -63,18 +64,14 @@ class KX_API KXValue {
   KXValue(KXValue&& other) noexcept : mHead(other.mHead), mPayload(other.mPayload) {
     other.mHead = TypeInvalid;
   }
-  KXValue& operator=(KXValue const& other) noexcept {
-    KXValue copy(other);
-    swap(copy);
-    return *this;
-  }
-  KXValue& operator=(KXValue&& other) noexcept {
-    KXValue taken(std::move(other));
-    swap(taken);
+  /// By value, on purpose: in `array[0] = array` the right side is then copied before the left side
+  /// is indexed, so the index finds a shared block and an array never comes to hold itself.
+  KXValue& operator=(KXValue other) noexcept {
+    swap(other);
     return *this;
   }
   ~KXValue() {
-    if (hasBlock()) xRelease();
+    if (hasBlock() && xDropShare(mPayload.asBlock)) xFree(mPayload.asBlock, getType());
   }
   void swap(KXValue& other) noexcept {
     std::swap(mHead, other.mHead);
@@ -84,7 +81,10 @@ class KX_API KXValue {
   Type getType() const noexcept { return static_cast<Type>(mHead & kTypeMask); }
   bool isValid() const noexcept { return getType() != TypeInvalid; }
   /// Elements of an array, bytes of a string or of binary data, otherwise 0.
-  int getSize() const noexcept;
+  int getSize() const noexcept {
+    if (!hasBlock()) return 0;
+    return static_cast<int>(getType() == TypeArray ? xArray()->size : xText()->text.size());
+  }
 
   /// Makes this an array of `size` elements: an array keeps what it has and gets invalid elements
   /// added or its tail cut, any other value is replaced. A negative size is a KXError.
@@ -92,26 +92,54 @@ class KX_API KXValue {
   /// Makes room for `capacity` elements, so that pushing up to there allocates no more.
   void arrayReserve(int capacity);
   /// Appends; an invalid value first becomes an empty array, any other type is a KXError.
-  void arrayPush(KXValue element);
-  KXValue& operator[](int index);
-  KXValue const& operator[](int index) const;
+  void arrayPush(KXValue element) {
+    if (!xIsAloneArray() || xArray()->size == xCapacity()) xMakeRoom();
+    new (xArray()->elements() + xArray()->size) KXValue(std::move(element));
+    ++xArray()->size;
+  }
+  KXValue& operator[](int index) {
+    if (!xHasIndex(index)) xFailIndex(index);
+    if (!xIsAloneArray()) xOwnArray(0);
+    return xArray()->elements()[index];
+  }
+  KXValue const& operator[](int index) const {
+    if (!xHasIndex(index)) xFailIndex(index);
+    return xArray()->elements()[index];
+  }
   /// The elements, contiguous: getSize() of them. KXError if this is no array. The non-const form
   /// makes the block this value's own first.
   KXValue* arrayData();
   KXValue const* arrayData() const;
-  /// True if both are arrays, strings or binary data in one shared block: equal without comparing.
+  /// True if both are arrays, strings or binary data in one shared block: the same content without
+  /// comparing it.
   bool sharesBlockWith(KXValue const& other) const noexcept {
     return hasBlock() && other.hasBlock() && mPayload.asBlock == other.mPayload.asBlock;
   }
 
-  explicit operator bool() const;
-  explicit operator int() const;
+  explicit operator bool() const {
+    if (getType() != TypeBool) xFailType("operator bool", TypeBool);
+    return mPayload.asBool;
+  }
+  explicit operator int() const {
+    if (getType() != TypeInt) xFailType("operator int", TypeInt);
+    return mPayload.asInt;
+  }
   /// From a float or an int.
-  explicit operator double() const;
+  explicit operator double() const {
+    if (getType() == TypeInt) return mPayload.asInt;
+    if (getType() != TypeFloat) xFailType("operator double", TypeFloat);
+    return mPayload.asDouble;
+  }
   /// The text of a string. The reference lives as long as this value is unchanged.
-  explicit operator std::string const&() const;
+  explicit operator std::string const&() const {
+    if (getType() != TypeString) xFailType("operator std::string", TypeString);
+    return xText()->text;
+  }
   /// The bytes of binary data. The reference lives as long as this value is unchanged.
-  std::string const& getBinary() const;
+  std::string const& getBinary() const {
+    if (getType() != TypeBinary) xFailType("getBinary", TypeBinary);
+    return xText()->text;
+  }
   /// Appends every element of an array to `texts`. An element that is no string is a KXError, or,
   /// with `convertElements`, its text at verbosity 0. KXError if this is no array.
   void ToStringArray(std::vector<std::string>& texts, bool convertElements) const;
@@ -135,7 +163,10 @@ class KX_API KXValue {
     std::uint32_t size = 0;
     KXValue* elements() noexcept { return reinterpret_cast<KXValue*>(this + 1); }
   };
-  struct TextBlock;
+  struct TextBlock : Block {
+    explicit TextBlock(std::string content) noexcept : text(std::move(content)) {}
+    std::string text;
+  };
   union Payload {
     std::uint64_t bits;
     bool asBool;
@@ -148,22 +179,44 @@ class KX_API KXValue {
   static constexpr std::uint64_t kHasBlock = 0x100;
   static constexpr unsigned kCapacityShift = 32;
 
-  KXValue(Type type, TextBlock* block) noexcept;
+  KXValue(Type type, TextBlock* block) noexcept : mHead(type | kHasBlock), mPayload{0} {
+    mPayload.asBlock = block;
+  }
 
   bool hasBlock() const noexcept { return (mHead & kHasBlock) != 0; }
   ArrayBlock* xArray() const noexcept { return static_cast<ArrayBlock*>(mPayload.asBlock); }
+  TextBlock* xText() const noexcept { return static_cast<TextBlock*>(mPayload.asBlock); }
   // The number of elements for which an array's block has room never changes during the block's
   // life, so it stands in the value and leaves the block eight bytes of head.
   std::uint32_t xCapacity() const noexcept {
     return static_cast<std::uint32_t>(mHead >> kCapacityShift);
   }
-  static ArrayBlock* xAllocate(std::size_t capacity);
+  bool xHasIndex(int index) const noexcept {
+    return getType() == TypeArray && static_cast<std::uint32_t>(index) < xArray()->size;
+  }
+  bool xIsAloneArray() const noexcept {
+    return getType() == TypeArray &&
+           mPayload.asBlock->references.load(std::memory_order_acquire) == 1;
+  }
+  static ArrayBlock* xNewBlock(std::size_t capacity) {
+    return new (::operator new(sizeof(ArrayBlock) + capacity * sizeof(KXValue))) ArrayBlock;
+  }
   void xSetArray(ArrayBlock* block, std::size_t capacity) noexcept {
     mHead = TypeArray | kHasBlock | (static_cast<std::uint64_t>(capacity) << kCapacityShift);
     mPayload.asBlock = block;
   }
-  void xRelease() noexcept;
+  // The last owner needs no atomic write: nobody else can take a share any more.
+  static bool xDropShare(Block* block) noexcept {
+    return block->references.load(std::memory_order_acquire) == 1 ||
+           block->references.fetch_sub(1, std::memory_order_acq_rel) == 1;
+  }
+  // By value, so that a value whose address is not taken elsewhere can live in registers.
+  static void xFree(Block* block, Type type) noexcept;
+  static ArrayBlock* xDropElements(ArrayBlock* array) noexcept;
   void xOwnArray(std::size_t capacity);
+  void xMakeRoom();
+  [[noreturn]] void xFailType(char const* method, Type expected) const;
+  [[noreturn]] void xFailIndex(int index) const;
   void xAppendText(std::string& out, int verbosity) const;
 
   std::uint64_t mHead;
@@ -175,7 +228,7 @@ static_assert(sizeof(KXValue) == 16);
 template <class... T>
 KXValue KXValue::arrayOf(T&&... elements) {
   KXValue array;
-  ArrayBlock* block = xAllocate(sizeof...(elements));
+  ArrayBlock* const block = xNewBlock(sizeof...(elements));
   array.xSetArray(block, sizeof...(elements));
   // The size follows each element, so that a constructor that throws leaves a sound array behind.
   ((new (block->elements() + block->size) KXValue(std::forward<T>(elements)), ++block->size), ...);

@@ -1,0 +1,159 @@
+// The module: watches keys of the store, buffers what it saw, hands it over in one fetch.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <boost/date_time/posix_time/posix_time_types.hpp>
+#include <boost/signals2/connection.hpp>
+#include <boost/smart_ptr/shared_ptr.hpp>
+#include <boost/thread/thread_only.hpp>
+
+#include <kxcommon/kxbroker.hpp>
+#include <kxcommon/kxmodule.hpp>
+#include <kxproxies/kxmemoryproxy.hpp>
+#include <kxthread/kxannotations.hpp>
+#include <kxthread/kxmutex.hpp>
+#include <kxvalue/kxvalue.hpp>
+#include <memorywatcher/kxgates.hpp>
+#include <memorywatcher/kxmemorywatcheritem.hpp>
+#include <memorywatcher/kxsampleinbox.hpp>
+
+namespace KX {
+
+/// Published as "KXMemoryWatcher". Samples plain data keys of the store "KXMemory" once per period,
+/// in one batch with one wall-clock time, and captures the events that the store pushes.
+///
+/// Ownership: held by a boost::shared_ptr that the broker keeps. The destructor stops the watch and
+/// waits for its loop.
+///
+/// Threads: clients call on any thread, several at once. The store calls onEventNotify() on its
+/// delivery thread. One loop runs the update cycles: xUpdateDataLoop() on mWatchThread where the
+/// host has a hardware cycle (VSM), whose thread runs xOnVSMUpdate(); else xMainThread() as a
+/// parallel call. startWatching() and stopWatching() may not be called from within that loop.
+///
+/// Locks: mDataMutex guards mDataItems, mEventMutex guards mEventItems; who needs both takes
+/// mEventMutex first. The update cycle and onEventNotify() wait for neither: they post to the inbox
+/// in front of the map, and whoever holds the mutex files what is waiting before anything else.
+/// The two gates are signals, not locks.
+///
+/// Errors: what the store or the host throws reaches the caller, but where an operation says that
+/// it logs it.
+class KXMemoryWatcher : public KXModule {
+ public:
+  /// Asks the launcher for "VSM" once; its answer fixes the pacing. KXError if it does not answer,
+  /// boost::thread_resource_error if the system is out of mutexes.
+  explicit KXMemoryWatcher(boost::shared_ptr<KXBroker> broker);
+  ~KXMemoryWatcher() override;
+
+  /// The watched keys: data keys in byte order, then event keys in byte order.
+  std::vector<std::string> listeners();
+  /// Watches a key, as data or event by the store's answer; logs if the store does not know it yet.
+  /// A key that is there already is left as it is. An event key is subscribed only while watching.
+  void addListener(std::string const& name);
+  /// One by one; the first failure ends it.
+  void addListeners(std::vector<std::string> const& listNames);
+  void removeAllListeners();
+  /// Drops the key and its samples, and ends its subscription. Unknown names are ignored.
+  void removeListener(std::string const& name);
+  /// One by one; the first failure ends it.
+  void removeListeners(std::vector<std::string> const& listNames);
+
+  /// Everything buffered since the last call: an array of [key, [[[seconds, microseconds], value],
+  /// ...]] for every watched key, data keys first. Empties the buffers.
+  KXValue getData();
+  void clearBuffer();
+  void clearBufferData();
+  void clearBufferEvent();
+
+  bool isWatching();
+  /// Starts with a period in milliseconds; does nothing if already watching.
+  void startWatching(int const& period);
+  /// Stops and waits until the loop has ended; does nothing if not watching.
+  void stopWatching();
+  /// Milliseconds; anything but a positive multiple of 10 is corrected and logged.
+  void setPeriodMs(int const& period);
+  /// Called by the store for each raise of a subscribed key. Takes no lock and waits for nobody.
+  void onEventNotify(std::string const& dataName, KXValue const& dataValue, KXValue const& message);
+
+  void subscribeToEvent(std::string const& name);
+  void subscribeToMicroEvent(std::string const& name);
+  /// Logs it if the store refuses.
+  void unsubscribeFromEvent(std::string const& name);
+  /// Logs it if the store refuses.
+  void unsubscribeFromMicroEvent(std::string const& name);
+  /// Subscribes every event key that is watched.
+  void subscribeToEvents();
+  /// Ends the subscription of every event key that is watched; the keys stay.
+  void unsubscribeFromEvents();
+
+ private:
+  friend struct KXMemoryWatcherForTest;
+
+  /// What one update cycle works on, taken while the map's mutex was free.
+  struct Cycle {
+    KXValue names;
+    KXValue keys;
+    std::vector<std::uint32_t> unknown;
+  };
+
+  void xPublishMethods();
+
+  void xMainThread();
+  void xSleepForPeriod();
+  void xOnVSMUpdate();
+  void xUpdateDataLoop();
+  void xRunWatchThread() noexcept;
+  void xStartCyclePacing();
+  void xStartTimedPacing();
+  void xStopTimedPacing();
+  void xStopCyclePacing();
+
+  void xUpdateValues(KXListenerMap& items);
+  bool xBeginCycle(bool isData, Cycle& cycle);
+  void xReadBatch(bool isData, Cycle const& cycle);
+  void xResolveNature(std::string const& name, std::vector<std::string>& promoted);
+  void xErasePromoted(std::vector<std::string> const& promoted);
+  // Names the map without touching it.
+  KXListenerMap& xDataItems() KX_NO_THREAD_SAFETY_ANALYSIS { return mDataItems; }
+  KXListenerMap& xEventItems() KX_NO_THREAD_SAFETY_ANALYSIS { return mEventItems; }
+
+  void xSubscribe(std::string const& name, std::string const& nature);
+  void xUnsubscribe(std::string const& name, std::string const& nature);
+  /// Key and nature of every event item.
+  std::vector<std::pair<std::string, std::string>> xEventNatures();
+  void xFileData() KX_REQUIRES(*mDataMutex) { mDataInbox.fileInto(mDataItems, mDataList); }
+  void xFileEvents() KX_REQUIRES(*mEventMutex) { mEventInbox.fileInto(mEventItems, mEventList); }
+
+  boost::shared_ptr<KXMutex> mDataMutex;
+  boost::shared_ptr<KXMutex> mEventMutex;
+  KXCycleGate mCycleGate;
+  std::atomic<int> mPeriodMs{50};
+  KXSleepGate mSleepGate;
+  boost::posix_time::ptime mNextWakeTime KX_GUARDED_BY(*mPacingMutex);
+  boost::thread mWatchThread;
+  std::atomic<int> mMainThreadTaskId{0};
+  std::atomic<bool> mIsStarting{false};
+  std::atomic<bool> mIsWatching{false};
+  std::atomic<int> mCycleCount{1};
+  std::atomic<int> mCyclesPerPeriod{0};
+  bool mUseTimedSleep = true;  // constant once the constructor has run
+  boost::signals2::connection mVsmConnection;
+  KXListenerMap mDataItems KX_GUARDED_BY(*mDataMutex);
+  KXListenerMap mEventItems KX_GUARDED_BY(*mEventMutex);
+  boost::shared_ptr<KXMemoryProxy> mMemoryProxy;
+
+  KXSampleInbox mDataInbox;   // emptied only under mDataMutex
+  KXSampleInbox mEventInbox;  // emptied only under mEventMutex
+  KXWatchList mDataList KX_GUARDED_BY(*mDataMutex);
+  KXWatchList mEventList KX_GUARDED_BY(*mEventMutex);
+  boost::shared_ptr<KXMutex> mPacingMutex;   // mNextWakeTime and the period that belongs to it
+  boost::shared_ptr<KXMutex> mControlMutex;  // one start or stop at a time
+  std::shared_ptr<KXCallbackGuard> mVsmGuard;
+};
+
+}  // namespace KX
