@@ -1,0 +1,113 @@
+#include <kxproxies/kxmemoryproxy.hpp>
+
+#include <utility>
+#include <vector>
+
+#include <binding/kxproxycall.hpp>
+#include <kxcommon/kxbroker.hpp>
+#include <kxcommon/kxmodule.hpp>
+#include <kxerror/kxerror.hpp>
+
+namespace KX {
+
+namespace {
+
+// True if the module's one method of that name is declared as R(P...), so that it can be called
+// without making values of the arguments.
+template <class R, class... P>
+bool isDeclaredAs(KXProxy const& proxy, std::string const& method) {
+  if (!proxy.isLocal() || proxy.isScript()) return false;
+  KXMethodInfo const* const info = proxy.getModule()->findMethod(method);
+  if (info == nullptr || info->parameters.size() != sizeof...(P)) return false;
+  std::size_t i = 0;
+  return info->result.type == getParamStrType<R>() &&
+         ((info->parameters[i++].type == getParamStrType<P>()) && ...);
+}
+
+// A module that stands in for the store may declare its methods otherwise, as long as the
+// arguments can be converted.
+template <class R, class... P>
+R callStore(boost::shared_ptr<KXProxy> const& proxy, char const* methodName,
+            P const&... arguments) {
+  std::string const method(methodName);
+  if (isDeclaredAs<R, P...>(*proxy, method)) return proxy->call<R, P...>(method, arguments...);
+  return detail::convertResult<R>(
+      proxy->genericCall(method, KXValue::arrayOf(KXValue(arguments)...)));
+}
+
+bool isInService(KXProxy const& proxy) {
+  return !proxy.isLocal() || !proxy.getModule()->isClosing();
+}
+
+}  // namespace
+
+KXMemoryProxy::KXMemoryProxy(boost::shared_ptr<KXBroker> const& broker) : mBroker(broker) {}
+
+boost::shared_ptr<KXProxy> KXMemoryProxy::xProxy() {
+  boost::shared_ptr<KXProxy> known;
+  {
+    std::lock_guard const lock(mMutex);
+    known = mProxy;
+  }
+  if (known && isInService(*known)) return known;
+
+  boost::shared_ptr<KXBroker> const broker = mBroker.lock();
+  if (!broker) {
+    throw KXError("KXMemoryProxy", "getProxy", "the broker is gone", "kxproxies/kxmemoryproxy", 0);
+  }
+  boost::shared_ptr<KXProxy> const found = broker->getProxy("KXMemory", 0);
+  {
+    std::lock_guard const lock(mMutex);
+    mProxy = found;
+  }
+  // `known` may hold the former store's last reference: it dies here, without the lock.
+  return found;
+}
+
+KXValue KXMemoryProxy::getData(std::string const& name) {
+  return callStore<KXValue>(xProxy(), "getData", name);
+}
+
+KXValue KXMemoryProxy::getListData(KXValue const& names) {
+  return callStore<KXValue>(xProxy(), "getListData", names);
+}
+
+std::string KXMemoryProxy::getType(std::string const& name) {
+  return callStore<std::string>(xProxy(), "getType", name);
+}
+
+void KXMemoryProxy::subscribeToEvent(std::string const& name, std::string const& callbackModule,
+                                     std::string const& callbackMethod) {
+  callStore<void>(xProxy(), "subscribeToEvent", name, callbackModule, callbackMethod);
+}
+
+void KXMemoryProxy::subscribeToMicroEvent(std::string const& name,
+                                          std::string const& callbackModule,
+                                          std::string const& callbackMessage,
+                                          std::string const& callbackMethod) {
+  callStore<void>(xProxy(), "subscribeToMicroEvent", name, callbackModule, callbackMessage,
+                  callbackMethod);
+}
+
+void KXMemoryProxy::unsubscribeToEvent(std::string const& name, std::string const& callbackModule) {
+  callStore<void>(xProxy(), "unsubscribeToEvent", name, callbackModule);
+}
+
+void KXMemoryProxy::unsubscribeToMicroEvent(std::string const& name,
+                                            std::string const& callbackModule) {
+  callStore<void>(xProxy(), "unsubscribeToMicroEvent", name, callbackModule);
+}
+
+// Task ids are the broker's: no store is needed to ask for them. A broker that is gone has waited
+// for its parallel calls.
+bool KXMemoryProxy::isRunning(int taskId) {
+  boost::shared_ptr<KXBroker> const broker = mBroker.lock();
+  return broker && broker->isTaskRunning(taskId);
+}
+
+bool KXMemoryProxy::wait(int taskId, int timeoutMs) {
+  boost::shared_ptr<KXBroker> const broker = mBroker.lock();
+  return !broker || broker->waitForTask(taskId, timeoutMs);
+}
+
+}  // namespace KX

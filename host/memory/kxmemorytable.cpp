@@ -1,0 +1,222 @@
+#include <host/memory/kxmemorytable.hpp>
+
+#include <algorithm>
+#include <utility>
+
+#include <kxerror/kxerror.hpp>
+
+#include <host/memory/kxglob.hpp>
+
+namespace KX {
+
+namespace {
+
+[[noreturn]] void fail(char const* method, std::string const& text) {
+  throw KXError("KXMemory", method, text, "memory/kxmemory", 0);
+}
+
+[[noreturn]] void failUnknown(char const* method, std::string const& name) {
+  fail(method, "unknown key '" + name + "'");
+}
+
+char const* nameOf(KXKeyType type) {
+  switch (type) {
+    case KXKeyType::Data:
+      return "Data";
+    case KXKeyType::Event:
+      return "Event";
+    case KXKeyType::MicroEvent:
+      return "MicroEvent";
+    case KXKeyType::None:
+      break;
+  }
+  return "Unknown data";
+}
+
+void checkNames(KXValue const& names, char const* method) {
+  if (names.getType() != KXValue::TypeArray) {
+    fail(method, "expected the names as an array, got " + KXValue::TypeToString(names.getType()));
+  }
+  KXValue const* const elements = names.arrayData();
+  for (int i = 0; i < names.getSize(); ++i) {
+    if (elements[i].getType() != KXValue::TypeString) {
+      fail(method, "expected name " + std::to_string(i) + " to be a string, got " +
+                       KXValue::TypeToString(elements[i].getType()));
+    }
+  }
+}
+
+// A copy of the list without the subscription of `module` and without those that are gone.
+std::shared_ptr<KXSubscriptionList> copyWithout(KXSubscriptionList const* list,
+                                                std::string const& module) {
+  auto copy = std::make_shared<KXSubscriptionList>();
+  if (list == nullptr) return copy;
+  copy->name = list->name;
+  for (auto const& subscription : list->subscriptions) {
+    if (subscription->module != module && !subscription->isGone) {
+      copy->subscriptions.push_back(subscription);
+    }
+  }
+  return copy;
+}
+
+bool isSubscribed(KXSubscriptionList const* list, std::string const& module) {
+  return list != nullptr &&
+         std::any_of(list->subscriptions.begin(), list->subscriptions.end(),
+                     [&](auto const& one) { return one->module == module && !one->isGone; });
+}
+
+}  // namespace
+
+KXMemorySlot& KXMemoryTable::slotToWrite(std::string const& name, KXKeyType type,
+                                         char const* method) {
+  KXMemorySlot& slot = mSlots[name];
+  if (slot.type == type) return slot;
+  if (slot.type != KXKeyType::None) checkType(name, type, method);
+  if (std::exchange(slot.isReserved, false)) --mReservedCount;
+  slot.type = type;
+  return slot;
+}
+
+void KXMemoryTable::checkType(std::string const& name, KXKeyType type, char const* method) const {
+  auto const place = mSlots.find(name);
+  if (place == mSlots.end()) return;
+  KXKeyType const actual = place->second.type;
+  if (actual == KXKeyType::None || actual == type) return;
+  fail(method, "expected key '" + name + "' to be of type " + nameOf(type) + ", it is of type " +
+                   nameOf(actual));
+}
+
+KXMemorySlot const& KXMemoryTable::slotToRead(std::string const& name, char const* method) const {
+  auto const place = mSlots.find(name);
+  if (place == mSlots.end() || place->second.type == KXKeyType::None) failUnknown(method, name);
+  return place->second;
+}
+
+std::string KXMemoryTable::typeName(std::string const& name, char const* method) const {
+  auto const place = mSlots.find(name);
+  bool const isKnown =
+      place != mSlots.end() && (place->second.type != KXKeyType::None || place->second.isReserved);
+  if (!isKnown) failUnknown(method, name);
+  return nameOf(place->second.type);
+}
+
+void KXMemoryTable::remove(std::string const& name, KXValue& former, char const* method) {
+  auto const place = mSlots.find(name);
+  if (place == mSlots.end() || place->second.type == KXKeyType::None) failUnknown(method, name);
+  KXMemorySlot& slot = place->second;
+  slot.type = KXKeyType::None;
+  former.swap(slot.value);
+  slot.value = KXValue();
+  xForgetBatches(slot);
+  xEraseIfUnused(place);
+}
+
+std::vector<std::string> KXMemoryTable::keys(std::string const& pattern) const {
+  std::vector<std::string> names;
+  for (auto const& [name, slot] : mSlots) {
+    if (slot.type == KXKeyType::None) continue;
+    if (pattern.empty() || matchesGlob(pattern, name)) names.push_back(name);
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+KXValue KXMemoryTable::read(KXValue const& names, char const* method) {
+  auto const known = std::find_if(mBatches.begin(), mBatches.end(), [&](Batch const& batch) {
+    return batch.names.sharesBlockWith(names) && batch.version == mVersion;
+  });
+  Batch const& batch = known != mBatches.end() ? *known : xResolve(names, method);
+  if (known != mBatches.end()) known->lastUse = ++mUseCount;
+
+  KXValue result;
+  result.arraySetSize(static_cast<int>(batch.slots.size()));
+  KXValue* value = result.arrayData();
+  for (KXMemorySlot const* slot : batch.slots) {
+    if (slot != nullptr) *value = slot->value;
+    ++value;
+  }
+  return result;
+}
+
+KXMemoryTable::Batch const& KXMemoryTable::xResolve(KXValue const& names, char const* method) {
+  checkNames(names, method);
+  Batch& batch =
+      *std::min_element(mBatches.begin(), mBatches.end(),
+                        [](auto const& a, auto const& b) { return a.lastUse < b.lastUse; });
+  batch.names = KXValue();
+  batch.slots.clear();
+  batch.slots.reserve(static_cast<std::size_t>(names.getSize()));
+  KXValue const* const elements = names.arrayData();
+  bool isComplete = true;
+  for (int i = 0; i < names.getSize(); ++i) {
+    KXMemorySlot* const slot = xReserve(static_cast<std::string const&>(elements[i]));
+    if (slot != nullptr) slot->isInBatch = true;
+    isComplete = isComplete && slot != nullptr;
+    batch.slots.push_back(slot);
+  }
+  // A list with names that got no slot is not remembered: they may be written at any time.
+  if (isComplete) batch.names = names;
+  batch.version = mVersion;
+  batch.lastUse = isComplete ? ++mUseCount : 0;
+  return batch;
+}
+
+// The name's slot, made and reserved if nobody wrote it; null if no more can be reserved.
+KXMemorySlot* KXMemoryTable::xReserve(std::string const& name) {
+  auto place = mSlots.find(name);
+  bool const isReserved =
+      place != mSlots.end() && (place->second.type != KXKeyType::None || place->second.isReserved);
+  if (isReserved) return &place->second;
+  if (mReservedCount == kMaxReserved) return nullptr;
+  if (place == mSlots.end()) place = mSlots.try_emplace(name).first;
+  place->second.isReserved = true;
+  ++mReservedCount;
+  return &place->second;
+}
+
+void KXMemoryTable::xForgetBatches(KXMemorySlot& slot) {
+  if (std::exchange(slot.isInBatch, false)) ++mVersion;
+}
+
+void KXMemoryTable::xEraseIfUnused(Slots::iterator place) {
+  KXMemorySlot& slot = place->second;
+  if (slot.type != KXKeyType::None || slot.isReserved) return;
+  if (slot.eventSubscribers || slot.microEventSubscribers) return;
+  mSlots.erase(place);
+}
+
+void KXMemoryTable::subscribe(std::string const& name, KXKeyType kind,
+                              std::shared_ptr<KXSubscription> subscription, char const* method) {
+  checkType(name, kind, method);
+  std::shared_ptr<KXSubscriptionList>& list = mSlots[name].subscribers(kind);
+  auto replacement = copyWithout(list.get(), subscription->module);
+  if (!replacement->name.isValid()) replacement->name = KXValue(name);
+  replacement->subscriptions.push_back(std::move(subscription));
+  list = std::move(replacement);
+}
+
+void KXMemoryTable::unsubscribe(std::string const& name, KXKeyType kind, std::string const& module,
+                                char const* method) {
+  auto const place = mSlots.find(name);
+  if (place == mSlots.end() || !isSubscribed(place->second.subscribers(kind).get(), module)) {
+    fail(method, "module '" + module + "' has no subscription to key '" + name + "'");
+  }
+  std::shared_ptr<KXSubscriptionList>& list = place->second.subscribers(kind);
+  list = copyWithout(list.get(), module);
+  if (list->subscriptions.empty()) list.reset();
+  xEraseIfUnused(place);
+}
+
+std::shared_ptr<KXSubscriptionList> const& KXMemoryTable::currentSubscribers(KXMemorySlot& slot,
+                                                                             KXKeyType kind) {
+  std::shared_ptr<KXSubscriptionList>& list = slot.subscribers(kind);
+  if (list && list->hasGone) {
+    // No module can have an empty name, so this drops those that are gone and nobody else.
+    list = copyWithout(list.get(), "");
+    if (list->subscriptions.empty()) list.reset();
+  }
+  return list;
+}
+
+}  // namespace KX

@@ -1,0 +1,137 @@
+#include <host/vsm/kxvsm.hpp>
+
+#include <cerrno>
+#include <exception>
+
+#include <pthread.h>
+#include <sched.h>
+#include <time.h>
+
+#include <binding/kxfunctor.hpp>
+#include <binding/kxsignature.hpp>
+#include <ka/log.hpp>
+#include <ka/os.hpp>
+
+namespace KX {
+
+namespace {
+
+constexpr std::int64_t kNsPerSecond = 1'000'000'000;
+// Above ordinary real-time work, below the kernel's own threads.
+constexpr int kPriority = 60;
+
+std::int64_t nowNs() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return now.tv_sec * kNsPerSecond + now.tv_nsec;
+}
+
+void sleepUntil(std::int64_t deadlineNs) {
+  timespec const deadline{static_cast<time_t>(deadlineNs / kNsPerSecond),
+                          static_cast<long>(deadlineNs % kNsPerSecond)};
+  while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &deadline, nullptr) == EINTR) {
+  }
+}
+
+// Without the right to it, the thread stays an ordinary one: the cycle is later, but there.
+void askForRealTimePriority() {
+  sched_param parameters{};
+  parameters.sched_priority = kPriority;
+  pthread_setschedparam(pthread_self(), SCHED_FIFO, &parameters);
+}
+
+void logFailure(char const* what) {
+  ka::log::LogStream(ka::log::Warning, "VSM", "", "cycle", 0) << "a cycle slot failed: " << what;
+}
+
+}  // namespace
+
+KXCycleStep nextCycle(std::int64_t deadlineNs, std::int64_t nowNs) noexcept {
+  std::int64_t const lateNs = nowNs - (deadlineNs + KXVsm::kCycleNs);
+  std::int64_t const missed = lateNs <= 0 ? 0 : (lateNs + KXVsm::kCycleNs - 1) / KXVsm::kCycleNs;
+  return {deadlineNs + (missed + 1) * KXVsm::kCycleNs, static_cast<int>(missed)};
+}
+
+KXVsm::KXVsm(boost::shared_ptr<KXBroker> const& broker)
+    : KXModule(broker, "VSM"), mIsStopping(std::make_shared<std::atomic<bool>>(false)) {
+  setModuleDescription("The hardware cycle: a signal every 10 ms.");
+  functionName("getCycleCount", getName(), "Tells how often the cycle has been raised.", 0);
+  setReturn("count", "cycles since the start");
+  completeAndCheck(&KXVsm::getCycleCount, getCurrentMethodDescription());
+  bindMethod(createFunctor(this, &KXVsm::getCycleCount));
+
+  functionName("getMissedCycleCount", getName(), "Tells how many cycles were late and skipped.", 0);
+  setReturn("count", "cycles that were not raised because their time had passed");
+  completeAndCheck(&KXVsm::getMissedCycleCount, getCurrentMethodDescription());
+  bindMethod(createFunctor(this, &KXVsm::getMissedCycleCount));
+}
+
+KXVsm::~KXVsm() {
+  xStop();
+}
+
+void KXVsm::init() {
+  std::lock_guard const lock(mMutex);
+  mThread = std::thread([module = boost::weak_ptr<KXModuleCore>(shared_from_this()),
+                         isStopping = mIsStopping] { xRun(module, *isStopping); });
+}
+
+void KXVsm::exit() {
+  xStop();
+  KXModule::exit();  // Last: the module may die in it.
+}
+
+void KXVsm::xStop() {
+  std::thread thread;
+  {
+    std::lock_guard const lock(mMutex);
+    *mIsStopping = true;
+    thread.swap(mThread);
+  }
+  if (!thread.joinable()) return;
+  if (thread.get_id() == std::this_thread::get_id()) {
+    thread.detach();
+  } else {
+    thread.join();
+  }
+}
+
+void KXVsm::xRun(boost::weak_ptr<KXModuleCore> const& module, std::atomic<bool> const& isStopping) {
+  ka::os::FineTimers const fineTimers;
+  askForRealTimePriority();
+  std::int64_t deadlineNs = nowNs() + kCycleNs;
+  while (true) {
+    sleepUntil(deadlineNs);
+    if (isStopping) return;
+    // Held for one cycle only: the module's end is its owner's matter, also in the midst of this.
+    boost::shared_ptr<KXModuleCore> const core = module.lock();
+    if (!core) return;
+    KXVsm& vsm = static_cast<KXVsm&>(*core);
+    vsm.xCycle();
+    KXCycleStep const step = nextCycle(deadlineNs, nowNs());
+    vsm.mMissedCycleCount += static_cast<std::uint32_t>(step.missedCycles);
+    deadlineNs = step.deadlineNs;
+  }
+}
+
+void KXVsm::xCycle() noexcept {
+  ++mCycleCount;
+  try {
+    cycleSignal()();
+  } catch (std::exception const& error) {
+    // A slot that fails must not stop the machine's cycle.
+    logFailure(error.what());
+  } catch (...) {
+    logFailure("an exception of unknown type");
+  }
+}
+
+int KXVsm::getCycleCount() {
+  return static_cast<int>(mCycleCount.load() & 0x7fffffffU);
+}
+
+int KXVsm::getMissedCycleCount() {
+  return static_cast<int>(mMissedCycleCount.load() & 0x7fffffffU);
+}
+
+}  // namespace KX
