@@ -13,30 +13,26 @@
 
 namespace KX {
 
-struct KXValue::TextBlock : KXValue::Block {
-  explicit TextBlock(std::string content) : text(std::move(content)) {}
-  std::string text;
-};
-
 namespace {
 
 [[noreturn]] void fail(char const* method, std::string const& text) {
   throw KXError("KXValue", method, text, "kxvalue/kxvalue", 0);
 }
 
-[[noreturn]] void failType(char const* method, KXValue::Type expected, KXValue::Type given) {
-  fail(method, "expected a value of type " + KXValue::TypeToString(expected) + ", got " +
-                   KXValue::TypeToString(given));
-}
-
-[[noreturn]] void failIndex(int index, std::uint32_t size) {
-  fail("operator[]", "index " + std::to_string(index) + " is out of range, the array has " +
-                         std::to_string(size) + " elements");
-}
-
 std::size_t checkedSize(char const* method, int size) {
   if (size < 0) fail(method, "expected a size of 0 or more, got " + std::to_string(size));
   return static_cast<std::size_t>(size);
+}
+
+// Room for `wanted` elements in place of the `kept` ones. An array that grows at least doubles, so
+// that growing it one by one costs linear time.
+std::size_t grownCapacity(std::size_t kept, std::size_t wanted) {
+  constexpr std::size_t kMost = std::numeric_limits<int>::max();
+  if (wanted > kMost) {
+    fail("arrayReserve",
+         "an array holds at most 2147483647 elements, asked for " + std::to_string(wanted));
+  }
+  return wanted > kept ? std::max(wanted, std::min(2 * kept, kMost)) : kept;
 }
 
 std::string base64(std::string const& bytes) {
@@ -72,10 +68,6 @@ std::string jsonString(std::string const& text) {
 
 }  // namespace
 
-KXValue::KXValue(Type type, TextBlock* block) noexcept : mHead(type | kHasBlock), mPayload{0} {
-  mPayload.asBlock = block;
-}
-
 KXValue::KXValue(char const* text) : KXValue(std::string(text == nullptr ? "" : text)) {}
 
 KXValue::KXValue(std::string text) : KXValue(TypeString, new TextBlock(std::move(text))) {}
@@ -94,70 +86,83 @@ KXValue::KXValue(std::vector<std::string> const& texts) : KXValue() {
 KXValue::KXValue(std::vector<KXValue> elements) : KXValue() {
   xOwnArray(elements.size());
   ArrayBlock* const block = xArray();
-  for (KXValue& element : elements) new (block->elements() + block->size++) KXValue(std::move(element));
+  for (KXValue& element : elements)
+    new (block->elements() + block->size++) KXValue(std::move(element));
 }
 
-KXValue::ArrayBlock* KXValue::xAllocate(std::size_t capacity) {
-  if (capacity > static_cast<std::size_t>(std::numeric_limits<int>::max())) {
-    fail("arrayReserve", "an array holds at most 2147483647 elements, asked for " +
-                             std::to_string(capacity));
-  }
-  return new (::operator new(sizeof(ArrayBlock) + capacity * sizeof(KXValue))) ArrayBlock;
-}
-
-void KXValue::xRelease() noexcept {
-  Block* const block = mPayload.asBlock;
-  // The last owner needs no atomic write: nobody else can take a share any more.
-  if (block->references.load(std::memory_order_acquire) != 1 &&
-      block->references.fetch_sub(1, std::memory_order_acq_rel) != 1) {
+// Frees a block that has lost its last owner, and what an array was the last to own. A loop and not
+// a recursion, so that no depth of nesting can overflow the stack: the way back up stands in the
+// elements that have been dropped.
+void KXValue::xFree(Block* block, Type type) noexcept {
+  if (type != TypeArray) {
+    delete static_cast<TextBlock*>(block);
     return;
   }
-  if (getType() == TypeArray) {
-    ArrayBlock* const array = static_cast<ArrayBlock*>(block);
-    std::destroy_n(array->elements(), array->size);
-    array->~ArrayBlock();
+  ArrayBlock* parent = nullptr;
+  ArrayBlock* array = static_cast<ArrayBlock*>(block);
+  for (;;) {
+    if (ArrayBlock* const child = xDropElements(array); child != nullptr) {
+      array->elements()[array->size].mPayload.asBlock = parent;
+      parent = array;
+      array = child;
+      continue;
+    }
     ::operator delete(array);
-  } else {
-    delete static_cast<TextBlock*>(block);
+    if (parent == nullptr) return;
+    array = parent;
+    parent = array->elements()[array->size].xArray();
   }
+}
+
+// Drops elements from the end up to the first array that loses its last owner by it, and gives that
+// array's block; null when no element is left.
+KXValue::ArrayBlock* KXValue::xDropElements(ArrayBlock* array) noexcept {
+  while (array->size > 0) {
+    KXValue const& last = array->elements()[--array->size];
+    if (!last.hasBlock() || !xDropShare(last.mPayload.asBlock)) continue;
+    if (last.getType() == TypeArray) return last.xArray();
+    delete last.xText();
+  }
+  return nullptr;
 }
 
 // Makes this an array whose block nobody shares, with room for `capacity` elements: its elements
 // are kept, a value that was no array becomes an empty one.
 void KXValue::xOwnArray(std::size_t capacity) {
-  bool const isArray = getType() == TypeArray;
-  bool const isAlone =
-      isArray && mPayload.asBlock->references.load(std::memory_order_acquire) == 1;
+  bool const isAlone = xIsAloneArray();
   if (isAlone && capacity <= xCapacity()) return;
 
-  std::size_t const kept = isArray ? xArray()->size : 0;
-  std::size_t const room = std::max(capacity, kept);
-  ArrayBlock* const block = xAllocate(room);
-  if (isArray) {
-    KXValue* const old = xArray()->elements();
-    for (; block->size < kept; ++block->size) {
-      KXValue* const target = block->elements() + block->size;
-      if (isAlone) {
-        new (target) KXValue(std::move(old[block->size]));
-      } else {
-        new (target) KXValue(old[block->size]);
-      }
+  std::size_t const kept = getType() == TypeArray ? xArray()->size : 0;
+  std::size_t const room = grownCapacity(kept, capacity);
+  KXValue grown;
+  grown.xSetArray(xNewBlock(room), room);
+  ArrayBlock* const block = grown.xArray();
+  for (; block->size < kept; ++block->size) {
+    KXValue& old = xArray()->elements()[block->size];
+    KXValue* const target = block->elements() + block->size;
+    if (isAlone) {
+      new (target) KXValue(std::move(old));
+    } else {
+      new (target) KXValue(old);
     }
   }
-  if (hasBlock()) xRelease();
-  xSetArray(block, room);
+  swap(grown);
 }
 
-int KXValue::getSize() const noexcept {
-  switch (getType()) {
-    case TypeArray:
-      return static_cast<int>(xArray()->size);
-    case TypeString:
-    case TypeBinary:
-      return static_cast<int>(static_cast<TextBlock*>(mPayload.asBlock)->text.size());
-    default:
-      return 0;
-  }
+void KXValue::xMakeRoom() {
+  if (isValid() && getType() != TypeArray) xFailType("arrayPush", TypeArray);
+  xOwnArray(std::max<std::size_t>(4, static_cast<std::size_t>(getSize()) + 1));
+}
+
+void KXValue::xFailType(char const* method, Type expected) const {
+  fail(method,
+       "expected a value of type " + TypeToString(expected) + ", got " + TypeToString(getType()));
+}
+
+void KXValue::xFailIndex(int index) const {
+  if (getType() != TypeArray) xFailType("operator[]", TypeArray);
+  fail("operator[]", "index " + std::to_string(index) + " is out of range, the array has " +
+                         std::to_string(xArray()->size) + " elements");
 }
 
 void KXValue::arraySetSize(int size) {
@@ -174,74 +179,23 @@ void KXValue::arraySetSize(int size) {
 }
 
 void KXValue::arrayReserve(int capacity) {
-  if (isValid() && getType() != TypeArray) failType("arrayReserve", TypeArray, getType());
+  if (isValid() && getType() != TypeArray) xFailType("arrayReserve", TypeArray);
   xOwnArray(checkedSize("arrayReserve", capacity));
 }
 
-void KXValue::arrayPush(KXValue element) {
-  if (isValid() && getType() != TypeArray) failType("arrayPush", TypeArray, getType());
-  std::size_t const size = static_cast<std::size_t>(getSize());
-  bool const isFull = getType() != TypeArray || size == xCapacity();
-  xOwnArray(isFull ? std::max<std::size_t>(4, 2 * size) : size + 1);
-  ArrayBlock* const block = xArray();
-  new (block->elements() + block->size) KXValue(std::move(element));
-  ++block->size;
-}
-
-KXValue& KXValue::operator[](int index) {
-  if (getType() != TypeArray) failType("operator[]", TypeArray, getType());
-  std::uint32_t const size = xArray()->size;
-  if (index < 0 || static_cast<std::uint32_t>(index) >= size) failIndex(index, size);
-  xOwnArray(size);
-  return xArray()->elements()[index];
-}
-
-KXValue const& KXValue::operator[](int index) const {
-  if (getType() != TypeArray) failType("operator[]", TypeArray, getType());
-  ArrayBlock* const block = xArray();
-  if (index < 0 || static_cast<std::uint32_t>(index) >= block->size) failIndex(index, block->size);
-  return block->elements()[index];
-}
-
 KXValue* KXValue::arrayData() {
-  if (getType() != TypeArray) failType("arrayData", TypeArray, getType());
-  xOwnArray(xArray()->size);
+  if (getType() != TypeArray) xFailType("arrayData", TypeArray);
+  xOwnArray(0);
   return xArray()->elements();
 }
 
 KXValue const* KXValue::arrayData() const {
-  if (getType() != TypeArray) failType("arrayData", TypeArray, getType());
+  if (getType() != TypeArray) xFailType("arrayData", TypeArray);
   return xArray()->elements();
 }
 
-KXValue::operator bool() const {
-  if (getType() != TypeBool) failType("operator bool", TypeBool, getType());
-  return mPayload.asBool;
-}
-
-KXValue::operator int() const {
-  if (getType() != TypeInt) failType("operator int", TypeInt, getType());
-  return mPayload.asInt;
-}
-
-KXValue::operator double() const {
-  if (getType() == TypeInt) return mPayload.asInt;
-  if (getType() != TypeFloat) failType("operator double", TypeFloat, getType());
-  return mPayload.asDouble;
-}
-
-KXValue::operator std::string const&() const {
-  if (getType() != TypeString) failType("operator std::string", TypeString, getType());
-  return static_cast<TextBlock*>(mPayload.asBlock)->text;
-}
-
-std::string const& KXValue::getBinary() const {
-  if (getType() != TypeBinary) failType("getBinary", TypeBinary, getType());
-  return static_cast<TextBlock*>(mPayload.asBlock)->text;
-}
-
 void KXValue::ToStringArray(std::vector<std::string>& texts, bool convertElements) const {
-  if (getType() != TypeArray) failType("ToStringArray", TypeArray, getType());
+  if (getType() != TypeArray) xFailType("ToStringArray", TypeArray);
   KXValue const* const elements = xArray()->elements();
   texts.reserve(texts.size() + xArray()->size);
   for (std::uint32_t i = 0; i < xArray()->size; ++i) {
@@ -278,7 +232,7 @@ void KXValue::xAppendText(std::string& out, int verbosity) const {
       break;
     case TypeFloat:
       out += isJson && !isTyped && !std::isfinite(mPayload.asDouble) ? "null"
-                                                                      : floatText(mPayload.asDouble);
+                                                                     : floatText(mPayload.asDouble);
       break;
     case TypeString:
       out += isJson ? jsonString(static_cast<std::string const&>(*this))
@@ -333,8 +287,7 @@ bool KXValue::operator==(KXValue const& other) const {
       return mPayload.asDouble == other.mPayload.asDouble;
     case TypeString:
     case TypeBinary:
-      return static_cast<TextBlock*>(mPayload.asBlock)->text ==
-             static_cast<TextBlock*>(other.mPayload.asBlock)->text;
+      return xText()->text == other.xText()->text;
     case TypeArray:
       return std::equal(xArray()->elements(), xArray()->elements() + xArray()->size,
                         other.xArray()->elements(),
