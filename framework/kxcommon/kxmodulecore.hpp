@@ -64,7 +64,7 @@ class KX_API KXModuleCore : public boost::enable_shared_from_this<KXModuleCore> 
                     std::string const& description, int flags);
   void addParam(std::string const& name, std::string const& description);
   void setReturn(std::string const& name, std::string const& description);
-  /// The description that functionName() opened last; KXError before the first one.
+  /// The description that functionName() opened; KXError if none is open.
   KXMethodInfo& getCurrentMethodDescription();
   /// Closes the current description with its functor and adds it to the table.
   void bindMethod(boost::shared_ptr<KXFunctorBase> functor);

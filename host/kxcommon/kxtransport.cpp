@@ -1,0 +1,7 @@
+#include <kxcommon/kxtransport.hpp>
+
+namespace KX {
+
+KXTransport::~KXTransport() = default;
+
+}  // namespace KX
