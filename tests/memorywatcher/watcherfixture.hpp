@@ -1,0 +1,307 @@
+// The module in a broker with a launcher, a store and, on request, a hardware cycle that the test
+// drives by hand; a record of what was logged; and a look at what no client can see.
+#pragma once
+
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <fstream>
+#include <functional>
+#include <mutex>
+#include <ostream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <boost/smart_ptr/make_shared.hpp>
+#include <boost/smart_ptr/shared_ptr.hpp>
+
+#include <binding/kxfunctor.hpp>
+#include <binding/kxproxycall.hpp>
+#include <binding/kxsignature.hpp>
+#include <ka/log.hpp>
+#include <ka/os.hpp>
+#include <kxcommon/kxbroker.hpp>
+#include <kxcommon/kxmodule.hpp>
+#include <kxerror/kxerror.hpp>
+#include <kxthread/kxcriticalsection.hpp>
+#include <kxthread/kxmutex.hpp>
+#include <kxvalue/kxvalue.hpp>
+#include <memorywatcher/kxmemorywatcher.hpp>
+#include <tests/support/fakememory.hpp>
+#include <tests/support/fakevsm.hpp>
+
+namespace KX {
+
+inline void PrintTo(KXValue const& value, std::ostream* out) {
+  *out << value.toString(2);
+}
+inline void PrintTo(FakeMemory::Call const& call, std::ostream* out) {
+  *out << call.method << KXValue(call.arguments).toString(1);
+}
+
+/// What no client can see or do. The maps are copies, taken under their mutex, with everything
+/// filed that was waiting.
+struct KXMemoryWatcherForTest {
+  static KXListenerMap dataItems(KXMemoryWatcher& watcher) {
+    KXCriticalSection const lock(watcher.mDataMutex);
+    watcher.xFileData();
+    return watcher.mDataItems;
+  }
+  static KXListenerMap eventItems(KXMemoryWatcher& watcher) {
+    KXCriticalSection const lock(watcher.mEventMutex);
+    watcher.xFileEvents();
+    return watcher.mEventItems;
+  }
+  static boost::shared_ptr<KXMutex> dataMutex(KXMemoryWatcher& watcher) {
+    return watcher.mDataMutex;
+  }
+  static boost::shared_ptr<KXMutex> eventMutex(KXMemoryWatcher& watcher) {
+    return watcher.mEventMutex;
+  }
+  /// One update cycle over one map, on the caller's thread.
+  static void updateData(KXMemoryWatcher& watcher) { watcher.xUpdateValues(watcher.xDataItems()); }
+  static void updateEvents(KXMemoryWatcher& watcher) {
+    watcher.xUpdateValues(watcher.xEventItems());
+  }
+  /// The flag alone: the module takes itself for watching, but no loop runs.
+  static void setWatching(KXMemoryWatcher& watcher, bool isOn) { watcher.mIsWatching = isOn; }
+  static int periodMs(KXMemoryWatcher& watcher) { return watcher.mPeriodMs; }
+  static int cyclesPerPeriod(KXMemoryWatcher& watcher) { return watcher.mCyclesPerPeriod; }
+  static bool usesTimedSleep(KXMemoryWatcher& watcher) { return watcher.mUseTimedSleep; }
+  static bool isStarting(KXMemoryWatcher& watcher) { return watcher.mIsStarting; }
+  static int mainThreadTaskId(KXMemoryWatcher& watcher) { return watcher.mMainThreadTaskId; }
+};
+
+/// A launcher that answers what its broker has, unless the test gives it a hook of its own.
+class FakeLauncher : public KXModule {
+ public:
+  using Hook = std::function<bool(std::string const& name)>;
+
+  explicit FakeLauncher(boost::shared_ptr<KXBroker> const& broker)
+      : KXModule(broker, "KXLauncher") {
+    auto const member = &FakeLauncher::isModulePresent;
+    functionName("isModulePresent", getName(), "", 0);
+    completeAndCheck(member, getCurrentMethodDescription());
+    bindMethod(createFunctor(this, member));
+  }
+
+  bool isModulePresent(std::string const& name) {
+    mAsked.push_back(name);
+    return mHook ? mHook(name) : getParentBroker()->isModulePresent(name);
+  }
+  void setHook(Hook hook) { mHook = std::move(hook); }
+  /// The names it was asked for, in order.
+  std::vector<std::string> const& asked() const { return mAsked; }
+
+ private:
+  Hook mHook;
+  std::vector<std::string> mAsked;
+};
+
+/// A log record but for its time.
+struct LogLine {
+  int level;
+  std::string category;
+  std::string file;
+  std::string function;
+  int line;
+  std::string text;
+
+  bool operator==(LogLine const&) const = default;
+};
+inline void PrintTo(LogLine const& line, std::ostream* out) {
+  *out << line.level << " [" << line.category << "] '" << line.file << "' " << line.function << ":"
+       << line.line << " \"" << line.text << '"';
+}
+
+/// Keeps what is logged during its lifetime, and keeps stderr quiet.
+class LogCapture {
+ public:
+  LogCapture() {
+    ka::log::setStderrLevel(0);
+    ka::log::addHandler("watcherfixture", [this](ka::log::Record const& record) {
+      std::lock_guard const lock(mMutex);
+      mLines.push_back(
+          {record.level, record.category, record.file, record.function, record.line, record.text});
+    });
+  }
+  ~LogCapture() {
+    ka::log::removeHandler("watcherfixture");
+    ka::log::setStderrLevel(ka::log::Warning);
+  }
+  LogCapture(LogCapture const&) = delete;
+  LogCapture& operator=(LogCapture const&) = delete;
+
+  std::vector<LogLine> lines() const {
+    std::lock_guard const lock(mMutex);
+    return mLines;
+  }
+  void clear() {
+    std::lock_guard const lock(mMutex);
+    mLines.clear();
+  }
+
+ private:
+  mutable std::mutex mMutex;
+  std::vector<LogLine> mLines;
+};
+
+/// A call on a thread of its own; the destructor waits for its end. The call must not throw.
+class Caller {
+ public:
+  explicit Caller(std::function<void()> call)
+      : mThread([this, call = std::move(call)] {
+          mThreadId = gettid();
+          call();
+          mIsDone = true;
+        }) {}
+  ~Caller() { join(); }
+  Caller(Caller const&) = delete;
+  Caller& operator=(Caller const&) = delete;
+
+  bool isDone() const { return mIsDone; }
+  void join() {
+    if (mThread.joinable()) mThread.join();
+  }
+  /// Waits until the call sleeps in the kernel and has not been woken over many looks: true; or
+  /// until it is over: false. False, too, after 30 s.
+  bool isParked() const {
+    auto const end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    std::string former;
+    int sameCount = 0;
+    while (!mIsDone && sameCount < 200 && std::chrono::steady_clock::now() < end) {
+      std::string const state = xSleepState();
+      sameCount = !state.empty() && state == former ? sameCount + 1 : 0;
+      former = state;
+      std::this_thread::yield();
+    }
+    return !mIsDone && sameCount >= 200;
+  }
+
+ private:
+  // The count of voluntary switches of a sleeping thread; empty if the thread is not sleeping.
+  std::string xSleepState() const {
+    std::ifstream status("/proc/self/task/" + std::to_string(mThreadId) + "/status");
+    bool isAsleep = false;
+    for (std::string line; std::getline(status, line);) {
+      if (line.starts_with("State:")) isAsleep = line.find('S', 6) != std::string::npos;
+      if (isAsleep && line.starts_with("voluntary_ctxt_switches:")) return line;
+    }
+    return "";
+  }
+
+  std::atomic<int> mThreadId{0};
+  std::atomic<bool> mIsDone{false};
+  std::thread mThread;
+};
+
+/// True if a thread other than the caller's cannot have the mutex now.
+inline bool isHeld(boost::shared_ptr<KXMutex> const& mutex) {
+  bool wasLocked = false;
+  std::thread([&] { KXCriticalTrueIfLocked const probe(mutex, wasLocked); }).join();
+  return wasLocked;
+}
+
+/// Microseconds since 1970.
+inline std::int64_t micros(ka::os::timeval time) {
+  return time.tv_sec * 1'000'000 + time.tv_usec;
+}
+inline std::int64_t nowMicros() {
+  ka::os::timeval time;
+  ka::os::gettimeofday(&time);
+  return micros(time);
+}
+
+/// The parts of [[[seconds, microseconds], value], ...].
+inline std::vector<KXValue> valuesOf(KXValue const& samples) {
+  std::vector<KXValue> values;
+  for (int i = 0; i < samples.getSize(); ++i) values.push_back(samples[i][1]);
+  return values;
+}
+inline std::vector<std::int64_t> timesOf(KXValue const& samples) {
+  std::vector<std::int64_t> times;
+  for (int i = 0; i < samples.getSize(); ++i) {
+    times.push_back(static_cast<int>(samples[i][0][0]) * std::int64_t{1'000'000} +
+                    static_cast<int>(samples[i][0][1]));
+  }
+  return times;
+}
+
+/// An error whose message is null.
+class SilentError : public KXError {
+ public:
+  SilentError() : KXError("FakeMemory", "", "", "", 0) {}
+  char const* what() const noexcept override { return nullptr; }
+};
+
+/// The module, made and published, in a broker of its own. Calls go through the broker as a
+/// client's do. `watch()` only sets the flag, so the store's record holds the test's calls alone;
+/// `call("startWatching", 10)` starts the real loop.
+class WatcherTest : public testing::Test {
+ protected:
+  enum class Pacing { Timed, Cycle };
+  using ForTest = KXMemoryWatcherForTest;
+  using Names = std::vector<std::string>;
+  using Calls = std::vector<FakeMemory::Call>;
+
+  explicit WatcherTest(Pacing pacing = Pacing::Timed)
+      : mBroker(KXBroker::createBroker("test")),
+        mLauncher(KXModule::createModule<FakeLauncher>(mBroker)),
+        mMemory(KXModule::createModule<FakeMemory>(mBroker)) {
+    if (pacing == Pacing::Cycle) mVsm = KXModule::createModule<FakeVsm>(mBroker);
+    mWatcher = KXModule::createModule<KXMemoryWatcher>(mBroker);
+  }
+  ~WatcherTest() override {
+    mWatcher.reset();
+    mBroker->shutdown();
+  }
+
+  /// Takes the module out of service and drops it; its destructor runs here.
+  void destroyWatcher() {
+    mWatcher.reset();
+    mBroker->removeModule("KXMemoryWatcher");
+  }
+
+  boost::shared_ptr<KXProxy> client() { return mBroker->getProxy("KXMemoryWatcher", 0); }
+  template <class... P>
+  void call(std::string const& method, P const&... arguments) {
+    client()->call<void, P...>(method, arguments...);
+  }
+  void add(std::string const& name) { call("addListener", name); }
+  void remove(std::string const& name) { call("removeListener", name); }
+  Names listeners() { return client()->call<Names>("listeners"); }
+  KXValue fetch() { return client()->genericCall("getData", KXValue(std::vector<KXValue>())); }
+  /// Raises a key as the store does: a call of the module's callback.
+  void raise(std::string const& name, KXValue const& value, KXValue const& message = KXValue("")) {
+    client()->genericCall("_onEventNotify", KXValue(std::vector<KXValue>{name, value, message}));
+  }
+  void watch(bool isOn = true) { ForTest::setWatching(*mWatcher, isOn); }
+  void update() { ForTest::updateData(*mWatcher); }
+
+  KXListenerMap dataItems() { return ForTest::dataItems(*mWatcher); }
+  KXListenerMap eventItems() { return ForTest::eventItems(*mWatcher); }
+  boost::shared_ptr<KXMutex> dataMutex() { return ForTest::dataMutex(*mWatcher); }
+  boost::shared_ptr<KXMutex> eventMutex() { return ForTest::eventMutex(*mWatcher); }
+
+  LogCapture mLog;
+  boost::shared_ptr<KXBroker> const mBroker;
+  boost::shared_ptr<FakeLauncher> const mLauncher;
+  boost::shared_ptr<FakeMemory> const mMemory;
+  boost::shared_ptr<FakeVsm> mVsm;  // null under timed pacing
+  boost::shared_ptr<KXMemoryWatcher> mWatcher;
+};
+
+/// The same with the hardware cycle of mVsm.
+class CycleWatcherTest : public WatcherTest {
+ protected:
+  CycleWatcherTest() : WatcherTest(Pacing::Cycle) {}
+};
+
+}  // namespace KX
