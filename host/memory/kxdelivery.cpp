@@ -25,6 +25,11 @@ void logGone(KXSubscription const& subscription, KXValue const& name) {
       << name.toString() << "' is dropped";
 }
 
+void logDropped(std::size_t count) {
+  ka::log::LogStream(ka::log::Warning, "KXMemory", "", "exit", 0)
+      << count << " notifications were not delivered: the store ends";
+}
+
 }  // namespace
 
 std::shared_ptr<KXDelivery> KXDelivery::start(boost::shared_ptr<KXBroker> const& broker) {
@@ -60,19 +65,28 @@ void KXDelivery::stop() {
 
 void KXDelivery::xRun() {
   std::vector<Notification> batch;
+  std::size_t doneCount = 0;
   while (xTake(batch)) {
+    // One array of arguments serves the whole batch, unless a subscriber keeps it.
     KXValue arguments;
     arguments.arraySetSize(3);
-    for (Notification const& notification : batch) {
-      if (mIsStopping) break;
-      xDeliver(notification, arguments);
+    for (; doneCount < batch.size() && !mIsStopping; ++doneCount) {
+      xDeliver(batch[doneCount], arguments);
     }
+    if (mIsStopping) break;
     batch.clear();
+    doneCount = 0;
     if (batch.capacity() > kKeptCapacity) batch.shrink_to_fit();
   }
+  std::size_t droppedCount = batch.size() - doneCount;
+  {
+    std::lock_guard const lock(mMutex);
+    droppedCount += mQueue.size();
+  }
+  if (droppedCount > 0) logDropped(droppedCount);
 }
 
-// Swaps the queue against an empty one; false when the thread is to end.
+// Swaps the queue against the empty batch; false when the thread is to end.
 bool KXDelivery::xTake(std::vector<Notification>& batch) {
   std::unique_lock lock(mMutex);
   while (mQueue.empty() && !mIsStopping) {
@@ -80,8 +94,9 @@ bool KXDelivery::xTake(std::vector<Notification>& batch) {
     mWakeUp.wait(lock);
   }
   mIsParked = false;
+  if (mIsStopping) return false;
   batch.swap(mQueue);
-  return !mIsStopping;
+  return true;
 }
 
 void KXDelivery::xDeliver(Notification const& notification, KXValue& arguments) {
@@ -89,7 +104,6 @@ void KXDelivery::xDeliver(Notification const& notification, KXValue& arguments) 
   for (auto const& subscription : list.subscriptions) {
     if (subscription->isGone.load(std::memory_order_relaxed)) continue;
     try {
-      // The array is used again unless the subscriber kept it.
       KXValue* const argument = arguments.arrayData();
       argument[0] = list.name;
       argument[1] = notification.value;

@@ -26,7 +26,7 @@ void checkPairs(KXValue const& pairs) {
                         pair[0].getType() == KXValue::TypeString;
     if (!isPair) {
       fail("expected element " + std::to_string(i) + " to be [name, value], got " +
-           pair.toString(1));
+           KXValue::TypeToString(pair.getType()) + " of size " + std::to_string(pair.getSize()));
     }
   }
 }
@@ -150,7 +150,7 @@ void KXMemory::insertData(std::string const& name, KXValue const& value) {
   // The former value dies behind the lock: it may be large.
   KXValue swapped(value);
   KXCriticalSection const lock(mMutex);
-  mTable.slotToWrite(name, KXKeyType::Data, "insertData").value.swap(swapped);
+  mTable.slotToWrite(name, KXKeyType::Data, "insertData").value->swap(swapped);
 }
 
 void KXMemory::insertListData(KXValue const& pairs) {
@@ -163,9 +163,10 @@ void KXMemory::insertListData(KXValue const& pairs) {
                      "insertListData");
   }
   for (KXValue const* pair = first; pair != last; ++pair) {
-    mTable
-        .slotToWrite(static_cast<std::string const&>((*pair)[0]), KXKeyType::Data, "insertListData")
-        .value = (*pair)[1];
+    *mTable
+         .slotToWrite(static_cast<std::string const&>((*pair)[0]), KXKeyType::Data,
+                      "insertListData")
+         .value = (*pair)[1];
   }
 }
 
@@ -176,7 +177,7 @@ void KXMemory::xRaise(std::string const& name, KXValue const& value, KXKeyType k
   {
     KXCriticalSection const lock(mMutex);
     KXMemorySlot& slot = mTable.slotToWrite(name, kind, method);
-    if (kind == KXKeyType::Event) slot.value.swap(swapped);
+    if (kind == KXKeyType::Event) slot.value->swap(swapped);
     // Queued under the lock: the order of raising is the order of the queue.
     auto const& subscribers = mTable.currentSubscribers(slot, kind);
     if (subscribers) isToWake = mDelivery->post(subscribers, value);
@@ -215,7 +216,7 @@ std::vector<std::string> KXMemory::getKeys(std::string const& pattern) {
 
 KXValue KXMemory::getData(std::string const& name) {
   KXCriticalSection const lock(mMutex);
-  return mTable.slotToRead(name, "getData").value;
+  return *mTable.slotToRead(name, "getData").value;
 }
 
 KXValue KXMemory::getListData(KXValue const& names) {

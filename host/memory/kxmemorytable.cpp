@@ -11,6 +11,8 @@ namespace KX {
 
 namespace {
 
+KXValue const kNoValue;
+
 [[noreturn]] void fail(char const* method, std::string const& text) {
   throw KXError("KXMemory", method, text, "memory/kxmemory", 0);
 }
@@ -70,7 +72,7 @@ bool isSubscribed(KXSubscriptionList const* list, std::string const& module) {
 
 KXMemorySlot& KXMemoryTable::slotToWrite(std::string const& name, KXKeyType type,
                                          char const* method) {
-  KXMemorySlot& slot = mSlots[name];
+  KXMemorySlot& slot = xFindOrMake(name)->second;
   if (slot.type == type) return slot;
   if (slot.type != KXKeyType::None) checkType(name, type, method);
   if (std::exchange(slot.isReserved, false)) --mReservedCount;
@@ -106,8 +108,7 @@ void KXMemoryTable::remove(std::string const& name, KXValue& former, char const*
   if (place == mSlots.end() || place->second.type == KXKeyType::None) failUnknown(method, name);
   KXMemorySlot& slot = place->second;
   slot.type = KXKeyType::None;
-  former.swap(slot.value);
-  slot.value = KXValue();
+  former = std::move(*slot.value);
   xForgetBatches(slot);
   xEraseIfUnused(place);
 }
@@ -130,12 +131,9 @@ KXValue KXMemoryTable::read(KXValue const& names, char const* method) {
   if (known != mBatches.end()) known->lastUse = ++mUseCount;
 
   KXValue result;
-  result.arraySetSize(static_cast<int>(batch.slots.size()));
-  KXValue* value = result.arrayData();
-  for (KXMemorySlot const* slot : batch.slots) {
-    if (slot != nullptr) *value = slot->value;
-    ++value;
-  }
+  result.arraySetSize(static_cast<int>(batch.values.size()));
+  KXValue* target = result.arrayData();
+  for (KXValue const* value : batch.values) *target++ = *value;
   return result;
 }
 
@@ -145,15 +143,15 @@ KXMemoryTable::Batch const& KXMemoryTable::xResolve(KXValue const& names, char c
       *std::min_element(mBatches.begin(), mBatches.end(),
                         [](auto const& a, auto const& b) { return a.lastUse < b.lastUse; });
   batch.names = KXValue();
-  batch.slots.clear();
-  batch.slots.reserve(static_cast<std::size_t>(names.getSize()));
+  batch.values.clear();
+  batch.values.reserve(static_cast<std::size_t>(names.getSize()));
   KXValue const* const elements = names.arrayData();
   bool isComplete = true;
   for (int i = 0; i < names.getSize(); ++i) {
     KXMemorySlot* const slot = xReserve(static_cast<std::string const&>(elements[i]));
     if (slot != nullptr) slot->isInBatch = true;
     isComplete = isComplete && slot != nullptr;
-    batch.slots.push_back(slot);
+    batch.values.push_back(slot != nullptr ? slot->value : &kNoValue);
   }
   // A list with names that got no slot is not remembered: they may be written at any time.
   if (isComplete) batch.names = names;
@@ -169,10 +167,20 @@ KXMemorySlot* KXMemoryTable::xReserve(std::string const& name) {
       place != mSlots.end() && (place->second.type != KXKeyType::None || place->second.isReserved);
   if (isReserved) return &place->second;
   if (mReservedCount == kMaxReserved) return nullptr;
-  if (place == mSlots.end()) place = mSlots.try_emplace(name).first;
+  if (place == mSlots.end()) place = xFindOrMake(name);
   place->second.isReserved = true;
   ++mReservedCount;
   return &place->second;
+}
+
+KXMemoryTable::Slots::iterator KXMemoryTable::xFindOrMake(std::string const& name) {
+  // The cell first, so that no slot is ever without one.
+  if (mFreeCells.empty()) mFreeCells.push_back(&mCells.emplace_back());
+  auto const [place, isNew] = mSlots.try_emplace(name);
+  if (!isNew) return place;
+  place->second.value = mFreeCells.back();
+  mFreeCells.pop_back();
+  return place;
 }
 
 void KXMemoryTable::xForgetBatches(KXMemorySlot& slot) {
@@ -183,13 +191,14 @@ void KXMemoryTable::xEraseIfUnused(Slots::iterator place) {
   KXMemorySlot& slot = place->second;
   if (slot.type != KXKeyType::None || slot.isReserved) return;
   if (slot.eventSubscribers || slot.microEventSubscribers) return;
+  mFreeCells.push_back(slot.value);
   mSlots.erase(place);
 }
 
 void KXMemoryTable::subscribe(std::string const& name, KXKeyType kind,
                               std::shared_ptr<KXSubscription> subscription, char const* method) {
   checkType(name, kind, method);
-  std::shared_ptr<KXSubscriptionList>& list = mSlots[name].subscribers(kind);
+  std::shared_ptr<KXSubscriptionList>& list = xFindOrMake(name)->second.subscribers(kind);
   auto replacement = copyWithout(list.get(), subscription->module);
   if (!replacement->name.isValid()) replacement->name = KXValue(name);
   replacement->subscriptions.push_back(std::move(subscription));

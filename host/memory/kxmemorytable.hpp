@@ -4,6 +4,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <string>
 #include <unordered_map>
@@ -19,7 +20,7 @@ enum class KXKeyType { None, Data, Event, MicroEvent };
 
 /// One name that somebody wrote, subscribed to or asked for. Its address never changes.
 struct KXMemorySlot {
-  KXValue value;
+  KXValue* value = nullptr;          ///< in the table's cells
   KXKeyType type = KXKeyType::None;  ///< None: nobody wrote the key (yet, or again)
   bool isReserved = false;           ///< of type None, and asked for by a batch read
   bool isInBatch = false;            ///< a remembered batch read may point here
@@ -63,22 +64,27 @@ class KXMemoryTable {
   std::shared_ptr<KXSubscriptionList> const& currentSubscribers(KXMemorySlot& slot, KXKeyType kind);
 
  private:
-  // A list of names that was read, with the slots found for it. The copy of the names keeps their
+  // A list of names that was read, with the cells found for it. The copy of the names keeps their
   // block alive and unchanged, so whoever comes with the same block means the same names.
   struct Batch {
     KXValue names;
     std::uint64_t version = 0;
     std::uint64_t lastUse = 0;
-    std::vector<KXMemorySlot*> slots;
+    std::vector<KXValue const*> values;
   };
   using Slots = std::unordered_map<std::string, KXMemorySlot>;
 
   Batch const& xResolve(KXValue const& names, char const* method);
   KXMemorySlot* xReserve(std::string const& name);
+  Slots::iterator xFindOrMake(std::string const& name);
   void xForgetBatches(KXMemorySlot& slot);
   void xEraseIfUnused(Slots::iterator place);
 
   Slots mSlots;
+  // The values lie apart from the slots, side by side in the order in which keys were made: a batch
+  // read walks them much as it walks an array. Their addresses never change.
+  std::deque<KXValue> mCells;
+  std::vector<KXValue*> mFreeCells;
   std::size_t mReservedCount = 0;
   std::uint64_t mVersion = 1;  ///< batches of another version point to slots that may be gone
   std::uint64_t mUseCount = 0;
