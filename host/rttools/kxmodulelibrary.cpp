@@ -1,0 +1,130 @@
+#include <host/rttools/kxmodulelibrary.hpp>
+
+#include <algorithm>
+#include <exception>
+#include <filesystem>
+#include <system_error>
+#include <vector>
+
+#include <dlfcn.h>
+
+#include <ka/log.hpp>
+#include <kxcommon/kxbroker.hpp>
+#include <kxerror/kxerror.hpp>
+
+namespace KX {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr char kFile[] = "rttools/kxmodulelibrary";
+constexpr char kCreate[] = "_createModule";
+constexpr char kClose[] = "_closeModule";
+
+/// The system's last complaint about a library, without the path that it begins with.
+std::string lastLibraryError(std::string const& path) {
+  char const* const error = ::dlerror();
+  std::string text = error != nullptr ? error : "no reason given";
+  std::string const prefix = path + ": ";
+  return text.starts_with(prefix) ? text.substr(prefix.size()) : text;
+}
+
+/// What a caught exception says; call it from a catch block.
+std::string describeCurrentException() {
+  try {
+    throw;
+  } catch (KXError const& error) {
+    return "it threw a KXError of '" + error.getModuleName() + "', '" + error.getMethodName() +
+           "': " + error.getDescription();
+  } catch (std::exception const& error) {
+    return std::string("it threw a std::exception: ") + error.what();
+  } catch (...) {
+    return "it threw something that is no std::exception";
+  }
+}
+
+/// Absolute, because a bare name would be looked for on the system's library path.
+std::string absolutePath(std::string const& path) {
+  std::error_code error;
+  return fs::absolute(path, error).string();
+}
+
+void removeModulesBut(KXBroker& broker, std::vector<std::string> const& kept) {
+  auto names = broker.getModuleNames();
+  std::reverse(names.begin(), names.end());
+  for (auto const& name : names)
+    if (std::find(kept.begin(), kept.end(), name) == kept.end()) broker.removeModule(name);
+}
+
+}  // namespace
+
+std::string findLibrary(std::string const& name) {
+  if (name.find('/') != std::string::npos || name.ends_with(".so")) return name;
+  std::error_code error;
+  fs::path const programs = fs::read_symlink("/proc/self/exe", error).parent_path();
+  fs::path const file = (programs / "../lib" / ("lib" + name + ".so")).lexically_normal();
+  if (!fs::exists(file, error))
+    throw KXError("KXHost", "findLibrary",
+                  "no module library '" + name + "', looked for '" + file.string() + "'", kFile, 0);
+  return file.string();
+}
+
+KXModuleLibrary::KXModuleLibrary(std::string const& path) : mPath(absolutePath(path)) {
+  std::error_code error;
+  if (!fs::exists(mPath, error)) xFail("a module library", "there is no such file");
+  void* const handle = ::dlopen(mPath.c_str(), RTLD_NOW | RTLD_LOCAL);
+  if (handle == nullptr)
+    xFail("a library with all its symbols resolved", "it has a fault: " + lastLibraryError(mPath));
+  mCreate = reinterpret_cast<decltype(mCreate)>(xEntryPoint(handle, kCreate));
+  mClose = reinterpret_cast<decltype(mClose)>(xEntryPoint(handle, kClose));
+}
+
+void* KXModuleLibrary::xEntryPoint(void* handle, char const* name) const {
+  void* const found = ::dlsym(handle, name);
+  if (found == nullptr)
+    xFail("the entry points '_createModule' and '_closeModule'",
+          std::string("it has no '") + name + "'");
+  return found;
+}
+
+void KXModuleLibrary::createModule(boost::shared_ptr<KXBroker> const& broker) const {
+  auto const modulesBefore = broker->getModuleNames();
+  try {
+    xEnter(broker);
+  } catch (...) {
+    removeModulesBut(*broker, modulesBefore);
+    throw;
+  }
+}
+
+void KXModuleLibrary::xEnter(boost::shared_ptr<KXBroker> const& broker) const {
+  std::string found;
+  try {
+    int const result = mCreate(broker);
+    if (result == 0) return;
+    found = "it returned " + std::to_string(result);
+  } catch (...) {
+    found = describeCurrentException();
+  }
+  xFail(std::string("'") + kCreate + "' to return 0", found);
+}
+
+void KXModuleLibrary::closeModule() const noexcept {
+  std::string found;
+  try {
+    int const result = mClose();
+    if (result == 0) return;
+    found = "it returned " + std::to_string(result);
+  } catch (...) {
+    found = describeCurrentException();
+  }
+  ka::log::LogStream(ka::log::Warning, "KXHost", "", "shutdown", 0)
+      << "module library '" << mPath << "': expected '" << kClose << "' to return 0, but " << found;
+}
+
+void KXModuleLibrary::xFail(std::string const& expected, std::string const& found) const {
+  throw KXError("KXHost", "loadModule",
+                "cannot load '" + mPath + "': expected " + expected + ", but " + found, kFile, 0);
+}
+
+}  // namespace KX

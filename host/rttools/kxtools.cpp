@@ -1,0 +1,168 @@
+#include <rttools/kxtools.hpp>
+
+#include <csignal>
+#include <cstdio>
+#include <exception>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <unistd.h>
+#include <CLI/CLI.hpp>
+
+#include <host/ka/loglines.hpp>
+#include <host/rttools/kxhost.hpp>
+#include <host/rttools/kxmodulelibrary.hpp>
+#include <ka/log.hpp>
+#include <kxcommon/kxbroker.hpp>
+#include <kxerror/kxerror.hpp>
+
+namespace KX {
+namespace {
+
+using Create = boost::function<int(boost::shared_ptr<KXBroker>)>;
+
+constexpr int kOk = 0;
+constexpr int kFailed = 1;
+constexpr int kUsage = 2;
+
+struct Options {
+  int stderrLevel = ka::log::Warning;
+  std::vector<std::string> libraries;
+};
+
+/// A command line that cannot be obeyed.
+class UsageError : public std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+void printLine(std::string const& name, std::string const& text) {
+  std::fputs((name + ": " + ka::log::printable(text) + "\n").c_str(), stderr);
+}
+
+int stderrLevelOf(std::string const& level) {
+  static constexpr char const* kNames[] = {"none", "fatal",   "error", "warning",
+                                           "info", "verbose", "debug"};
+  std::string known;
+  for (int i = 0; auto const* name : kNames) {
+    if (level == name) return i;
+    known += (i++ == 0 ? "'" : ", '") + std::string(name) + "'";
+  }
+  throw UsageError("unknown log level '" + level + "', expected one of " + known);
+}
+
+std::string describeProcess(std::string const& name) {
+  return "Runs the module '" + name +
+         "' as a process of its own, with a launcher (KXLauncher), a store (KXMemory) and the\n"
+         "modules of the libraries named by --load. There is no hardware cycle (VSM) in it.\n"
+         "Nothing listens on any network.";
+}
+
+constexpr char kFooter[] =
+    "Signals:\n"
+    "  SIGINT (Ctrl-C), SIGTERM    shut down: the module first, then the libraries' modules, the\n"
+    "                              store and the launcher\n"
+    "  SIGQUIT (Ctrl-\\)            end at once, if a shutdown should hang\n"
+    "\n"
+    "Exit codes:\n"
+    "  0  ended by SIGINT or SIGTERM, or --help or --version was asked for\n"
+    "  1  the module or a library's module could not be made; the reason is on stderr\n"
+    "  2  the command line was wrong; the reason is on stderr\n"
+    "\n"
+    "All messages go to stderr.";
+
+/// The exit code, if the process is to end here.
+std::optional<int> parse(std::string const& name, int argc, char** argv, Options& options) {
+  CLI::App app(describeProcess(name), name);
+  std::string level = "warning";
+  app.set_help_flag("-h,--help", "print this and exit");
+  app.set_version_flag("--version", name + " " + KX_VERSION, "print the version and exit");
+  app.add_option("--log-level", level,
+                 "the least severe level that is logged to stderr: none, fatal, error, warning,\n"
+                 "info, verbose or debug")
+      ->type_name("LEVEL")
+      ->default_str(level);
+  app.add_option("--load", options.libraries,
+                 "a further module library, made before the module, in the order given: a file,\n"
+                 "or a name such as kxhostsensors for lib/libkxhostsensors.so beside the\n"
+                 "program's folder; may be repeated")
+      ->type_name("LIBRARY")
+      ->allow_extra_args(false);
+  app.footer(kFooter);
+  app.allow_extras();  // So that the error is ours to word.
+  try {
+    app.parse(argc, argv);
+    if (!app.remaining().empty())
+      throw UsageError("unexpected argument '" + app.remaining().front() +
+                       "', expected --help, --version, --log-level LEVEL or --load LIBRARY");
+    options.stderrLevel = stderrLevelOf(level);
+    return std::nullopt;
+  } catch (CLI::Success const& request) {
+    return app.exit(request);
+  } catch (std::runtime_error const& error) {
+    printLine(name, error.what());
+    return kUsage;
+  }
+}
+
+/// Blocked for good, here and in every thread that is made from now on: a second signal during the
+/// shutdown must neither end it half-way nor change the exit code.
+::sigset_t blockEndSignals() {
+  ::sigset_t signals;
+  ::sigemptyset(&signals);
+  ::sigaddset(&signals, SIGINT);
+  ::sigaddset(&signals, SIGTERM);
+  ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  return signals;
+}
+
+std::unique_ptr<KXHost> makeHost(std::string const& name, Options const& options,
+                                 Create const& create) {
+  auto host = std::make_unique<KXHost>(KXHost::Options{.name = name, .withVsm = false});
+  for (auto const& library : options.libraries) host->loadModule(findLibrary(library));
+  int const result = create(host->getBroker());
+  if (result != 0)
+    throw KXError("KXTools", "mainFunction",
+                  "expected its creation to return 0, but it returned " + std::to_string(result),
+                  "rttools/kxtools", 0);
+  return host;
+}
+
+std::string servingText(KXBroker const& broker) {
+  std::string modules;
+  for (auto const& module : broker.getModuleNames())
+    modules += (modules.empty() ? "'" : ", '") + module + "'";
+  return "serving " + modules + " as process " + std::to_string(::getpid()) +
+         "; Ctrl-C or SIGTERM ends it";
+}
+
+}  // namespace
+
+int KXTools::mainFunction(std::string const& name, int argc, char** argv, Create const& create) {
+  Options options;
+  if (auto const exitCode = parse(name, argc, argv, options)) return *exitCode;
+  ka::log::setStderrLevel(options.stderrLevel);
+  ::sigset_t const endSignals = blockEndSignals();
+  // Whoever reads stderr may go away; the service stays.
+  std::signal(SIGPIPE, SIG_IGN);
+
+  std::unique_ptr<KXHost> host;
+  try {
+    host = makeHost(name, options, create);
+  } catch (std::exception const& error) {
+    printLine(name, std::string("cannot make the module: ") + error.what());
+    return kFailed;
+  } catch (...) {
+    printLine(name, "cannot make the module: it threw something that is no std::exception");
+    return kFailed;
+  }
+  printLine(name, servingText(*host->getBroker()));
+  int signal = 0;
+  ::sigwait(&endSignals, &signal);
+  host->shutdown();
+  return kOk;
+}
+
+}  // namespace KX
