@@ -94,6 +94,7 @@ void KXModuleCore::functionName(std::string const& name, std::string const& modu
   mCurrentMethod.name = name;
   mCurrentMethod.moduleName = moduleName;
   mCurrentMethod.description = description;
+  mCurrentMethod.result.type = getTypeString(1);
   mHasCurrentMethod = true;
 }
 

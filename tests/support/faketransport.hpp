@@ -1,0 +1,73 @@
+// The way to "another process" that is really another broker of this one.
+#pragma once
+
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <boost/smart_ptr/shared_ptr.hpp>
+
+#include <kxcommon/kxbroker.hpp>
+#include <kxcommon/kxtransport.hpp>
+#include <kxvalue/kxvalue.hpp>
+
+namespace KX::testing {
+
+/// Records every call, then hands it to the broker it was made with, or to the hook if there is
+/// one, which then gives the whole answer. Threads: as the interface; set the hook before calls.
+class FakeTransport : public KXTransport {
+ public:
+  struct Call {
+    std::string kind;  ///< call or pCall
+    std::string module;
+    std::string method;
+    KXValue params;
+
+    bool operator==(Call const&) const = default;
+  };
+  using Hook = std::function<void(Call const& call, KXValue& result)>;
+
+  /// `target` may be null if there is a hook.
+  explicit FakeTransport(boost::shared_ptr<KXBroker> target) : mTarget(std::move(target)) {}
+
+  void setHook(Hook hook) { mHook = std::move(hook); }
+  std::vector<Call> getCalls() const {
+    std::lock_guard<std::mutex> const lock(mMutex);
+    return mCalls;
+  }
+
+  void call(std::string const& module, std::string const& method, KXValue const& params,
+            KXValue& result) override {
+    if (xHooked({"call", module, method, params}, result)) return;
+    result = mTarget->getProxy(module, 0)->genericCall(method, params);
+  }
+  void pCall(std::string const& module, std::string const& method, KXValue const& params,
+             KXValue& result) override {
+    if (xHooked({"pCall", module, method, params}, result)) return;
+    result = mTarget->getProxy(module, 0)->pCall(method);
+  }
+  bool isRunning(std::string const& module, int taskId) override {
+    return mTarget->getProxy(module, 0)->isRunning(taskId);
+  }
+  bool wait(std::string const& module, int taskId, int timeoutMs) override {
+    return mTarget->getProxy(module, 0)->wait(taskId, timeoutMs);
+  }
+
+ private:
+  bool xHooked(Call const& call, KXValue& result) {
+    {
+      std::lock_guard<std::mutex> const lock(mMutex);
+      mCalls.push_back(call);
+    }
+    if (mHook) mHook(call, result);
+    return mHook != nullptr;
+  }
+
+  boost::shared_ptr<KXBroker> const mTarget;
+  Hook mHook;
+  mutable std::mutex mMutex;
+  std::vector<Call> mCalls;  // guarded by mMutex
+};
+
+}  // namespace KX::testing
