@@ -1,0 +1,73 @@
+#include <modules/hostsensors/kxhostsurvey.hpp>
+
+#include <algorithm>
+#include <exception>
+#include <iterator>
+#include <utility>
+
+#include <ka/log.hpp>
+
+namespace KX {
+
+KXHostSurvey::KXHostSurvey(std::vector<std::unique_ptr<KXHostGroup>> groups) {
+  for (auto& group : groups) mEntries.push_back({std::move(group), KXHostTime(), {}});
+}
+
+KXHostSurvey::Result KXHostSurvey::read(KXHostTime now) {
+  Result result;
+  for (Entry& entry : mEntries) {
+    // A tenth early is near enough, lest the jitter of the periods skip every other reading.
+    std::chrono::milliseconds const interval = entry.group->interval();
+    if (now + interval / 10 < entry.due) continue;
+    entry.due = now + interval;
+    KXHostReport found = xReadGroup(entry, now);
+    xFindVanished(entry, found, result.vanishedKeys);
+    std::move(found.values.begin(), found.values.end(), std::back_inserter(result.report.values));
+    std::move(found.events.begin(), found.events.end(), std::back_inserter(result.report.events));
+  }
+  return result;
+}
+
+KXHostReport KXHostSurvey::xReadGroup(Entry& entry, KXHostTime now) {
+  KXHostReport report;
+  try {
+    entry.group->read(now, report);
+    if (std::exchange(entry.isFailing, false)) {
+      ka::log::LogStream(ka::log::Info, "KXHostSensors", "", "read", 0)
+          << "group '" << entry.group->name() << "' is read again";
+    }
+  } catch (std::exception const& error) {
+    // Swallowed: the other groups are good, and this one is tried again.
+    report = KXHostReport();
+    if (!std::exchange(entry.isFailing, true)) {
+      ka::log::LogStream(ka::log::Warning, "KXHostSensors", "", "read", 0)
+          << "group '" << entry.group->name() << "' left out: " << error.what();
+    }
+  }
+  return report;
+}
+
+void KXHostSurvey::xFindVanished(Entry& entry, KXHostReport const& report,
+                                 std::vector<std::string>& vanishedKeys) {
+  bool const isSame =
+      report.values.size() == entry.keys.size() &&
+      std::all_of(report.values.begin(), report.values.end(),
+                  [&](auto const& value) { return entry.keys.contains(value.first); });
+  if (isSame) return;
+  std::set<std::string> keys;
+  for (auto const& [key, value] : report.values) keys.insert(key);
+  std::set_difference(entry.keys.begin(), entry.keys.end(), keys.begin(), keys.end(),
+                      std::back_inserter(vanishedKeys));
+  entry.keys = std::move(keys);
+}
+
+std::vector<KXHostKey> KXHostSurvey::keys() const {
+  std::vector<KXHostKey> keys;
+  for (Entry const& entry : mEntries) {
+    std::vector<KXHostKey> const more = entry.group->keys();
+    keys.insert(keys.end(), more.begin(), more.end());
+  }
+  return keys;
+}
+
+}  // namespace KX

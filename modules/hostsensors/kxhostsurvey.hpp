@@ -1,0 +1,45 @@
+// One reading of the whole machine, whatever part of it can be read.
+#pragma once
+
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <modules/hostsensors/kxhostgroup.hpp>
+
+namespace KX {
+
+/// Owns the groups and reads those that are due, each apart from the others: a group that fails is
+/// left out, with one log line when it begins to fail and one when it is back.
+/// Threads: one at a time.
+class KXHostSurvey {
+ public:
+  struct Result {
+    KXHostReport report;
+    /// Reported by the same group before, and no more: their device or their source is gone.
+    std::vector<std::string> vanishedKeys;
+  };
+
+  explicit KXHostSurvey(std::vector<std::unique_ptr<KXHostGroup>> groups);
+
+  Result read(KXHostTime now);
+  /// The keys of all groups.
+  std::vector<KXHostKey> keys() const;
+
+ private:
+  struct Entry {
+    std::unique_ptr<KXHostGroup> group;
+    KXHostTime due;
+    std::set<std::string> keys;
+    bool isFailing = false;
+  };
+
+  static KXHostReport xReadGroup(Entry& entry, KXHostTime now);
+  static void xFindVanished(Entry& entry, KXHostReport const& report,
+                            std::vector<std::string>& vanishedKeys);
+
+  std::vector<Entry> mEntries;
+};
+
+}  // namespace KX
