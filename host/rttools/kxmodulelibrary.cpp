@@ -118,7 +118,7 @@ void KXModuleLibrary::closeModule() const noexcept {
   } catch (...) {
     found = describeCurrentException();
   }
-  ka::log::LogStream(ka::log::Warning, "KXHost", "", "shutdown", 0)
+  ka::log::LogStream(ka::log::Error, "KXHost", "", "shutdown", 0)
       << "module library '" << mPath << "': expected '" << kClose << "' to return 0, but " << found;
 }
 

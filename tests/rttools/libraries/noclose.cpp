@@ -1,0 +1,5 @@
+#include "testmodule.hpp"
+
+extern "C" KX_API int _createModule(boost::shared_ptr<KX::KXBroker> broker) {
+  return publish(broker, "noclose");
+}
