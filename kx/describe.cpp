@@ -1,0 +1,87 @@
+// kx describe: what the modules say about themselves, word for word.
+#include <algorithm>
+
+#include <fmt/format.h>
+
+#include <kxcommon/kxmethodinfo.hpp>
+#include <kxcommon/kxmodulecore.hpp>
+
+#include "kx/commands.hpp"
+#include "kx/session.hpp"
+#include "kx/text.hpp"
+
+namespace KX::tool {
+namespace {
+
+// Texts are shown as published, blanks included: they are not wrapped.
+std::string describedValue(KXParameterInfo const& value) {
+  return fmt::format("{}: {}; {}", value.name, value.description, value.type);
+}
+
+std::string describedMethod(KXMethodInfo const& method) {
+  std::string types;
+  for (KXParameterInfo const& parameter : method.parameters) {
+    types += (types.empty() ? "" : ", ") + parameter.type;
+  }
+  std::string text = fmt::format("\n{}({}) -> {}\n    {}\n", method.name, types, method.result.type,
+                                 method.description);
+  for (KXParameterInfo const& parameter : method.parameters) {
+    text += "    " + describedValue(parameter) + '\n';
+  }
+  bool const isResultNamed = !method.result.name.empty() || !method.result.description.empty();
+  if (isResultNamed) text += "    returns " + describedValue(method.result) + '\n';
+  return text;
+}
+
+// Line by line, since a line break in what a module says is the only control character to keep.
+std::string linesForTerminal(std::string_view text) {
+  std::string result;
+  for (std::size_t begin = 0; begin < text.size();) {
+    std::size_t const end = std::min(text.find('\n', begin), text.size());
+    result += forTerminal(text.substr(begin, end - begin)) + '\n';
+    begin = end + 1;
+  }
+  return result;
+}
+
+std::string describedModule(KXModuleCore const& module) {
+  std::string text = module.getName() + '\n';
+  if (!module.getModuleDescription().empty()) text += module.getModuleDescription() + '\n';
+  for (KXMethodInfo const& method : module.getMethods()) text += describedMethod(method);
+  return linesForTerminal(text);
+}
+
+std::string listedModules(KXSession const& session, std::vector<std::string> const& names) {
+  std::size_t width = 0;
+  for (std::string const& name : names) width = std::max(width, name.size());
+  std::string text;
+  for (std::string const& name : names) {
+    std::string const description =
+        session.broker().getProxy(name, 0)->getModuleCore()->getModuleDescription();
+    text += fmt::format("{:<{}}  {}\n", forTerminal(name), width, forTerminal(description));
+  }
+  return text;
+}
+
+}  // namespace
+
+int describe(KXDescribeOptions const& options, KXOutput& output, KXStop const& stop) {
+  // All modules that a watch can have, the hardware cycle included.
+  KXSession const session({.withVsm = true, .withWatcher = true}, stop);
+  std::vector<std::string> const names = session.broker().getModuleNames();
+  if (options.module.empty()) {
+    output.write(listedModules(session, names));
+    return kOk;
+  }
+  if (std::ranges::find(names, options.module) == names.end()) {
+    std::string loaded;
+    for (std::string const& name : names) loaded += (loaded.empty() ? "'" : ", '") + name + "'";
+    throw KXToolError(kNothingThere, "unknown module '" + forTerminal(options.module) +
+                                         "', loaded: " + loaded +
+                                         nearestHint(options.module, names));
+  }
+  output.write(describedModule(*session.broker().getProxy(options.module, 0)->getModuleCore()));
+  return kOk;
+}
+
+}  // namespace KX::tool

@@ -1,0 +1,170 @@
+// kx: the command line of a host. Options and exit codes; the verbs have files of their own.
+#include <unistd.h>
+
+#include <exception>
+#include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+#include "kx/commands.hpp"
+#include "kx/session.hpp"
+#include "kx/text.hpp"
+
+namespace KX::tool {
+namespace {
+
+constexpr char const* kFooter = R"(
+Data goes to stdout, everything else to stderr. Control characters in keys and texts are shown
+escaped. NO_COLOR, set and not empty, switches colours off.
+Exit codes: 0 ok, 1 failed, 2 wrong usage, 3 nothing there, 4 time-out.)";
+
+constexpr char const* kWatchFooter = R"(
+KEY is the name of a key or a shell pattern (* matches / too; quote it). A name that is not there
+yet is watched from the moment it appears. Without KEY: load, memory, rates, uptime and events of
+this machine. Data keys are sampled once per period, events are printed as they are raised.
+
+Formats:
+  table   keys, last values, times taken, samples so far. On a terminal it is redrawn in place,
+          elsewhere a new table is printed for every second.
+  jsonl   a JSON object per sample: {"time": Unix seconds, "key": ..., "value": ...}. Exact: to be
+          preferred where texts or arrays are watched. Bytes that are not UTF-8 become U+FFFD.
+  csv     a row per batch, a column per data key, the time in Unix seconds; an empty cell is a
+          missing value. No events. Booleans are 1 and 0; in texts double quotes become single
+          ones and control characters blanks.
+
+The watch ends after --for, at SIGINT or SIGTERM, or when nobody reads stdout any more. What was
+taken until then is printed. A summary on stderr tells the periods asked, taken and missed, and how
+late the batches were: against the moment of the start plus whole periods, with --cycle against
+the earliest batch, because nobody tells when the hardware cycle is due.)";
+
+struct Arguments {
+  KXWatchOptions watch;
+  KXListOptions list;
+  KXDescribeOptions describe;
+  std::string period = std::to_string(KXWatchOptions{}.periodMs);
+  std::string duration;
+  std::string format = "table";
+};
+
+CLI::App* addWatch(CLI::App& app, Arguments& arguments) {
+  CLI::App* const verb = app.add_subcommand("watch", "sample keys and print what was taken");
+  verb->add_option("KEY", arguments.watch.patterns, "keys or shell patterns");
+  verb->add_option("--period", arguments.period,
+                   "time between two samples in ms; the watcher makes it a multiple of 10")
+      ->option_text("MS (" + arguments.period + ")");
+  verb->add_option("--for", arguments.duration, "how long, as 500ms, 10s, 2m or 1h")
+      ->option_text("DURATION");
+  verb->add_option("--format", arguments.format, "table, jsonl or csv")
+      ->option_text("FORMAT (" + arguments.format + ")");
+  verb->add_flag("--cycle", arguments.watch.isCyclePaced,
+                 "pace by a 10 ms hardware cycle (VSM) instead of timed waits");
+  verb->footer(kWatchFooter);
+  return verb;
+}
+
+CLI::App* addList(CLI::App& app, Arguments& arguments) {
+  CLI::App* const verb = app.add_subcommand("list", "list the keys, sorted");
+  verb->add_option("PATTERN", arguments.list.pattern, "shell pattern; none: all keys");
+  verb->add_flag("--types", arguments.list.withTypes, "print the type before each key");
+  return verb;
+}
+
+CLI::App* addDescribe(CLI::App& app, Arguments& arguments) {
+  CLI::App* const verb =
+      app.add_subcommand("describe", "describe the modules, or one module and its methods");
+  verb->add_option("MODULE", arguments.describe.module, "name of a module; none: all of them");
+  return verb;
+}
+
+// What the parser could not place is a mistyped verb or option, or one argument too many.
+void refuseRest(CLI::App const& app) {
+  std::vector<std::string> const rest = app.remaining();
+  if (rest.empty()) return;
+  std::string const& first = rest.front();
+  std::vector<std::string> known;
+  bool const isOption = first.size() > 1 && first[0] == '-';
+  if (isOption) {
+    for (CLI::Option const* option : app.get_options()) {
+      for (std::string const& name : option->get_lnames()) known.push_back("--" + name);
+    }
+  } else {
+    for (CLI::App const* verb : app.get_subcommands({})) known.push_back(verb->get_name());
+  }
+  std::string const shown = "'" + forTerminal(first.substr(0, first.find('='))) + "'";
+  if (isOption) {
+    throw KXUsageError("unknown option " + shown +
+                       nearestHint(first.substr(0, first.find('=')), known));
+  }
+  if (known.empty()) throw KXUsageError("unexpected argument " + shown);
+  std::string verbs;
+  for (std::string const& verb : known) verbs += (verbs.empty() ? "" : ", ") + verb;
+  throw KXUsageError("unknown verb " + shown + ", expected one of " + verbs +
+                     nearestHint(first, known));
+}
+
+int run(int argc, char** argv, KXOutput& output, KXStop const& stop) {
+  CLI::App app("Watches and describes the keys and modules of a host.", "kx");
+  app.set_version_flag("--version", "kx " KX_VERSION, "print the version and exit");
+  app.footer(kFooter);
+  app.allow_extras();
+  Arguments arguments;
+  CLI::App* const watchVerb = addWatch(app, arguments);
+  CLI::App* const listVerb = addList(app, arguments);
+  CLI::App* const describeVerb = addDescribe(app, arguments);
+  for (CLI::App* verb : {watchVerb, listVerb, describeVerb}) {
+    verb->allow_extras();
+    verb->footer(verb->get_footer() + kFooter);
+  }
+
+  try {
+    app.parse(argc, argv);
+  } catch (CLI::CallForHelp const&) {
+    output.write(app.help());
+    return kOk;
+  } catch (CLI::CallForVersion const& version) {
+    output.write(std::string(version.what()) + '\n');
+    return kOk;
+  } catch (CLI::ParseError const& error) {
+    throw KXUsageError(forTerminal(error.what()));
+  }
+  for (CLI::App const* verb : app.get_subcommands()) refuseRest(*verb);
+  refuseRest(app);
+
+  if (watchVerb->parsed()) {
+    arguments.watch.periodMs = parsePeriodMs(arguments.period);
+    if (!arguments.duration.empty()) arguments.watch.duration = parseDuration(arguments.duration);
+    arguments.watch.format = parseFormat(arguments.format);
+    return watch(arguments.watch, output, stop);
+  }
+  if (listVerb->parsed()) return list(arguments.list, output, stop);
+  if (describeVerb->parsed()) return describe(arguments.describe, output, stop);
+  throw KXUsageError("expected a verb: watch, list or describe; kx --help tells more");
+}
+
+int runReportingErrors(int argc, char** argv) {
+  try {
+    // Before any thread is made, so that signals wait for us and not for one of them.
+    KXStop const stop;
+    KXOutput output(STDOUT_FILENO, stop);
+    return run(argc, argv, output, stop);
+  } catch (KXUsageError const& error) {
+    say(error.what());
+    return kUsage;
+  } catch (KXToolError const& error) {
+    say(error.what());
+    return error.exitCode();
+  } catch (std::exception const& error) {
+    // Modules and libraries speak here: their text may hold anything.
+    say(forTerminal(error.what()));
+    return kFailed;
+  }
+}
+
+}  // namespace
+
+}  // namespace KX::tool
+
+int main(int argc, char** argv) {
+  return KX::tool::runReportingErrors(argc, argv);
+}

@@ -1,0 +1,51 @@
+#include "kx/session.hpp"
+
+#include <chrono>
+#include <utility>
+
+#include <host/rttools/kxmodulelibrary.hpp>
+#include <kxerror/kxerror.hpp>
+
+namespace KX::tool {
+
+KXSession::KXSession(Options const& options, KXStop const& stop)
+    : mHost({.name = "kx", .withVsm = options.withVsm}) {
+  mHost.loadModule(findLibrary("kxhostsensors"));
+  // Last, so that it is the first to go: its end still speaks to the store.
+  if (options.withWatcher) mHost.loadModule(findLibrary("memorywatcher"));
+  xAwaitSensors(stop);
+}
+
+KXValue KXSession::call(std::string const& module, std::string const& method,
+                        std::vector<KXValue> arguments) const {
+  return mHost.getBroker()->getProxy(module, 0)->genericCall(method, KXValue(std::move(arguments)));
+}
+
+std::vector<std::string> KXSession::keys(std::string const& pattern) const {
+  std::vector<std::string> names;
+  call("KXMemory", "getKeys", {pattern}).ToStringArray(names, false);
+  return names;
+}
+
+std::string KXSession::typeOf(std::string const& key) const {
+  try {
+    return static_cast<std::string const&>(call("KXMemory", "getType", {key}));
+  } catch (KXError const&) {
+    return "";  // the store's way to say that nobody wrote the key
+  }
+}
+
+void KXSession::xAwaitSensors(KXStop const& stop) const {
+  using namespace std::chrono_literals;
+  auto const deadline = std::chrono::steady_clock::now() + 5s;
+  while (keys("").empty()) {
+    if (std::chrono::steady_clock::now() >= deadline) {
+      throw KXToolError(kTimeOut, "expected keys of the sensors within 5 s, got none");
+    }
+    if (stop.waitUntil(std::chrono::steady_clock::now() + 10ms)) {
+      throw KXToolError(kFailed, "interrupted while waiting for the sensors");
+    }
+  }
+}
+
+}  // namespace KX::tool

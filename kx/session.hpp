@@ -1,0 +1,59 @@
+// The host inside the tool: this machine's sensors and, on request, the watcher, in this process.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <host/rttools/kxhost.hpp>
+#include <kxvalue/kxvalue.hpp>
+
+#include "kx/stop.hpp"
+
+namespace KX::tool {
+
+enum KXExitCode { kOk = 0, kFailed = 1, kUsage = 2, kNothingThere = 3, kTimeOut = 4 };
+
+/// What ends a command with one line on stderr and an exit code.
+class KXToolError : public std::runtime_error {
+ public:
+  KXToolError(KXExitCode exitCode, std::string const& text)
+      : std::runtime_error(text), mExitCode(exitCode) {}
+  KXExitCode exitCode() const noexcept { return mExitCode; }
+
+ private:
+  KXExitCode mExitCode;
+};
+
+/// An embedded host with the module libraries that stand beside the tool.
+/// Ownership: a value of a command; its end shuts the host down, last module first.
+/// Threads: one builds and ends it; calls go from any thread.
+/// Errors: KXError of the libraries and of the modules called.
+class KXSession {
+ public:
+  struct Options {
+    bool withVsm = false;      ///< run the 10 ms hardware cycle, which then paces the watcher
+    bool withWatcher = false;  ///< load KXMemoryWatcher
+  };
+
+  /// Returns when the sensors have published their keys. KXToolError if that takes too long, or if
+  /// the end is wished for meanwhile.
+  KXSession(Options const& options, KXStop const& stop);
+
+  KXBroker& broker() const { return *mHost.getBroker(); }
+  /// Calls a method of a module by name.
+  KXValue call(std::string const& module, std::string const& method,
+               std::vector<KXValue> arguments = {}) const;
+
+  /// The keys of the store that match a shell pattern, sorted; the empty pattern means all.
+  std::vector<std::string> keys(std::string const& pattern) const;
+  /// The type of a key; empty if the store does not know it.
+  std::string typeOf(std::string const& key) const;
+
+ private:
+  void xAwaitSensors(KXStop const& stop) const;
+
+  KXHost mHost;
+};
+
+}  // namespace KX::tool

@@ -1,0 +1,57 @@
+#include "kx/summary.hpp"
+
+#include <utility>
+
+#include <fmt/format.h>
+
+namespace KX::tool {
+namespace {
+
+std::string counted(std::int64_t count, char const* one, char const* many) {
+  return fmt::format("{} {}", count, count == 1 ? one : many);
+}
+
+std::string causes(KXPunctualityReport const& report, KXPacing pacing) {
+  // With timed pacing an overrun is made up for, so only a client that held the buffer leaves a
+  // gap. With cycle pacing overdue periods become one, which looks the same from here.
+  char const* const skipped =
+      pacing == KXPacing::Timed ? "buffer busy" : "buffer busy or cycle overrun";
+  std::string text;
+  for (auto const& [count, cause] :
+       {std::pair(report.failedReads, "read failed"), std::pair(report.skipped, skipped),
+        std::pair(report.overdue, "overdue at the stop")}) {
+    if (count > 0) text += fmt::format("{}{} {}", text.empty() ? " (" : ", ", count, cause);
+  }
+  return text.empty() ? text : text + ")";
+}
+
+std::string periods(KXPunctualityReport const& report, KXPacing pacing, int periodMs) {
+  return fmt::format("asked {} of {} ms, took {}, missed {}{}",
+                     counted(report.asked, "period", "periods"), periodMs, report.taken,
+                     report.asked - report.taken, causes(report, pacing));
+}
+
+std::string lateness(KXPunctualityReport const& report) {
+  if (report.latenessCount == 0) return "lateness unknown";
+  auto const ms = [](std::int64_t us) {
+    return static_cast<double>(us) / 1000;
+  };
+  return fmt::format("lateness p50 {:.3f} ms, p99 {:.3f} ms, max {:.3f} ms", ms(report.p50Us),
+                     ms(report.p99Us), ms(report.maxUs));
+}
+
+}  // namespace
+
+std::string summaryText(KXPunctualityReport const& report, KXPacing pacing, int periodMs,
+                        KXWatchedKeys const& keys, KXWatchCounts const& counts) {
+  auto const dataKeys = static_cast<std::int64_t>(keys.data.size() + keys.unknown.size());
+  auto const eventKeys = static_cast<std::int64_t>(keys.events.size());
+  std::string const events = fmt::format("{} of {}", counted(counts.events, "event", "events"),
+                                         counted(eventKeys, "event key", "event keys"));
+  if (keys.data.empty()) return "no data key was watched, so no period was seen; " + events;
+  return fmt::format("{}; {} of {}, {}; {}", periods(report, pacing, periodMs),
+                     counted(counts.samples, "sample", "samples"),
+                     counted(dataKeys, "data key", "data keys"), events, lateness(report));
+}
+
+}  // namespace KX::tool

@@ -1,0 +1,22 @@
+// The paragraph at the end of a watch. Pure.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "kx/punctuality.hpp"
+#include "kx/samples.hpp"
+
+namespace KX::tool {
+
+struct KXWatchCounts {
+  std::int64_t samples = 0;  ///< of data keys
+  std::int64_t events = 0;   ///< raises of event keys
+};
+
+/// Periods asked, taken, missed and why, samples, events, lateness. Without data keys there are no
+/// batches to see periods by, and it says so.
+std::string summaryText(KXPunctualityReport const& report, KXPacing pacing, int periodMs,
+                        KXWatchedKeys const& keys, KXWatchCounts const& counts);
+
+}  // namespace KX::tool

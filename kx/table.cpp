@@ -1,0 +1,149 @@
+#include "kx/table.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <ctime>
+#include <string_view>
+
+#include <fmt/format.h>
+
+#include "kx/text.hpp"
+
+namespace KX::tool {
+namespace {
+
+constexpr std::size_t kTakenWidth = 12;  // 06:58:45.123
+constexpr std::size_t kSamplesWidth = 8;
+constexpr std::size_t kGaps = 6;  // two blanks between columns
+constexpr std::size_t kLeastValueWidth = 12;
+constexpr std::size_t kMostValueWidth = 100;
+
+std::string localTime(std::int64_t timeUs, char const* format) {
+  std::time_t const seconds = timeUs / 1'000'000;
+  std::tm parts{};
+  localtime_r(&seconds, &parts);
+  std::array<char, 64> text{};
+  std::size_t const size = std::strftime(text.data(), text.size(), format, &parts);
+  return {text.data(), size};
+}
+
+std::string takenAt(std::int64_t timeUs) {
+  if (timeUs == 0) return "-";
+  return localTime(timeUs, "%H:%M:%S") + fmt::format(".{:03}", timeUs / 1000 % 1000);
+}
+
+std::string readableFloat(double value) {
+  double const size = std::abs(value);
+  if (!std::isfinite(value) || size >= 1e15) return fmt::format("{:g}", value);
+  if (value == std::floor(value)) return fmt::format("{:.0f}", value);
+  return size >= 1000 ? fmt::format("{:.1f}", value) : fmt::format("{:.4g}", value);
+}
+
+std::string line(std::string_view key, std::string_view value, std::string_view taken,
+                 std::string_view samples, std::size_t keyWidth, std::size_t valueWidth) {
+  return fmt::format("{}  {}  {}  {:>{}}", fitToWidth(key, keyWidth), fitToWidth(value, valueWidth),
+                     fitToWidth(taken, kTakenWidth), samples, kSamplesWidth);
+}
+
+}  // namespace
+
+std::string readable(KXValue const& value) {
+  switch (value.getType()) {
+    case KXValue::TypeInvalid:
+      return "-";
+    case KXValue::TypeFloat:
+      return readableFloat(static_cast<double>(value));
+    case KXValue::TypeString:
+      return forTerminal(static_cast<std::string const&>(value));
+    default:
+      return forTerminal(value.toString(1));
+  }
+}
+
+KXTable::KXTable(KXWatchedKeys const& keys) {
+  for (auto const* group : {&keys.data, &keys.unknown, &keys.events}) {
+    for (std::string const& key : *group) xRowFor(key);
+  }
+}
+
+std::size_t KXTable::xRowFor(std::string const& key) {
+  auto const [place, isNew] = mRowOfKey.try_emplace(key, mRows.size());
+  if (isNew) mRows.emplace_back().key = forTerminal(key);
+  return place->second;
+}
+
+void KXTable::add(KXFetched const& fetched) {
+  for (KXSample const& sample : fetched.samples) {
+    Row& row = mRows[xRowFor(sample.key)];
+    row.value = sample.value;
+    row.timeUs = sample.timeUs;
+    ++row.samples;
+    mNewestUs = std::max(mNewestUs, sample.timeUs);
+  }
+  mSamples += static_cast<std::int64_t>(fetched.samples.size());
+}
+
+KXTable::Widths KXTable::xWidths(KXTerminal const& terminal) const {
+  Widths widths{3, kLeastValueWidth};
+  for (Row const& row : mRows) {
+    widths.key = std::max(widths.key, displayWidth(row.key));
+    widths.value = std::max(widths.value, displayWidth(readable(row.value)));
+  }
+  widths.value = std::min(widths.value, kMostValueWidth);
+  if (!terminal.isLive) return widths;
+
+  // The last column of a terminal stays free: some go to the next line once it is written.
+  std::size_t const fixed = kTakenWidth + kSamplesWidth + kGaps + 1;
+  auto const columns = static_cast<std::size_t>(terminal.columns);
+  std::size_t const room = columns > fixed ? columns - fixed : 0;
+  std::size_t const forKey = room > kLeastValueWidth ? room - kLeastValueWidth : 0;
+  widths.key = std::min(widths.key, forKey);
+  widths.value = std::min(widths.value, room - widths.key);
+  return widths;
+}
+
+std::string KXTable::xTitle() const {
+  if (mNewestUs == 0) return fmt::format("{} keys, no sample yet", mRows.size());
+  return fmt::format("{}  {} keys, {} samples", localTime(mNewestUs, "%Y-%m-%d %H:%M:%S %z"),
+                     mRows.size(), mSamples);
+}
+
+std::vector<std::string> KXTable::lines(KXTerminal const& terminal) const {
+  Widths const widths = xWidths(terminal);
+  std::size_t shown = mRows.size();
+  // Title, head, and the line of the cursor; the line that tells of keys left out, if there are.
+  auto const room = static_cast<std::size_t>(std::max(terminal.rows - 3, 1));
+  if (terminal.isLive && shown > room) shown = room - 1;
+
+  std::vector<std::string> lines{
+      xTitle(), line("KEY", "VALUE", "TAKEN", "SAMPLES", widths.key, widths.value)};
+  for (Row const& row : std::span(mRows).first(shown)) {
+    lines.push_back(line(row.key, readable(row.value), takenAt(row.timeUs),
+                         std::to_string(row.samples), widths.key, widths.value));
+  }
+  if (shown < mRows.size()) {
+    lines.push_back(fmt::format("and {} more keys: enlarge the window", mRows.size() - shown));
+  }
+  if (!terminal.isLive) return lines;
+  for (std::string& text : lines) {
+    auto const columns = static_cast<std::size_t>(std::max(terminal.columns - 1, 0));
+    if (displayWidth(text) > columns) text = fitToWidth(text, columns);
+  }
+  return lines;
+}
+
+std::string KXTable::draw(KXTerminal const& terminal) {
+  std::string text;
+  if (mDrawnLines > 0 && terminal.isLive) text = fmt::format("\x1b[{}A\r\x1b[J", mDrawnLines);
+  if (mDrawnLines > 0 && !terminal.isLive) text = "\n";
+  std::vector<std::string> const drawn = lines(terminal);
+  for (std::size_t i = 0; i < drawn.size(); ++i) {
+    bool const isHead = i == 1 && terminal.hasColor;
+    text += isHead ? "\x1b[1m" + drawn[i] + "\x1b[0m\n" : drawn[i] + '\n';
+  }
+  mDrawnLines = drawn.size();
+  return text;
+}
+
+}  // namespace KX::tool

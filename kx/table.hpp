@@ -1,0 +1,61 @@
+// The keys of a watch as a table for people. Pure: no clock, no terminal.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include <kxvalue/kxvalue.hpp>
+
+#include "kx/output.hpp"
+#include "kx/samples.hpp"
+
+namespace KX::tool {
+
+/// The last value of each key, when it was taken, and how many samples came.
+/// Threads: one.
+class KXTable {
+ public:
+  explicit KXTable(KXWatchedKeys const& keys);
+
+  void add(KXFetched const& fetched);
+
+  /// The time of the newest sample; 0 before the first.
+  std::int64_t newestUs() const noexcept { return mNewestUs; }
+
+  /// A title, a head, and one line per key: at most the terminal's rows, each line shorter than
+  /// its columns. Where it is not live, all keys, and long values cut at 100 columns.
+  std::vector<std::string> lines(KXTerminal const& terminal) const;
+
+  /// The table as text. A live one begins by going back over the one drawn before it.
+  std::string draw(KXTerminal const& terminal);
+
+ private:
+  struct Row {
+    std::string key;  // fit for a terminal
+    KXValue value;
+    std::int64_t timeUs = 0;
+    std::int64_t samples = 0;
+  };
+  struct Widths {
+    std::size_t key;
+    std::size_t value;
+  };
+
+  Widths xWidths(KXTerminal const& terminal) const;
+  std::size_t xRowFor(std::string const& key);
+  std::string xTitle() const;
+
+  std::vector<Row> mRows;
+  std::map<std::string, std::size_t> mRowOfKey;
+  std::int64_t mNewestUs = 0;
+  std::int64_t mSamples = 0;
+  std::size_t mDrawnLines = 0;
+};
+
+/// A value as people read it: floats rounded, texts bare, everything else JSON; fit for a terminal.
+std::string readable(KXValue const& value);
+
+}  // namespace KX::tool

@@ -1,0 +1,19 @@
+// Which keys of the store a watch means.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "kx/samples.hpp"
+#include "kx/session.hpp"
+
+namespace KX::tool {
+
+/// The keys that these keys and shell patterns mean, each once, sorted by the way they are watched;
+/// without any, those that a newcomer wants to see. The name of an existing key is never taken for
+/// a pattern. A name that is no pattern and not in the store is watched as unknown. Each argument
+/// for which nothing is there is told on stderr.
+/// KXToolError (nothing there) if the store has none of them.
+KXWatchedKeys findKeys(KXSession const& session, std::vector<std::string> const& patterns);
+
+}  // namespace KX::tool
