@@ -28,9 +28,9 @@ void KXSleepGate::unlock() {
 
 bool KXSleepGate::lockUntil(boost::posix_time::ptime const& deadline) {
   boost::unique_lock<boost::mutex> guard(mMutex);
-  while (mIsLocked) {
-    if (!mUnlocked.timed_wait(guard, deadline) && mIsLocked) return false;
-  }
+  // This form looks at the wall clock first and every 100 ms: the plain one refuses a deadline from
+  // before the machine's start, which is what a clock that is set while we sleep makes of ours.
+  if (!mUnlocked.timed_wait(guard, deadline, [this] { return !mIsLocked; })) return false;
   mIsLocked = true;
   return true;
 }
