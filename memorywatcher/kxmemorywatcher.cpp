@@ -555,7 +555,7 @@ bool KXMemoryWatcher::xBeginCycle(bool isData, Cycle& cycle) {
   if (wasLocked) return false;
   if (isData) {
     mDataMutex->assertHeld();
-    xFileData();
+    if (mDataInbox.isFilingDue()) xFileData();
     mDataList.refresh(mDataItems);
     cycle = {mDataList.names, mDataList.keys, mDataList.unknown};
   } else {

@@ -1,5 +1,6 @@
 #include <memorywatcher/kxmemorywatcheritem.hpp>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <memory>
@@ -41,6 +42,12 @@ KXValue KXTimePairs::get(ka::os::timeval time) {
 KXMemoryWatcherItem::KXMemoryWatcherItem(std::string const& name, std::string const& nature,
                                          std::string const& fileName)
     : mName(name), mFileName(fileName), mNature(nature) {}
+
+void KXMemoryWatcherItem::makeRoom(std::size_t count) {
+  std::size_t const needed = mSamples.size() + count;
+  // Doubled, as appending one by one would.
+  if (needed > mSamples.capacity()) mSamples.reserve(std::max(needed, 2 * mSamples.capacity()));
+}
 
 void KXMemoryWatcherItem::clear() {
   mSamples.clear();

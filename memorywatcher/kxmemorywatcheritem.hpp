@@ -72,6 +72,8 @@ class KXMemoryWatcherItem {
   void addData(ka::os::timeval time, KXValue value) {
     mSamples.emplace_back(time, std::move(value));
   }
+  /// Sees to it that the next `count` calls of addData() need no memory, and so cannot fail.
+  void makeRoom(std::size_t count);
   /// Drops all samples; keeps names, nature and the memory for new samples.
   void clear();
 

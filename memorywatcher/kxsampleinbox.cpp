@@ -31,6 +31,7 @@ struct KXSampleInbox::Post {
   explicit Post(ka::os::timeval when) : time(when) {}
   virtual ~Post() = default;
   virtual void file(KXListenerMap& map, KXWatchList& list) = 0;
+  virtual BatchPost* asBatch() { return nullptr; }
 
   Post* next = nullptr;
   ka::os::timeval const time;
@@ -54,31 +55,44 @@ struct KXSampleInbox::BatchPost final : Post {
   BatchPost(ka::os::timeval when, KXValue forKeys, KXValue what, std::size_t from, std::size_t to)
       : Post(when), keys(std::move(forKeys)), values(std::move(what)), begin(from), end(to) {}
 
-  // Where filing threw, `begin` remembers the place at which to take it up again.
-  void file(KXListenerMap& map, KXWatchList& list) override {
-    std::size_t i = begin;
-    try {
-      KXValue const* const value = values.arrayData();
-      if (list.isCurrent && list.keys.sharesBlockWith(keys)) {
-        for (; i < end; ++i) list.items[i]->addData(time, value[i]);
-        return;
-      }
-      KXValue const* const key = keys.arrayData();
-      for (; i < end; ++i) {
-        auto const entry = map.find(static_cast<std::string const&>(key[i]));
-        if (entry != map.end()) entry->second.addData(time, value[i]);
-      }
-    } catch (...) {
-      begin = i;
-      throw;
+  void file(KXListenerMap& map, KXWatchList&) override {
+    KXValue const* const key = keys.arrayData();
+    KXValue const* const value = values.arrayData();
+    for (; begin < end; ++begin) {
+      auto const entry = map.find(static_cast<std::string const&>(key[begin]));
+      if (entry != map.end()) entry->second.addData(time, value[begin]);
     }
   }
+  BatchPost* asBatch() override { return this; }
 
   KXValue const keys;
   KXValue const values;
-  std::size_t begin;
+  std::size_t begin;  // moves on with what is filed, so that a failure can be taken up again
   std::size_t const end;
 };
+
+namespace {
+
+// Files batches of the same keys key by key: each key's memory is touched once for all of them.
+template <class Batch>
+void fileTogether(std::vector<Batch*> const& batches, KXWatchList const& list) {
+  std::vector<KXValue const*> values;
+  for (Batch const* batch : batches) values.push_back(batch->values.arrayData());
+  std::size_t const end = batches.front()->end;
+  std::size_t i = batches.front()->begin;
+  try {
+    for (; i < end; ++i) {
+      KXMemoryWatcherItem& item = *list.items[i];
+      item.makeRoom(batches.size());
+      for (std::size_t k = 0; k < batches.size(); ++k) item.addData(batches[k]->time, values[k][i]);
+    }
+  } catch (...) {
+    for (Batch* batch : batches) batch->begin = i;
+    throw;
+  }
+}
+
+}  // namespace
 
 KXSampleInbox::~KXSampleInbox() {
   xTakeWaiting();
@@ -92,6 +106,7 @@ void KXSampleInbox::postSample(std::string const& name, ka::os::timeval time, KX
 void KXSampleInbox::postBatch(ka::os::timeval time, KXValue keys, KXValue values, std::size_t begin,
                               std::size_t end) {
   xPost(new BatchPost(time, std::move(keys), std::move(values), begin, end));
+  mWaitingBatches.fetch_add(1, std::memory_order_relaxed);
 }
 
 // A stack onto which anybody pushes and which is only ever taken as a whole, so no element can
@@ -118,11 +133,38 @@ void KXSampleInbox::xTakeWaiting() noexcept {
   mNewestTaken = newest;
 }
 
+void KXSampleInbox::xDropOldest() noexcept {
+  if (mOldestTaken->asBatch() != nullptr) mWaitingBatches.fetch_sub(1, std::memory_order_relaxed);
+  delete std::exchange(mOldestTaken, mOldestTaken->next);
+}
+
+// The oldest posts, as far as they are batches over the same keys of the map as it is now.
+std::vector<KXSampleInbox::BatchPost*> KXSampleInbox::xOldestBatches(
+    KXWatchList const& list) const {
+  std::vector<BatchPost*> batches;
+  for (Post* post = mOldestTaken; post != nullptr && list.isCurrent; post = post->next) {
+    BatchPost* const batch = post->asBatch();
+    if (batch == nullptr || !batch->keys.sharesBlockWith(list.keys)) break;
+    if (!batches.empty() &&
+        (batch->begin != batches.front()->begin || batch->end != batches.front()->end)) {
+      break;
+    }
+    batches.push_back(batch);
+  }
+  return batches;
+}
+
 void KXSampleInbox::fileInto(KXListenerMap& map, KXWatchList& list) {
   xTakeWaiting();
   while (mOldestTaken != nullptr) {
-    mOldestTaken->file(map, list);
-    delete std::exchange(mOldestTaken, mOldestTaken->next);
+    std::vector<BatchPost*> const batches = xOldestBatches(list);
+    if (batches.empty()) {
+      mOldestTaken->file(map, list);
+      xDropOldest();
+    } else {
+      fileTogether(batches, list);
+      for (std::size_t i = 0; i < batches.size(); ++i) xDropOldest();
+    }
   }
 }
 

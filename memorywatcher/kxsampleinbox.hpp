@@ -55,6 +55,11 @@ class KXSampleInbox {
   /// `keys`, an array of strings; both arrays reach at least to `end`.
   void postBatch(ka::os::timeval time, KXValue keys, KXValue values, std::size_t begin,
                  std::size_t end);
+  /// True once so many batches wait that filing them together pays. Filing touches the memory of
+  /// every key: some batches at once cost little more than one. Any thread may ask.
+  bool isFilingDue() const noexcept {
+    return mWaitingBatches.load(std::memory_order_relaxed) >= kBatchesPerFiling;
+  }
   /// Files everything that waits. The caller holds the mutex that guards the map and its list.
   void fileInto(KXListenerMap& map, KXWatchList& list);
 
@@ -63,10 +68,15 @@ class KXSampleInbox {
   struct SamplePost;
   struct BatchPost;
 
+  static constexpr int kBatchesPerFiling = 16;
+
   void xPost(Post* post) noexcept;
   void xTakeWaiting() noexcept;
+  void xDropOldest() noexcept;
+  std::vector<BatchPost*> xOldestBatches(KXWatchList const& list) const;
 
   std::atomic<Post*> mNewest{nullptr};
+  std::atomic<int> mWaitingBatches{0};
   // Taken out of the mailbox but not filed yet, oldest first; belongs to the mutex's holder.
   Post* mOldestTaken = nullptr;
   Post* mNewestTaken = nullptr;

@@ -107,6 +107,7 @@ void KXVsm::xRun(boost::weak_ptr<KXModuleCore> const& module, std::atomic<bool> 
     boost::shared_ptr<KXModuleCore> const core = module.lock();
     if (!core) return;
     KXVsm& vsm = static_cast<KXVsm&>(*core);
+    vsm.mDeadlineNs = deadlineNs;
     vsm.xCycle();
     KXCycleStep const step = nextCycle(deadlineNs, nowNs());
     vsm.mMissedCycleCount += static_cast<std::uint32_t>(step.missedCycles);

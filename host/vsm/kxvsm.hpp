@@ -46,6 +46,9 @@ class KX_API KXVsm : public KXModule {
   int getCycleCount();
   /// The cycles that were skipped because their time had passed.
   int getMissedCycleCount();
+  /// When the last raised cycle was due, on the monotonic clock; 0 before the first one. Slots can
+  /// tell by it how late they are.
+  std::int64_t getDeadlineNs() const noexcept { return mDeadlineNs; }
 
  private:
   static void xRun(boost::weak_ptr<KXModuleCore> const& module,
@@ -57,6 +60,7 @@ class KX_API KXVsm : public KXModule {
   std::shared_ptr<std::atomic<bool>> const mIsStopping;
   std::atomic<std::uint32_t> mCycleCount{0};
   std::atomic<std::uint32_t> mMissedCycleCount{0};
+  std::atomic<std::int64_t> mDeadlineNs{0};
   std::mutex mMutex;
   std::thread mThread;  // guarded by mMutex
 };

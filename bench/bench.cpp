@@ -1,0 +1,133 @@
+// Runs the benchmarks and prints one table: figure, ours, floor, ratio, and what is demanded.
+// The floor is the same work by hand, measured in the same run; options are Google Benchmark's.
+
+#include <algorithm>
+#include <cstdio>
+#include <map>
+#include <string>
+#include <vector>
+
+#include <benchmark/benchmark.h>
+
+#include <memorywatcher/kxmemorywatcheritem.hpp>
+
+namespace {
+
+struct Figure {
+  char const* text;
+  char const* unit;
+  char const* ours;
+  char const* floor;  // empty: `must` and `aim` are not ratios but in the unit
+  double must;
+  double aim;
+};
+
+// A name is a benchmark's, or BENCHMARK:COUNTER.
+constexpr Figure kFigures[] = {
+    {"update cycle, 100 keys", "ns", "cycle/ours/100", "cycle/floor/100", 2.5, 1.5},
+    {"update cycle, 1000 keys", "ns", "cycle/ours/1000", "cycle/floor/1000", 2.5, 1.5},
+    {"update cycle, 10000 keys", "ns", "cycle/ours/10000", "cycle/floor/10000", 2.5, 1.5},
+    {"at 100 Hz, CPU per sample, 1000 keys", "ns",
+     "pacing/1000/iterations:1:timed_cpu_ns_per_sample",
+     "pacing/1000/iterations:1:floor_cpu_ns_per_sample", 1.8, 1.2},
+    {"at 100 Hz, CPU per sample, 10000 keys", "ns",
+     "pacing/10000/iterations:1:timed_cpu_ns_per_sample",
+     "pacing/10000/iterations:1:floor_cpu_ns_per_sample", 1.8, 1.2},
+    {"fetch of 1e5 samples, build + free", "ms", "fetch/ours/100000", "fetch/floor/100000", 1.2,
+     0.7},
+    {"fetch of 1e6 samples, build + free", "ms", "fetch/ours/1000000", "fetch/floor/1000000", 1.2,
+     0.7},
+    {"event captured by _onEventNotify's member", "ns", "capture/ours", "capture/floor", 3, 1.5},
+    {"event raised in the store until buffered", "ns", "raised/ours/real_time:per_item_ns",
+     "capture/floor", 15, 8},
+    {"call through the broker, typed", "ns", "call/typed/ours", "", 150, 60},
+    {"call through the broker, as values", "ns", "call/generic/ours", "", 150, 60},
+    {"memory of a buffered number", "B", "sizeof sample", "", 40, 40},
+    {"lateness at 10 ms, timed pacing, p50", "us", "pacing/1000/iterations:1:timed_p50_us",
+     "pacing/1000/iterations:1:floor_p50_us", 1.2, 0.7},
+    {"lateness at 10 ms, timed pacing, p99", "us", "pacing/1000/iterations:1:timed_p99_us",
+     "pacing/1000/iterations:1:floor_p99_us", 1.5, 0.9},
+    {"lateness at 10 ms, cycle pacing, p50", "us", "pacing/1000/iterations:1:cycle_p50_us",
+     "pacing/1000/iterations:1:floor_p50_us", 1.2, 0.7},
+    {"lateness at 10 ms, cycle pacing, p99", "us", "pacing/1000/iterations:1:cycle_p99_us",
+     "pacing/1000/iterations:1:floor_p99_us", 1.5, 0.9},
+    {"batches in 60 s at 10 ms (6000 asked)", "", "minute/iterations:1:batches", "", 6001, 6000},
+    {"... of them with the same time", "", "minute/iterations:1:with_the_same_time", "", 0, 0},
+};
+
+constexpr int kGrowth[] = {100, 1000, 10'000, 100'000};
+
+/// Collects every measured number by its name; the median where a benchmark was repeated.
+class Collector : public benchmark::ConsoleReporter {
+ public:
+  Collector() : ConsoleReporter(OO_None) { SetOutputStream(&GetErrorStream()); }
+
+  void ReportRuns(std::vector<Run> const& runs) override {
+    ConsoleReporter::ReportRuns(runs);
+    for (Run const& run : runs) {
+      if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
+      std::string name = run.run_name.str();
+      name = name.substr(0, name.find("/repeats:"));
+      mNumbers[name].push_back(run.GetAdjustedRealTime());
+      for (auto const& [counter, value] : run.counters) {
+        mNumbers[name + ":" + counter].push_back(value.value);
+      }
+    }
+  }
+
+  /// False if it was not measured.
+  bool find(std::string const& name, double& number) {
+    auto const found = mNumbers.find(name);
+    if (found == mNumbers.end()) return false;
+    std::vector<double>& numbers = found->second;
+    std::sort(numbers.begin(), numbers.end());
+    number = numbers[numbers.size() / 2];
+    return true;
+  }
+
+  void add(std::string const& name, double number) { mNumbers[name].push_back(number); }
+
+ private:
+  std::map<std::string, std::vector<double>> mNumbers;
+};
+
+void printFigure(Collector& collector, Figure const& figure) {
+  double ours = 0;
+  if (!collector.find(figure.ours, ours)) return;
+  double floor = 0;
+  if (*figure.floor == '\0') {
+    std::printf("| %-42s | %10.1f %-2s |               |       | %6.6g %-2s | %6.6g %-2s |\n",
+                figure.text, ours, figure.unit, figure.must, figure.unit, figure.aim, figure.unit);
+  } else if (collector.find(figure.floor, floor)) {
+    std::printf("| %-42s | %10.1f %-2s | %10.1f %-2s | %5.2f | %7.1f x | %7.1f x |\n", figure.text,
+                ours, figure.unit, floor, figure.unit, ours / floor, figure.must, figure.aim);
+  }
+}
+
+void printGrowth(Collector& collector) {
+  std::printf("\n| keys   | ours, per key | floor, per key |\n|---|---|---|\n");
+  for (int const keys : kGrowth) {
+    double ours = 0;
+    double floor = 0;
+    std::string const suffix = std::to_string(keys);
+    if (!collector.find("cycle/ours/" + suffix, ours)) continue;
+    if (!collector.find("cycle/floor/" + suffix, floor)) continue;
+    std::printf("| %6d | %10.2f ns | %11.2f ns |\n", keys, ours / keys, floor / keys);
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
+  Collector collector;
+  collector.add("sizeof sample", sizeof(KX::KXMemoryWatcherData));
+  benchmark::RunSpecifiedBenchmarks(&collector);
+
+  std::printf("| %-42s | %-13s | %-13s | ratio | %-9s | %-9s |\n|---|---|---|---|---|---|\n",
+              "figure", "ours", "floor", "must", "aim");
+  for (Figure const& figure : kFigures) printFigure(collector, figure);
+  printGrowth(collector);
+  return 0;
+}
