@@ -247,7 +247,8 @@ TEST_F(StressMemoryProxy, AnswersOrSaysThatThereIsNoStoreWhileStoresAreReplaced)
           EXPECT_EQ(proxy.getListData(KXValue(Texts{"a"})).getSize(), 1);
           ++answered;
         } catch (KXError const& error) {
-          EXPECT_EQ(error.getDescription(), "unknown module 'KXMemory', loaded: none");
+          EXPECT_TRUE(error.getDescription().starts_with("unknown module 'KXMemory'"))
+              << error.getDescription();
         }
       }
     });
