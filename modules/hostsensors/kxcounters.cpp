@@ -62,7 +62,7 @@ KXValue KXUsage::update(std::uint64_t busyTicks, std::uint64_t totalTicks, KXHos
 }
 
 bool KXUsage::isSettled() const {
-  return mReadings.size() > 1 && mReadings.back().time - mReadings.front().time >= kUsageWindow;
+  return mUsage.isValid() && mReadings.back().time - mReadings.front().time >= kUsageWindow;
 }
 
 std::optional<bool> KXHysteresis::update(double value) {

@@ -43,7 +43,7 @@ class KXUsage {
  public:
   /// Invalid until there are two readings with ticks between them.
   KXValue update(std::uint64_t busyTicks, std::uint64_t totalTicks, KXHostTime now);
-  /// True once the readings span a second.
+  /// True once there is a value and the readings span a second.
   bool isSettled() const;
 
  private:

@@ -64,7 +64,7 @@ void reportChipReadings(std::vector<KXChipReading> const& readings, KXHostReport
     bool const isFan = reading.kind == KXChipReading::Kind::Fan;
     std::string place = std::string(isFan ? "Host/Fan/" : "Host/Temperature/") +
                         keySegment(reading.chip) + "/" + keySegment(reading.label);
-    if (!taken.insert(place).second) place += "." + keySegment(reading.feature);
+    if (!taken.insert(place).second) place.append(".").append(keySegment(reading.feature));
     report.add(place + (isFan ? "/Rpm" : "/Celsius"), KXValue(reading.value));
   }
 }

@@ -1,0 +1,64 @@
+// A machine made of files: a folder with the parts of /proc and /sys that a test wants read.
+#pragma once
+
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+#include <stdlib.h>
+
+#include <modules/hostsensors/kxhostgroup.hpp>
+
+namespace KX::testing {
+
+/// Owns a folder below the system's temporary one, until destruction.
+class FakeRoot {
+ public:
+  FakeRoot() {
+    std::string path = (std::filesystem::temp_directory_path() / "hostsensors-XXXXXX").string();
+    if (::mkdtemp(path.data()) == nullptr) throw std::runtime_error("no temporary folder");
+    mPath = path;
+  }
+  ~FakeRoot() { std::filesystem::remove_all(mPath); }
+  FakeRoot(FakeRoot const&) = delete;
+  FakeRoot& operator=(FakeRoot const&) = delete;
+
+  std::string path() const { return mPath.string(); }
+
+  /// Writes a file, and the folders that it takes. `path` begins without a slash: proc/net/dev.
+  void write(std::string const& path, std::string const& text) const {
+    std::filesystem::create_directories((mPath / path).parent_path());
+    std::ofstream(mPath / path, std::ios::binary) << text;
+  }
+  void makeFolder(std::string const& path) const {
+    std::filesystem::create_directories(mPath / path);
+  }
+  void remove(std::string const& path) const { std::filesystem::remove_all(mPath / path); }
+
+ private:
+  std::filesystem::path mPath;
+};
+
+/// A moment for readings: so many milliseconds after some fixed one.
+inline KXHostTime at(int ms) {
+  return KXHostTime() + std::chrono::hours(1) + std::chrono::milliseconds(ms);
+}
+
+/// One reading of a group.
+inline KXHostReport readGroup(KXHostGroup& group, int ms = 0) {
+  KXHostReport report;
+  group.read(at(ms), report);
+  return report;
+}
+
+/// The value of a key; nothing if the report does not have it.
+inline std::optional<KXValue> find(KXHostReport const& report, std::string const& key) {
+  for (auto const& [name, value] : report.values) {
+    if (name == key) return value;
+  }
+  return std::nullopt;
+}
+
+}  // namespace KX::testing
