@@ -212,7 +212,7 @@ class KX_API KXValue {
   }
   // By value, so that a value whose address is not taken elsewhere can live in registers.
   static void xFree(Block* block, Type type) noexcept;
-  static ArrayBlock* xDropElements(ArrayBlock* array) noexcept;
+  static ArrayBlock* xDropElements(ArrayBlock* array, std::int32_t& next) noexcept;
   void xOwnArray(std::size_t capacity);
   void xMakeRoom();
   [[noreturn]] void xFailType(char const* method, Type expected) const;

@@ -98,30 +98,36 @@ void KXValue::xFree(Block* block, Type type) noexcept {
     delete static_cast<TextBlock*>(block);
     return;
   }
-  ArrayBlock* parent = nullptr;
   ArrayBlock* array = static_cast<ArrayBlock*>(block);
+  ArrayBlock* parent = nullptr;
+  std::int32_t next = 0;
   for (;;) {
-    if (ArrayBlock* const child = xDropElements(array); child != nullptr) {
-      array->elements()[array->size].mPayload.asBlock = parent;
+    if (ArrayBlock* const child = xDropElements(array, next); child != nullptr) {
+      // Where to go on: the index in the dead counter, the way up in the dead element.
+      array->references.store(next, std::memory_order_relaxed);
+      array->elements()[next - 1].mPayload.asBlock = parent;
       parent = array;
       array = child;
+      next = 0;
       continue;
     }
     ::operator delete(array);
     if (parent == nullptr) return;
     array = parent;
-    parent = array->elements()[array->size].xArray();
+    next = array->references.load(std::memory_order_relaxed);
+    parent = array->elements()[next - 1].xArray();
   }
 }
 
-// Drops elements from the end up to the first array that loses its last owner by it, and gives that
-// array's block; null when no element is left.
-KXValue::ArrayBlock* KXValue::xDropElements(ArrayBlock* array) noexcept {
-  while (array->size > 0) {
-    KXValue const& last = array->elements()[--array->size];
-    if (!last.hasBlock() || !xDropShare(last.mPayload.asBlock)) continue;
-    if (last.getType() == TypeArray) return last.xArray();
-    delete last.xText();
+// Drops elements from `next` on up to the first array that loses its last owner by it, and gives
+// that array's block; null when no element is left.
+KXValue::ArrayBlock* KXValue::xDropElements(ArrayBlock* array, std::int32_t& next) noexcept {
+  std::int32_t const size = static_cast<std::int32_t>(array->size);
+  while (next < size) {
+    KXValue const& element = array->elements()[next++];
+    if (!element.hasBlock() || !xDropShare(element.mPayload.asBlock)) continue;
+    if (element.getType() == TypeArray) return element.xArray();
+    delete element.xText();
   }
   return nullptr;
 }
