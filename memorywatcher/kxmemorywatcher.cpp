@@ -240,8 +240,10 @@ void KXMemoryWatcher::removeListener(std::string const& name) {
   auto const entry = mEventItems.find(name);
   if (entry == mEventItems.end()) return;
   std::string const nature = entry->second.getNature();
-  // Before the entry goes: if the store fails, the key must still be there.
+  // Before the entry goes: if the store fails, the key must still be there. What was raised until
+  // then belongs to the entry and goes with it.
   xUnsubscribe(name, nature);
+  xFileEvents();
   mEventItems.erase(name);
   mEventList.isCurrent = false;
 }
@@ -259,6 +261,7 @@ void KXMemoryWatcher::removeAllListeners() {
   }
   KXCriticalSection const lock(mEventMutex);
   for (auto const& [key, nature] : xEventNatures()) xUnsubscribe(key, nature);
+  xFileEvents();
   mEventItems.clear();
   mEventList.isCurrent = false;
 }

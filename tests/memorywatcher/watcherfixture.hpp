@@ -76,6 +76,11 @@ struct KXMemoryWatcherForTest {
   static int cyclesPerPeriod(KXMemoryWatcher& watcher) { return watcher.mCyclesPerPeriod; }
   static bool usesTimedSleep(KXMemoryWatcher& watcher) { return watcher.mUseTimedSleep; }
   static bool isStarting(KXMemoryWatcher& watcher) { return watcher.mIsStarting; }
+  static int cycleCount(KXMemoryWatcher& watcher) { return watcher.mCycleCount; }
+  static boost::posix_time::ptime nextWakeTime(KXMemoryWatcher& watcher) {
+    KXCriticalSection const lock(watcher.mPacingMutex);
+    return watcher.mNextWakeTime;
+  }
   static int mainThreadTaskId(KXMemoryWatcher& watcher) { return watcher.mMainThreadTaskId; }
 };
 
