@@ -1,4 +1,5 @@
 // kx: the command line of a host. Options and exit codes; the verbs have files of their own.
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <exception>
@@ -79,7 +80,8 @@ CLI::App* addDescribe(CLI::App& app, Arguments& arguments) {
 
 // What the parser could not place is a mistyped verb or option, or one argument too many.
 void refuseRest(CLI::App const& app) {
-  std::vector<std::string> const rest = app.remaining();
+  std::vector<std::string> rest = app.remaining();
+  std::erase(rest, "--");
   if (rest.empty()) return;
   std::string const& first = rest.front();
   std::vector<std::string> known;
@@ -106,7 +108,6 @@ void refuseRest(CLI::App const& app) {
 int run(int argc, char** argv, KXOutput& output, KXStop const& stop) {
   CLI::App app("Watches and describes the keys and modules of a host.", "kx");
   app.set_version_flag("--version", "kx " KX_VERSION, "print the version and exit");
-  app.footer(kFooter);
   app.allow_extras();
   Arguments arguments;
   CLI::App* const watchVerb = addWatch(app, arguments);
@@ -116,6 +117,7 @@ int run(int argc, char** argv, KXOutput& output, KXStop const& stop) {
     verb->allow_extras();
     verb->footer(verb->get_footer() + kFooter);
   }
+  app.footer(kFooter);  // last, since verbs inherit it
 
   try {
     app.parse(argc, argv);
@@ -125,6 +127,10 @@ int run(int argc, char** argv, KXOutput& output, KXStop const& stop) {
   } catch (CLI::CallForVersion const& version) {
     output.write(std::string(version.what()) + '\n');
     return kOk;
+  } catch (CLI::ArgumentMismatch const& error) {
+    std::string const text = error.what();
+    throw KXUsageError(forTerminal(text.substr(0, text.find(':'))) +
+                       ": expected a value, got none");
   } catch (CLI::ParseError const& error) {
     throw KXUsageError(forTerminal(error.what()));
   }
@@ -143,6 +149,11 @@ int run(int argc, char** argv, KXOutput& output, KXStop const& stop) {
 }
 
 int runReportingErrors(int argc, char** argv) {
+  if (fcntl(STDOUT_FILENO, F_GETFD) < 0) {
+    // The next file that is opened would get its place.
+    say("expected an open stdout, got a closed one");
+    return kFailed;
+  }
   try {
     // Before any thread is made, so that signals wait for us and not for one of them.
     KXStop const stop;

@@ -28,6 +28,7 @@ std::string_view environment(char const* name) {
 bool KXOutput::write(std::string_view text) {
   while (!text.empty() && !mIsClosed) {
     if (!xWaitUntilWritable()) {
+      say("nobody reads stdout: what was left is dropped");
       mIsClosed = true;
       break;
     }

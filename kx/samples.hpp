@@ -14,9 +14,9 @@ namespace KX::tool {
 
 /// The keys of a watch, by the store's answer when it began. Each list is sorted.
 struct KXWatchedKeys {
-  std::vector<std::string> data;     ///< sampled
-  std::vector<std::string> unknown;  ///< not there yet: sampled, and becoming events if they are
-  std::vector<std::string> events;   ///< events and micro-events: pushed
+  std::vector<std::string> data{};     ///< sampled
+  std::vector<std::string> unknown{};  ///< not there yet: sampled, and becoming events if they are
+  std::vector<std::string> events{};   ///< events and micro-events: pushed
 
   std::size_t count() const noexcept { return data.size() + unknown.size() + events.size(); }
   /// The columns of a batch: data keys, then unknown keys.

@@ -4,12 +4,10 @@
 
 #include <fmt/format.h>
 
+#include "kx/text.hpp"
+
 namespace KX::tool {
 namespace {
-
-std::string counted(std::int64_t count, char const* one, char const* many) {
-  return fmt::format("{} {}", count, count == 1 ? one : many);
-}
 
 std::string causes(KXPunctualityReport const& report, KXPacing pacing) {
   // With timed pacing an overrun is made up for, so only a client that held the buffer leaves a
@@ -26,9 +24,8 @@ std::string causes(KXPunctualityReport const& report, KXPacing pacing) {
 }
 
 std::string periods(KXPunctualityReport const& report, KXPacing pacing, int periodMs) {
-  return fmt::format("asked {} of {} ms, took {}, missed {}{}",
-                     counted(report.asked, "period", "periods"), periodMs, report.taken,
-                     report.asked - report.taken, causes(report, pacing));
+  return fmt::format("asked {} of {} ms, took {}, missed {}{}", counted(report.asked, "period"),
+                     periodMs, report.taken, report.asked - report.taken, causes(report, pacing));
 }
 
 std::string lateness(KXPunctualityReport const& report) {
@@ -46,12 +43,12 @@ std::string summaryText(KXPunctualityReport const& report, KXPacing pacing, int 
                         KXWatchedKeys const& keys, KXWatchCounts const& counts) {
   auto const dataKeys = static_cast<std::int64_t>(keys.data.size() + keys.unknown.size());
   auto const eventKeys = static_cast<std::int64_t>(keys.events.size());
-  std::string const events = fmt::format("{} of {}", counted(counts.events, "event", "events"),
-                                         counted(eventKeys, "event key", "event keys"));
+  std::string const events =
+      fmt::format("{} of {}", counted(counts.events, "event"), counted(eventKeys, "event key"));
   if (keys.data.empty()) return "no data key was watched, so no period was seen; " + events;
-  return fmt::format("{}; {} of {}, {}; {}", periods(report, pacing, periodMs),
-                     counted(counts.samples, "sample", "samples"),
-                     counted(dataKeys, "data key", "data keys"), events, lateness(report));
+  return fmt::format("{}; {} of {}{}; {}", periods(report, pacing, periodMs),
+                     counted(counts.samples, "sample"), counted(dataKeys, "data key"),
+                     keys.events.empty() ? "" : ", " + events, lateness(report));
 }
 
 }  // namespace KX::tool

@@ -4,6 +4,7 @@
 #include <array>
 #include <cmath>
 #include <ctime>
+#include <span>
 #include <string_view>
 
 #include <fmt/format.h>
@@ -42,8 +43,9 @@ std::string readableFloat(double value) {
 
 std::string line(std::string_view key, std::string_view value, std::string_view taken,
                  std::string_view samples, std::size_t keyWidth, std::size_t valueWidth) {
-  return fmt::format("{}  {}  {}  {:>{}}", fitToWidth(key, keyWidth), fitToWidth(value, valueWidth),
-                     fitToWidth(taken, kTakenWidth), samples, kSamplesWidth);
+  return fmt::format("{}  {}  {}  {:>{}}", fitToWidth(key, keyWidth, KXCut::Middle),
+                     fitToWidth(value, valueWidth), fitToWidth(taken, kTakenWidth), samples,
+                     kSamplesWidth);
 }
 
 }  // namespace
@@ -104,9 +106,10 @@ KXTable::Widths KXTable::xWidths(KXTerminal const& terminal) const {
 }
 
 std::string KXTable::xTitle() const {
-  if (mNewestUs == 0) return fmt::format("{} keys, no sample yet", mRows.size());
-  return fmt::format("{}  {} keys, {} samples", localTime(mNewestUs, "%Y-%m-%d %H:%M:%S %z"),
-                     mRows.size(), mSamples);
+  std::string const keys = counted(static_cast<std::int64_t>(mRows.size()), "key");
+  if (mNewestUs == 0) return keys + ", no sample yet";
+  return fmt::format("{}  {}, {}", localTime(mNewestUs, "%Y-%m-%d %H:%M:%S %z"), keys,
+                     counted(mSamples, "sample"));
 }
 
 std::vector<std::string> KXTable::lines(KXTerminal const& terminal) const {
@@ -123,7 +126,7 @@ std::vector<std::string> KXTable::lines(KXTerminal const& terminal) const {
                          std::to_string(row.samples), widths.key, widths.value));
   }
   if (shown < mRows.size()) {
-    lines.push_back(fmt::format("and {} more keys: enlarge the window", mRows.size() - shown));
+    lines.push_back(fmt::format("and {} more: enlarge the window", mRows.size() - shown));
   }
   if (!terminal.isLive) return lines;
   for (std::string& text : lines) {

@@ -56,6 +56,12 @@ std::size_t editDistance(std::string_view a, std::string_view b) {
   return last[b.size()];
 }
 
+std::size_t byteOfColumn(std::string_view text, std::size_t column) {
+  std::size_t at = 0;
+  for (std::size_t i = 0; i < column; ++i) at += characterAt(text, at).length;
+  return at;
+}
+
 std::string lowerCase(std::string_view text) {
   std::string result(text);
   std::ranges::transform(result, result.begin(), [](unsigned char c) { return std::tolower(c); });
@@ -119,19 +125,25 @@ std::size_t displayWidth(std::string_view text) noexcept {
   return width;
 }
 
-std::string fitToWidth(std::string_view text, std::size_t width) {
+std::string fitToWidth(std::string_view text, std::size_t width, KXCut cut) {
   std::size_t const needed = displayWidth(text);
   if (needed <= width) return std::string(text) + std::string(width - needed, ' ');
   if (width == 0) return "";
-  std::size_t at = 0;
-  for (std::size_t column = 1; column < width; ++column) at += characterAt(text, at).length;
-  return std::string(text.substr(0, at)) + std::string(kEllipsis);
+  std::size_t const tail = cut == KXCut::Middle ? (width - 1) / 2 : 0;
+  std::size_t const head = width - 1 - tail;
+  return std::string(text.substr(0, byteOfColumn(text, head))) + std::string(kEllipsis) +
+         std::string(text.substr(byteOfColumn(text, needed - tail)));
+}
+
+std::string counted(std::int64_t count, std::string_view noun) {
+  return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s");
 }
 
 std::string nearest(std::string_view name, std::span<std::string const> candidates) {
   std::string const wanted = lowerCase(name);
   std::string best;
-  std::size_t bestDistance = std::max<std::size_t>(1, name.size() / 3) + 1;
+  std::size_t const least = std::min<std::size_t>(2, name.empty() ? 0 : name.size() - 1);
+  std::size_t bestDistance = std::max(least, name.size() / 3) + 1;
   for (std::string const& candidate : candidates) {
     std::size_t const distance = editDistance(wanted, lowerCase(candidate));
     if (distance < bestDistance) {

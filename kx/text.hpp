@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <span>
 #include <string>
 #include <string_view>
@@ -28,12 +29,18 @@ std::string forTerminal(std::string_view text);
 /// The columns that a text without control characters takes, one per character.
 std::size_t displayWidth(std::string_view text) noexcept;
 
-/// The text cut to so many columns, its cut end marked by an ellipsis, and filled up with blanks.
-std::string fitToWidth(std::string_view text, std::size_t width);
+/// Where a text that is too long loses characters: keys differ at both ends.
+enum class KXCut { End, Middle };
+
+/// The text cut to so many columns, the cut marked by an ellipsis, or filled up with blanks.
+std::string fitToWidth(std::string_view text, std::size_t width, KXCut cut = KXCut::End);
+
+/// `1 key`, `2 keys`.
+std::string counted(std::int64_t count, std::string_view noun);
 
 /// The candidate with the fewest insertions, removals, replacements and swaps of neighbours between
 /// it and `name`, capitals ignored; the first of several. Empty if none is near: more than a third
-/// of the name would have to change.
+/// of the name, and more than two characters or all of them, would have to change.
 std::string nearest(std::string_view name, std::span<std::string const> candidates);
 
 /// `; nearest is 'NAME'` for an error message, fit for a terminal; empty if none is near.

@@ -22,6 +22,7 @@ namespace {
 
 using SteadyTime = std::chrono::steady_clock::time_point;
 using std::chrono::microseconds;
+using namespace std::chrono_literals;
 
 std::int64_t wallClockUs() {
   auto const time = std::chrono::system_clock::now().time_since_epoch();
@@ -70,7 +71,8 @@ class Watch {
     mOutput.write(mWriter->begin());
     xStart();
     xFetchUntilEnd();
-    std::int64_t const stopUs = wallClockUs();
+    std::int64_t const durationUs = microseconds(mOptions.duration.value_or(0ms)).count();
+    std::int64_t const stopUs = mIsOver ? mStartUs + durationUs : wallClockUs();
     xCall("stopWatching");
     xFetch(true);
     auto const report = mPunctuality->report(stopUs, mFailedReads.count());
@@ -86,7 +88,8 @@ class Watch {
     // Data keys before the start: added later, each would begin with a sample outside any batch.
     xCall("addListeners", {mKeys.columns()});
     mStartTime = std::chrono::steady_clock::now();
-    mPunctuality = std::make_unique<KXPunctuality>(mPeriodMs, wallClockUs(), mPacing);
+    mStartUs = wallClockUs();
+    mPunctuality = std::make_unique<KXPunctuality>(mPeriodMs, mStartUs, mPacing);
     xCall("startWatching", {mOptions.periodMs});
     // Event keys after the start: the watcher subscribes to a key only if it is added meanwhile.
     for (std::string const& key : mKeys.events) {
@@ -100,14 +103,17 @@ class Watch {
   }
 
   void xFetchUntilEnd() {
-    SteadyTime const end = mOptions.duration ? mStartTime + *mOptions.duration : SteadyTime::max();
+    // A millisecond early, because a period that is due at the very end is not asked for.
+    SteadyTime const end =
+        mOptions.duration ? mStartTime + *mOptions.duration - 1ms : SteadyTime::max();
     while (!mStop.isRequested() && !mOutput.isClosed()) {
       std::int64_t const nowUs = wallClockUs();
       std::int64_t const untilFetchUs =
           nextFetchUs(nowUs, mPunctuality->dueTimeUs(), mPeriodMs) - nowUs;
       SteadyTime const fetch = std::chrono::steady_clock::now() + microseconds(untilFetchUs);
       mStop.waitUntil(std::min(fetch, end));
-      if (std::chrono::steady_clock::now() >= end) break;
+      mIsOver = std::chrono::steady_clock::now() >= end;
+      if (mIsOver) return;
       xFetch(false);
     }
   }
@@ -134,6 +140,8 @@ class Watch {
   std::unique_ptr<KXPunctuality> mPunctuality;
   KXWatchCounts mCounts;
   SteadyTime mStartTime;
+  std::int64_t mStartUs = 0;
+  bool mIsOver = false;  ///< --for has passed
 };
 
 // A table of batches has no place for what comes at moments of its own.

@@ -100,12 +100,23 @@ void ChildProcess::waitForErrorText(std::string const& text) {
   }
 }
 
+void ChildProcess::waitForOutputText(std::string const& text) {
+  while (mOutput.find(text) == std::string::npos) {
+    if (!xReadSome())
+      throw std::runtime_error("the child ended without '" + text + "', stderr: " + mErrors);
+  }
+}
+
 void ChildProcess::sendSignal(int signal) {
   ::kill(mPid, signal);
 }
 
 void ChildProcess::closeErrors() {
   closePipe(mErrorPipe);
+}
+
+void ChildProcess::closeOutput() {
+  closePipe(mOutputPipe);
 }
 
 int ChildProcess::waitForEnd() {

@@ -28,9 +28,13 @@ class ChildProcess {
 
   /// Returns when the text has appeared on stderr.
   void waitForErrorText(std::string const& text);
+  /// Returns when the text has appeared on stdout.
+  void waitForOutputText(std::string const& text);
   void sendSignal(int signal);
   /// Reads stderr no more: what the child writes there meets a broken pipe.
   void closeErrors();
+  /// Reads stdout no more.
+  void closeOutput();
   /// Reads until the child ends; its exit code, or the negative number of the signal it died of.
   int waitForEnd();
 
