@@ -71,13 +71,14 @@ void KXCpuGroup::Unref::operator()(stat_info* info) const {
 void KXCpuGroup::read(KXHostTime now, KXHostReport& report) {
   if (!mInfo) {
     stat_info* info = nullptr;
-    if (int const result = procps_stat_new(&info); result < 0) throwUnreadable("stat", -result);
+    if (int const result = procps_stat_new(&info); result < 0)
+      throwUnreadable("/proc/stat", -result);
     mInfo.reset(info);
   }
   auto items = kTickItems;
   stat_reaped const* const reaped = procps_stat_reap(mInfo.get(), STAT_REAP_CPUS_ONLY, items.data(),
                                                      static_cast<int>(items.size()));
-  if (reaped == nullptr) throwUnreadable("stat", errno);
+  if (reaped == nullptr) throwUnreadable("/proc/stat", errno);
 
   report.add("Host/Cpu/Count", KXValue(reaped->cpus->total));
   xReadUsage("Host/Cpu/Usage", *reaped->summary, mUsage, now, report);

@@ -28,19 +28,24 @@ KXHostSurvey::Result KXHostSurvey::read(KXHostTime now) {
   return result;
 }
 
+// One per group: on stderr, warnings of one function hold each other back.
+std::string KXHostSurvey::xFunctionName(Entry const& entry) {
+  return std::string("read").append(entry.group->name());
+}
+
 KXHostReport KXHostSurvey::xReadGroup(Entry& entry, KXHostTime now) {
   KXHostReport report;
   try {
     entry.group->read(now, report);
     if (std::exchange(entry.isFailing, false)) {
-      ka::log::LogStream(ka::log::Info, "KXHostSensors", "", "read", 0)
+      ka::log::LogStream(ka::log::Info, "KXHostSensors", "", xFunctionName(entry), 0)
           << "group '" << entry.group->name() << "' is read again";
     }
   } catch (std::exception const& error) {
     // Swallowed: the other groups are good, and this one is tried again.
     report = KXHostReport();
     if (!std::exchange(entry.isFailing, true)) {
-      ka::log::LogStream(ka::log::Warning, "KXHostSensors", "", "read", 0)
+      ka::log::LogStream(ka::log::Warning, "KXHostSensors", "", xFunctionName(entry), 0)
           << "group '" << entry.group->name() << "' left out: " << error.what();
     }
   }

@@ -35,6 +35,7 @@ class KXHostSurvey {
     bool isFailing = false;
   };
 
+  static std::string xFunctionName(Entry const& entry);
   static KXHostReport xReadGroup(Entry& entry, KXHostTime now);
   static void xFindVanished(Entry& entry, KXHostReport const& report,
                             std::vector<std::string>& vanishedKeys);

@@ -50,21 +50,21 @@ void KXMemoryGroup::read(KXHostTime, KXHostReport& report) {
   if (!mInfo) {
     meminfo_info* info = nullptr;
     int const result = procps_meminfo_new(&info);
-    if (result < 0) throwUnreadable("meminfo", -result);
+    if (result < 0) throwUnreadable("/proc/meminfo", -result);
     mInfo.reset(info);
   }
   std::array<meminfo_item, kEntries.size()> items{};
   for (std::size_t i = 0; i < items.size(); ++i) items[i] = kEntries[i].item;
   meminfo_stack const* const stack =
       procps_meminfo_select(mInfo.get(), items.data(), static_cast<int>(items.size()));
-  if (stack == nullptr) throwUnreadable("meminfo", errno);
+  if (stack == nullptr) throwUnreadable("/proc/meminfo", errno);
 
   auto const bytes = [stack](std::size_t i) {
     return 1024.0 * static_cast<double>(stack->head[i].result.ul_int);
   };
   double const totalBytes = bytes(0);
   // libproc2 takes a text without any known line for a machine without memory.
-  if (totalBytes <= 0) throwUnreadable("meminfo", EIO);
+  if (totalBytes <= 0) throwUnreadable("/proc/meminfo", EIO);
   for (std::size_t i = 0; i < kEntries.size(); ++i) report.add(kEntries[i].key, KXValue(bytes(i)));
   auto const change = mLow.update(100.0 * (totalBytes - bytes(1)) / totalBytes);
   if (change) report.events.push_back({"Host/Memory/Low", KXValue(*change), false});

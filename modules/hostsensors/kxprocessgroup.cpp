@@ -123,7 +123,7 @@ std::vector<KXProcess> KXProcessGroup::xLookup(std::vector<int> const& pids) {
     auto items = kItems;
     pids_info* info = nullptr;
     int const result = procps_pids_new(&info, items.data(), static_cast<int>(items.size()));
-    if (result < 0) throwUnreadable("pids", -result);
+    if (result < 0) throwUnreadable("/proc", -result);
     mInfo.reset(info);
   }
   std::vector<KXProcess> processes;
@@ -133,7 +133,7 @@ std::vector<KXProcess> KXProcessGroup::xLookup(std::vector<int> const& pids) {
                                    pids.begin() + static_cast<std::ptrdiff_t>(end));
     pids_fetch const* const fetch = procps_pids_select(
         mInfo.get(), selected.data(), static_cast<int>(selected.size()), PIDS_SELECT_PID);
-    if (fetch == nullptr) throwUnreadable("pids", errno);
+    if (fetch == nullptr) throwUnreadable("/proc", errno);
     for (int i = 0; i < fetch->counts->total; ++i) {
       pids_result const* const fields = fetch->stacks[i]->head;
       bool const hasOwnProgram = (fields[2].result.ul_int & kForkedWithoutExec) == 0;

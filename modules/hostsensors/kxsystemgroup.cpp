@@ -20,7 +20,7 @@ void KXLoadGroup::read(KXHostTime, KXHostReport& report) {
   double fiveMinutes = 0;
   double fifteenMinutes = 0;
   int const result = procps_loadavg(&oneMinute, &fiveMinutes, &fifteenMinutes);
-  if (result < 0) throwUnreadable("loadavg", -result);
+  if (result < 0) throwUnreadable("/proc/loadavg", -result);
   report.add("Host/Load/1min", KXValue(oneMinute));
   report.add("Host/Load/5min", KXValue(fiveMinutes));
   report.add("Host/Load/15min", KXValue(fifteenMinutes));
@@ -34,7 +34,7 @@ void KXUptimeGroup::read(KXHostTime, KXHostReport& report) {
   double uptimeSeconds = 0;
   double idleSeconds = 0;
   int const result = procps_uptime(&uptimeSeconds, &idleSeconds);
-  if (result < 0) throwUnreadable("uptime", -result);
+  if (result < 0) throwUnreadable("/proc/uptime", -result);
   report.add("Host/UptimeSeconds", KXValue(uptimeSeconds));
 }
 

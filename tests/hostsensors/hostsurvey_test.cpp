@@ -23,7 +23,8 @@ using testing::groupsOf;
 std::vector<std::string> loggedTexts(testing::TestHost const& host, int level) {
   std::vector<std::string> texts;
   for (auto const& record : host.getLogged()) {
-    if (record.level == level && record.category == "KXHostSensors") texts.push_back(record.text);
+    if (record.level != level || record.category != "KXHostSensors") continue;
+    texts.push_back(record.function + ": " + record.text);
   }
   return texts;
 }
@@ -103,7 +104,7 @@ TEST(Survey, LeavesOutAGroupThatFailsWithOneLogLine) {
     EXPECT_TRUE(found.report.events.empty());
   }
 
-  EXPECT_EQ(std::vector<std::string>{"group 'Bad' left out: it is broken"},
+  EXPECT_EQ(std::vector<std::string>{"readBad: group 'Bad' left out: it is broken"},
             loggedTexts(host, ka::log::Warning));
 }
 
@@ -123,9 +124,11 @@ TEST(Survey, TakesAGroupInAgainWhenItCanBeRead) {
   isBroken = true;
   survey.read(at(300));
 
-  EXPECT_EQ((std::vector<std::string>{"group 'A' left out: away", "group 'A' left out: away"}),
+  EXPECT_EQ((std::vector<std::string>{"readA: group 'A' left out: away",
+                                      "readA: group 'A' left out: away"}),
             loggedTexts(host, ka::log::Warning));
-  EXPECT_EQ(std::vector<std::string>{"group 'A' is read again"}, loggedTexts(host, ka::log::Info));
+  EXPECT_EQ(std::vector<std::string>{"readA: group 'A' is read again"},
+            loggedTexts(host, ka::log::Info));
 }
 
 TEST(Survey, GoesOnWithWhatIsLeftOnAMachineWithoutProcAndSys) {
@@ -140,16 +143,16 @@ TEST(Survey, GoesOnWithWhatIsLeftOnAMachineWithoutProcAndSys) {
   EXPECT_TRUE(find(report, "Host/UptimeSeconds"));
   EXPECT_TRUE(find(report, "Host/Memory/TotalBytes"));
   EXPECT_FALSE(find(report, "Host/Process/Count"));
-  EXPECT_EQ(
-      (std::vector<std::string>{"group 'Frequency' left out: no processor tells its frequency",
-                                "group 'Disk' left out: cannot read '" + root.path() +
-                                    "/proc/diskstats': No such file or directory",
-                                "group 'Network' left out: cannot read '" + root.path() +
-                                    "/proc/net/dev': No such file or directory",
-                                "group 'Temperature' left out: no temperature or fan can be read",
-                                "group 'Process' left out: cannot read '" + root.path() +
-                                    "/proc/loadavg': No such file or directory"}),
-      loggedTexts(host, ka::log::Warning));
+  EXPECT_EQ((std::vector<std::string>{
+                "readFrequency: group 'Frequency' left out: no processor tells its frequency",
+                "readDisk: group 'Disk' left out: cannot read '" + root.path() +
+                    "/proc/diskstats': No such file or directory",
+                "readNetwork: group 'Network' left out: cannot read '" + root.path() +
+                    "/proc/net/dev': No such file or directory",
+                "readTemperature: group 'Temperature' left out: no temperature or fan can be read",
+                "readProcess: group 'Process' left out: cannot read '" + root.path() +
+                    "/proc/loadavg': No such file or directory"}),
+            loggedTexts(host, ka::log::Warning));
 }
 
 }  // namespace
