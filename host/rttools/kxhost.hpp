@@ -1,4 +1,4 @@
-// A host in this process, without any robot: what tools, tests and the stand-alone process build on.
+// A host in this process, without any robot: what tools, tests and stand-alone processes build on.
 #pragma once
 
 #include <memory>
