@@ -1,14 +1,12 @@
 // kx watch: samples keys with the watcher and prints what it took.
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <memory>
-#include <string_view>
 
-#include <ka/log.hpp>
 #include <kxerror/kxerror.hpp>
 
 #include "kx/commands.hpp"
+#include "kx/failedreads.hpp"
 #include "kx/punctuality.hpp"
 #include "kx/samples.hpp"
 #include "kx/session.hpp"
@@ -28,29 +26,6 @@ std::int64_t wallClockUs() {
   auto const time = std::chrono::system_clock::now().time_since_epoch();
   return std::chrono::duration_cast<microseconds>(time).count();
 }
-
-// Counts the reads that the watcher says have failed.
-class FailedReads {
- public:
-  FailedReads() {
-    ka::log::addHandler(kName, [this](ka::log::Record const& record) {
-      constexpr std::string_view kText = "Error caught getting data: ";
-      bool const isFailedRead = record.category == "memoryWatcher" &&
-                                record.function == "xUpdateValues" &&
-                                record.text.starts_with(kText);
-      if (isFailedRead) mCount.fetch_add(1, std::memory_order_relaxed);
-    });
-  }
-  ~FailedReads() { ka::log::removeHandler(kName); }
-  FailedReads(FailedReads const&) = delete;
-  FailedReads& operator=(FailedReads const&) = delete;
-
-  std::int64_t count() const noexcept { return mCount.load(std::memory_order_relaxed); }
-
- private:
-  static constexpr char const* kName = "kx watch";
-  std::atomic<std::int64_t> mCount{0};
-};
 
 // One watch from its start to its summary. The session outlives it.
 class Watch {
@@ -134,7 +109,7 @@ class Watch {
   KXWatchedKeys const mKeys;
   KXOutput& mOutput;
   KXStop const& mStop;
-  FailedReads mFailedReads;
+  KXFailedReads const mFailedReads;
   KXSampleReader mReader;
   std::unique_ptr<KXSampleWriter> const mWriter;
   std::unique_ptr<KXPunctuality> mPunctuality;

@@ -13,9 +13,7 @@ namespace KX::testing {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::EndsWith;
 using ::testing::HasSubstr;
-using ::testing::StartsWith;
 
 struct Case {
   std::vector<std::string> arguments;

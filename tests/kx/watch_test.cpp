@@ -209,6 +209,14 @@ TEST(Watch, NamesAKeyOnceThatSeveralPatternsMean) {
   EXPECT_THAT(readCsv(result.output).at(0), ElementsAre("time", "Host/UptimeSeconds"));
 }
 
+TEST(Watch, FetchesOnceMoreAtTheEnd) {
+  // The first regular fetch would come after half a second.
+  ToolResult const result = runTool(
+      {"watch", "Host/UptimeSeconds", "--period", "1000", "--for", "100ms", "--format", "csv"});
+
+  EXPECT_EQ(2U, readCsv(result.output).size());
+}
+
 TEST(Watch, EndsCleanlyAtASignal) {
   for (int const signal : {SIGINT, SIGTERM}) {
     SCOPED_TRACE(signal);
@@ -262,9 +270,11 @@ TEST(TimingWatch, TakesEveryPeriodOfTwoSeconds) {
   Summary const summary = summaryOf(result);
 
   EXPECT_EQ(0, result.exitCode);
-  EXPECT_EQ(20, summary.asked);
+  // On a busy machine the end itself may come late.
+  EXPECT_GE(summary.asked, 20);
+  EXPECT_LE(summary.asked, 22);
   EXPECT_EQ(summary.asked, summary.taken + summary.missed);
-  EXPECT_GE(summary.taken, 19);
+  EXPECT_GE(summary.taken, summary.asked - 1);
   EXPECT_EQ(summary.taken * summary.keys, summary.samples);
   EXPECT_EQ(static_cast<std::size_t>(summary.samples + summary.events), jsonLinesOf(result).size());
 }
