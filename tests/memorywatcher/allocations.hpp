@@ -13,10 +13,12 @@ struct Allocations {
   static std::int64_t count();
   /// How many there have been, less those that were given back on this thread.
   static std::int64_t balance();
-  /// Lets so many pass and has the next one throw std::bad_alloc, once; negative: never.
+  /// Lets so many pass and has the next one throw std::bad_alloc, once.
   static void failAfter(int passing);
-  /// Runs `action` inside the next allocation, once. It may allocate.
-  static void interruptNext(std::function<void()> action);
+  /// Lets so many pass and runs `action` inside the next one, once. It may allocate.
+  static void interruptAfter(int passing, std::function<void()> action);
+  /// Takes back what was asked for and has not happened.
+  static void leaveAlone();
 };
 
 }  // namespace KX

@@ -1,5 +1,6 @@
 #include <tests/memorywatcher/allocations.hpp>
 
+#include <cstddef>
 #include <cstdlib>
 #include <memory>
 #include <new>
@@ -14,17 +15,18 @@ namespace {
 struct State {
   std::int64_t count = 0;
   std::int64_t freed = 0;
-  int passing = -1;
+  int passingBeforeFailure = -1;
+  int passingBeforeAction = -1;
   std::function<void()>* action = nullptr;
 };
 thread_local State state;
 
 void* allocate(std::size_t size) {
-  if (state.action != nullptr) {
+  if (state.passingBeforeAction >= 0 && state.passingBeforeAction-- == 0) {
     std::unique_ptr<std::function<void()>> const action(std::exchange(state.action, nullptr));
     (*action)();
   }
-  if (state.passing >= 0 && state.passing-- == 0) throw std::bad_alloc();
+  if (state.passingBeforeFailure >= 0 && state.passingBeforeFailure-- == 0) throw std::bad_alloc();
   void* const block = std::malloc(size == 0 ? 1 : size);
   if (block == nullptr) throw std::bad_alloc();
   ++state.count;
@@ -45,11 +47,17 @@ std::int64_t Allocations::balance() {
   return state.count - state.freed;
 }
 void Allocations::failAfter(int passing) {
-  state.passing = passing;
+  state.passingBeforeFailure = passing;
 }
-void Allocations::interruptNext(std::function<void()> action) {
-  auto* const kept = new std::function<void()>(std::move(action));
-  state.action = kept;
+void Allocations::interruptAfter(int passing, std::function<void()> action) {
+  leaveAlone();
+  state.action = new std::function<void()>(std::move(action));
+  state.passingBeforeAction = passing;
+}
+void Allocations::leaveAlone() {
+  state.passingBeforeFailure = -1;
+  state.passingBeforeAction = -1;
+  delete std::exchange(state.action, nullptr);
 }
 
 namespace {
@@ -76,12 +84,25 @@ TEST(Allocations, FailOnceWhenAsked) {
 
 TEST(Allocations, AreInterruptedOnceWhenAsked) {
   int runs = 0;
-  Allocations::interruptNext([&] { ++runs; });
+  Allocations::interruptAfter(1, [&] { ++runs; });
 
   auto const first = std::make_unique<int>(1);
+  EXPECT_EQ(runs, 0);
   auto const second = std::make_unique<int>(2);
-
   EXPECT_EQ(runs, 1);
+  auto const third = std::make_unique<int>(3);
+  EXPECT_EQ(runs, 1);
+}
+
+TEST(Allocations, AreLeftAloneWhenAsked) {
+  int runs = 0;
+  Allocations::interruptAfter(0, [&] { ++runs; });
+  Allocations::failAfter(0);
+
+  Allocations::leaveAlone();
+
+  EXPECT_NO_THROW(std::make_unique<int>(1));
+  EXPECT_EQ(runs, 0);
 }
 
 }  // namespace

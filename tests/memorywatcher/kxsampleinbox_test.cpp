@@ -73,7 +73,7 @@ TEST_F(Inbox, TakesAPostWhileAnotherThreadIsFiling) {
   mInbox.postSample("a key that is too long to be stored in the string itself", {1, 0}, 1);
   bool wasPosted = false;
   // The filing thread stands inside the map's allocation and goes on only after the post.
-  Allocations::interruptNext([&] {
+  Allocations::interruptAfter(0, [&] {
     std::thread([&] { mInbox.postSample("late", {2, 0}, 2); }).join();
     wasPosted = true;
   });
@@ -87,7 +87,7 @@ TEST_F(Inbox, TakesAPostWhileAnotherThreadIsFiling) {
 
 TEST_F(Inbox, TakesAPostFromWithinFiling) {
   mInbox.postSample("a key that is too long to be stored in the string itself", {1, 0}, 1);
-  Allocations::interruptNext([&] { mInbox.postSample("late", {2, 0}, 2); });
+  Allocations::interruptAfter(0, [&] { mInbox.postSample("late", {2, 0}, 2); });
 
   file();
   file();
@@ -393,7 +393,7 @@ TEST_F(Inbox, LosesAndRepeatsNothingWhereverMemoryRunsOut) {
       mInbox.postSample("a", {5, 0}, 5);
       file();
     }
-    Allocations::failAfter(-1);
+    Allocations::leaveAlone();
 
     std::vector<int> expected{1, 2, 25, 4};
     if (!hasFinished) expected.push_back(5);

@@ -264,6 +264,12 @@ class WatcherTest : public testing::Test {
     mWatcher = KXModule::createModule<KXMemoryWatcher>(mBroker);
   }
   ~WatcherTest() override {
+    // What a hook refers to ended with the test.
+    for (auto const* method :
+         {"getData", "getListData", "getType", "subscribeToEvent", "subscribeToMicroEvent",
+          "unsubscribeToEvent", "unsubscribeToMicroEvent"}) {
+      mMemory->setHook(method, {});
+    }
     mWatcher.reset();
     mBroker->shutdown();
   }
