@@ -1,10 +1,8 @@
 #include <modules/hostsensors/kxprocessgroup.hpp>
 
-#include <libproc2/pids.h>
-
 #include <algorithm>
-#include <array>
 #include <cerrno>
+#include <cstdint>
 #include <iterator>
 #include <utility>
 
@@ -15,12 +13,8 @@ namespace KX {
 namespace {
 
 constexpr std::chrono::seconds kListInterval(1);
-// libproc2 refuses to select more at once.
-constexpr std::size_t kMaxSelected = 255;
 // The kernel's PF_FORKNOEXEC.
-constexpr unsigned long kForkedWithoutExec = 0x40;
-
-constexpr std::array<pids_item, 3> kItems = {PIDS_ID_PID, PIDS_CMD, PIDS_FLAGS};
+constexpr std::uint64_t kForkedWithoutExec = 0x40;
 
 std::set<int> listPids(std::string const& root) {
   std::set<int> pids;
@@ -32,6 +26,23 @@ std::set<int> listPids(std::string const& root) {
 
 }  // namespace
 
+std::optional<KXProcess> parseProcessStat(std::string_view text) {
+  // PID (NAME) STATE PPID PGRP SESSION TTY TPGID FLAGS ...
+  std::size_t const begin = text.find('(');
+  std::size_t const end = text.rfind(')');
+  if (begin == std::string_view::npos || end == std::string_view::npos || end < begin) {
+    return std::nullopt;
+  }
+  std::vector<std::string_view> const head = splitWords(text.substr(0, begin));
+  std::vector<std::string_view> const tail = splitWords(text.substr(end + 1));
+  if (head.size() != 1 || tail.size() < 7) return std::nullopt;
+  auto const pid = parseCount(head[0]);
+  auto const flags = parseCount(tail[6]);
+  if (!pid || !flags) return std::nullopt;
+  return KXProcess{static_cast<int>(*pid), std::string(text.substr(begin + 1, end - begin - 1)),
+                   (*flags & kForkedWithoutExec) == 0};
+}
+
 std::vector<KXProcess> KXProcessTracker::update(std::set<int> pids, KXProcessLookup const& lookup) {
   std::vector<int> candidates;
   if (mPids) {
@@ -41,15 +52,16 @@ std::vector<KXProcess> KXProcessTracker::update(std::set<int> pids, KXProcessLoo
   candidates.insert(candidates.end(), mHeldBack.begin(), mHeldBack.end());
   std::set<int> const formerlyHeldBack = std::exchange(mHeldBack, {});
   mPids = std::move(pids);
-  if (candidates.empty()) return {};
 
   std::sort(candidates.begin(), candidates.end());
   std::vector<KXProcess> started;
-  for (KXProcess& process : lookup(candidates)) {
-    if (process.hasOwnProgram || formerlyHeldBack.contains(process.pid)) {
-      started.push_back(std::move(process));
+  for (int const pid : candidates) {
+    std::optional<KXProcess> process = lookup(pid);
+    if (!process) continue;
+    if (process->hasOwnProgram || formerlyHeldBack.contains(pid)) {
+      started.push_back(std::move(*process));
     } else {
-      mHeldBack.insert(process.pid);
+      mHeldBack.insert(pid);
     }
   }
   return started;
@@ -70,27 +82,14 @@ std::optional<KXThreadCounts> parseThreadCounts(std::string_view loadAverage) {
                         static_cast<int>(*lastPid)};
 }
 
-KXProcessGroup::KXProcessGroup(std::string root)
-    : KXProcessGroup(std::move(root),
-                     [this](std::vector<int> const& pids) { return xLookup(pids); }) {}
-
-KXProcessGroup::KXProcessGroup(std::string root, KXProcessLookup lookup)
-    : mRoot(std::move(root)), mLookup(std::move(lookup)) {}
-
-KXProcessGroup::~KXProcessGroup() = default;
-
 std::vector<KXHostKey> KXProcessGroup::keys() const {
   using enum KXHostKey::Kind;
   return {
       {"Host/Process/Count", "processes", Data, "int", "/proc"},
       {"Host/Process/RunningThreads", "threads that run or want to", Data, "int", "/proc/loadavg"},
       {"Host/Process/Threads", "threads", Data, "int", "/proc/loadavg"},
-      {"Host/Process/Started", "name, pid", MicroEvent, "[string, int]", "/proc, libproc2 pids"},
+      {"Host/Process/Started", "name, pid", MicroEvent, "[string, int]", "/proc"},
   };
-}
-
-void KXProcessGroup::Unref::operator()(pids_info* info) const {
-  procps_pids_unref(&info);
 }
 
 void KXProcessGroup::read(KXHostTime now, KXHostReport& report) {
@@ -111,36 +110,15 @@ void KXProcessGroup::read(KXHostTime now, KXHostReport& report) {
 void KXProcessGroup::xList(KXHostReport& report) {
   std::set<int> pids = listPids(mRoot);
   mCount = static_cast<int>(pids.size());
-  for (KXProcess& process : mTracker.update(std::move(pids), mLookup)) {
+  auto const lookup = [this](int pid) -> std::optional<KXProcess> {
+    auto const text = tryReadHostFile(mRoot + "/proc/" + std::to_string(pid) + "/stat");
+    return text ? parseProcessStat(*text) : std::nullopt;
+  };
+  for (KXProcess& process : mTracker.update(std::move(pids), lookup)) {
     report.events.push_back(
         {"Host/Process/Started",
          KXValue::arrayOf(KXValue(std::move(process.name)), KXValue(process.pid)), true});
   }
-}
-
-std::vector<KXProcess> KXProcessGroup::xLookup(std::vector<int> const& pids) {
-  if (!mInfo) {
-    auto items = kItems;
-    pids_info* info = nullptr;
-    int const result = procps_pids_new(&info, items.data(), static_cast<int>(items.size()));
-    if (result < 0) throwUnreadable("/proc", -result);
-    mInfo.reset(info);
-  }
-  std::vector<KXProcess> processes;
-  for (std::size_t first = 0; first < pids.size(); first += kMaxSelected) {
-    std::size_t const end = std::min(pids.size(), first + kMaxSelected);
-    std::vector<unsigned> selected(pids.begin() + static_cast<std::ptrdiff_t>(first),
-                                   pids.begin() + static_cast<std::ptrdiff_t>(end));
-    pids_fetch const* const fetch = procps_pids_select(
-        mInfo.get(), selected.data(), static_cast<int>(selected.size()), PIDS_SELECT_PID);
-    if (fetch == nullptr) throwUnreadable("/proc", errno);
-    for (int i = 0; i < fetch->counts->total; ++i) {
-      pids_result const* const fields = fetch->stacks[i]->head;
-      bool const hasOwnProgram = (fields[2].result.ul_int & kForkedWithoutExec) == 0;
-      processes.push_back({fields[0].result.s_int, fields[1].result.str, hasOwnProgram});
-    }
-  }
-  return processes;
 }
 
 }  // namespace KX

@@ -3,17 +3,14 @@
 
 #include <chrono>
 #include <functional>
-#include <map>
-#include <memory>
 #include <optional>
 #include <set>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include <modules/hostsensors/kxhostgroup.hpp>
-
-struct pids_info;
 
 namespace KX {
 
@@ -23,8 +20,11 @@ struct KXProcess {
   bool hasOwnProgram = false;  ///< false between a fork and its exec: the name is the parent's
 };
 
-/// What is known about these processes; those that are gone are left out.
-using KXProcessLookup = std::function<std::vector<KXProcess>(std::vector<int> const& pids)>;
+/// The text of /proc/PID/stat. Names may hold any bytes.
+std::optional<KXProcess> parseProcessStat(std::string_view text);
+
+/// What is known about a process; nothing if it is gone.
+using KXProcessLookup = std::function<std::optional<KXProcess>(int pid)>;
 
 /// Finds started processes in successive lists of pids. One that has not yet an own program is
 /// held back until the next list, so that it is reported with its name and not with its parent's.
@@ -51,28 +51,19 @@ std::optional<KXThreadCounts> parseThreadCounts(std::string_view loadAverage);
 
 /// Counts in each period; a list of the processes only when the kernel has given out a new pid
 /// since the last one, when one was held back, or after a second.
-/// Names come from libproc2; the list itself does not, as that would read files of every process.
+/// On purpose not by libproc2: it would read files of every process for a list, and what it
+/// allocates for each thread that reads processes is never freed.
 class KXProcessGroup : public KXHostGroup {
  public:
-  /// Looks processes up by libproc2, which knows this machine alone.
-  explicit KXProcessGroup(std::string root);
-  KXProcessGroup(std::string root, KXProcessLookup lookup);
-  ~KXProcessGroup() override;
+  explicit KXProcessGroup(std::string root) : mRoot(std::move(root)) {}
   char const* name() const override { return "Process"; }
   std::vector<KXHostKey> keys() const override;
   void read(KXHostTime now, KXHostReport& report) override;
 
  private:
-  struct Unref {
-    void operator()(pids_info* info) const;
-  };
-
-  std::vector<KXProcess> xLookup(std::vector<int> const& pids);
   void xList(KXHostReport& report);
 
   std::string const mRoot;
-  KXProcessLookup const mLookup;
-  std::unique_ptr<pids_info, Unref> mInfo;
   KXProcessTracker mTracker;
   int mLastPid = 0;
   int mCount = 0;

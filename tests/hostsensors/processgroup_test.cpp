@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -40,14 +39,21 @@ class Processes : public ::testing::Test {
     start(1, "init");
   }
   void start(int pid, std::string const& name) {
-    mKnown[pid] = KXProcess{pid, name, true};
-    mRoot.makeFolder("proc/" + std::to_string(pid));
+    exec(pid, name);
     writeLoad(pid);
   }
-  void end(int pid) {
-    mKnown.erase(pid);
-    mRoot.remove("proc/" + std::to_string(pid));
+  // The kernel marks a process that has not yet an own program by 64 in its flags.
+  void fork(int pid, std::string const& parent) {
+    write(pid, parent, 64 + 256);
+    writeLoad(pid);
   }
+  void exec(int pid, std::string const& name) { write(pid, name, 256); }
+  void write(int pid, std::string const& name, int flags) {
+    std::string const text = std::to_string(pid);
+    mRoot.write("proc/" + text + "/stat",
+                text + " (" + name + ") S 1 1 1 0 -1 " + std::to_string(flags) + " 5 6\n");
+  }
+  void end(int pid) { mRoot.remove("proc/" + std::to_string(pid)); }
   void writeLoad(int lastPid) {
     mRoot.write("proc/loadavg", "0.10 0.20 0.30 2/345 " + std::to_string(lastPid) + "\n");
   }
@@ -57,16 +63,7 @@ class Processes : public ::testing::Test {
   }
 
   FakeRoot mRoot;
-  std::map<int, KXProcess> mKnown;
-  int mLookups = 0;
-  KXProcessGroup mGroup{mRoot.path(), [this](std::vector<int> const& pids) {
-                          ++mLookups;
-                          std::vector<KXProcess> found;
-                          for (int const pid : pids) {
-                            if (mKnown.contains(pid)) found.push_back(mKnown[pid]);
-                          }
-                          return found;
-                        }};
+  KXProcessGroup mGroup{mRoot.path()};
   KXHostReport mReport;
 };
 
@@ -84,7 +81,7 @@ TEST_F(Processes, ThatWereThereBeforeAreNotReported) {
   start(20, "a");
 
   EXPECT_EQ("", read(0));
-  EXPECT_EQ(0, mLookups);
+  EXPECT_EQ("", read(1000));
 }
 
 TEST_F(Processes, AreReportedOnceWhenTheyHaveStarted) {
@@ -99,19 +96,17 @@ TEST_F(Processes, AreReportedOnceWhenTheyHaveStarted) {
 
 TEST_F(Processes, AreHeldBackForOneListBetweenForkAndExec) {
   read(0);
-  start(20, "shell");
-  mKnown[20].hasOwnProgram = false;
+  fork(20, "shell");
 
   EXPECT_EQ("", read(100));
-  mKnown[20] = KXProcess{20, "program", true};
+  exec(20, "program");
   EXPECT_EQ(R"(["program",20])", read(200));
   EXPECT_EQ("", read(300));
 }
 
 TEST_F(Processes, ThatNeverExecAreReportedUnderTheirParentsName) {
   read(0);
-  start(20, "shell");
-  mKnown[20].hasOwnProgram = false;
+  fork(20, "shell");
 
   EXPECT_EQ("", read(100));
   EXPECT_EQ(R"(["shell",20])", read(200));
@@ -121,7 +116,7 @@ TEST_F(Processes, ThatNeverExecAreReportedUnderTheirParentsName) {
 TEST_F(Processes, ThatEndWhileTheyAreLookedUpAreLeftOut) {
   read(0);
   start(20, "a");
-  mKnown.clear();
+  mRoot.remove("proc/20/stat");
 
   EXPECT_EQ("", read(100));
 }
@@ -164,6 +159,30 @@ TEST(ThreadCounts, RefuseWhatIsNotALineOfLoadAverages) {
   }
 }
 
+TEST(ProcessStat, GivesTheNameWhateverItIs) {
+  for (std::string const name : {"sleep", "", "a b", ") R 1 (", "two\nlines", "((", "))"}) {
+    SCOPED_TRACE(name);
+    auto const process = parseProcessStat("12 (" + name + ") S 1 2 3 0 -1 4194304 5\n");
+    ASSERT_TRUE(process);
+    EXPECT_EQ(12, process->pid);
+    EXPECT_EQ(name, process->name);
+    EXPECT_TRUE(process->hasOwnProgram);
+  }
+}
+
+TEST(ProcessStat, TellsAForkFromAnExec) {
+  EXPECT_FALSE(parseProcessStat("12 (sh) S 1 2 3 0 -1 4194368 5")->hasOwnProgram);
+  EXPECT_TRUE(parseProcessStat("12 (sh) S 1 2 3 0 -1 4194304 5")->hasOwnProgram);
+}
+
+TEST(ProcessStat, RefusesWhatIsNotWellFormed) {
+  for (char const* const text : {"", "12", "12 sh S 1 2 3 0 -1 4 5", ")(", "12 (sh) S 1 2 3 0 -1",
+                                 "x (sh) S 1 2 3 0 -1 4", "12 (sh) S 1 2 3 0 -1 x"}) {
+    SCOPED_TRACE(text);
+    EXPECT_FALSE(parseProcessStat(text));
+  }
+}
+
 /// This machine's processes.
 class RealProcesses : public ::testing::Test {
  protected:
@@ -198,7 +217,6 @@ TEST_F(RealProcesses, AreReportedWithTheirName) {
 
 TEST_F(RealProcesses, AreReportedHoweverManyStartAtOnce) {
   readGroup(mGroup, 0);
-  // More than libproc2 looks up at once.
   std::vector<std::string> expected;
   for (int i = 0; i < 300; ++i) {
     expected.push_back(R"(["sleep",)" + std::to_string(spawnSleep()) + "]");
