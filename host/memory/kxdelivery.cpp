@@ -27,7 +27,7 @@ void logGone(KXSubscription const& subscription, KXValue const& name) {
 
 void logDropped(std::size_t count) {
   ka::log::LogStream(ka::log::Warning, "KXMemory", "", "exit", 0)
-      << count << " notifications were not delivered: the store ends";
+      << "the store ends, notifications not delivered: " << count;
 }
 
 }  // namespace

@@ -303,6 +303,31 @@ TEST_F(GoneSubscriber, ThatWasNeverThereIsDropped) {
   auto const records = log.waitFor(1);
   ASSERT_EQ(records.size(), 1U);
   EXPECT_EQ(records[0].text, "module 'Never' is gone, its subscription to key 'e' is dropped");
+  EXPECT_EQ(errorOf([&] { store->unsubscribeToEvent("e", "Never"); }),
+            "module 'Never' has no subscription to key 'e'");
+}
+
+TEST_F(GoneSubscriber, IsNotQueuedForAnyMore) {
+  store->subscribeToEvent("e", "Never", "onNotify");
+  store->raiseEvent("e", 0);
+  log.waitFor(1);
+  // What is queued behind the call that ends the store is counted.
+  ParkingGate gate;
+  subscriber->setAction([&](auto const&) {
+    gate.pass();
+    store->exit();
+  });
+  store->subscribeToEvent("other", "Subscriber", "onNotify");
+  store->raiseEvent("other", 0);
+  ASSERT_TRUE(gate.waitUntilParked(1));
+
+  for (int i = 0; i < 3; ++i) store->raiseEvent("e", i);
+  store->raiseEvent("other", 1);
+  gate.open();
+
+  auto const records = log.waitFor(2);
+  ASSERT_EQ(records.size(), 2U);
+  EXPECT_EQ(records[1].text, "the store ends, notifications not delivered: 1");
 }
 
 TEST_F(GoneSubscriber, MaySubscribeAnewWhenItIsBack) {

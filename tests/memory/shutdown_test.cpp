@@ -79,8 +79,8 @@ TEST_F(StoreShutdown, WaitsForTheCallInProgressAndCountsWhatIsDropped) {
   std::size_t const servedCount = subscriber->waitForNotified(1).size();
   std::size_t droppedCount = 0;
   for (auto const& record : log.get()) {
-    std::string const rest = " notifications were not delivered: the store ends";
-    if (record.text.ends_with(rest)) droppedCount += std::stoul(record.text);
+    std::string const text = "the store ends, notifications not delivered: ";
+    if (record.text.starts_with(text)) droppedCount += std::stoul(record.text.substr(text.size()));
   }
   EXPECT_EQ(servedCount + droppedCount, 5U);
 }
@@ -105,7 +105,7 @@ TEST_F(StoreShutdown, DropsAndCountsTheQueueBehindTheCallInProgress) {
 
   auto const records = log.waitFor(1);
   ASSERT_EQ(records.size(), 1U);
-  EXPECT_EQ(records[0].text, "3 notifications were not delivered: the store ends");
+  EXPECT_EQ(records[0].text, "the store ends, notifications not delivered: 3");
   EXPECT_EQ(subscriber->waitForNotified(1).size(), 1U);
 }
 
@@ -125,11 +125,16 @@ TEST_F(StoreShutdown, ByASubscriberThatDropsTheLastReferenceIsSafe) {
   raw->raiseEvent("fill", 0);
   ASSERT_TRUE(gate.waitUntilParked(1));
   raw->raiseEvent("e", 1);
+  raw->raiseEvent("e", 2);
   broker->removeModule("KXMemory");
   gate.open();
 
   EXPECT_TRUE(isDropped.waitUntilOpen());
   EXPECT_TRUE(observed.expired());
+  auto const records = log.waitFor(1);
+  ASSERT_EQ(records.size(), 1U);
+  EXPECT_EQ(records[0].text, "the store ends, notifications not delivered: 1");
+  EXPECT_EQ(subscriber->waitForNotified(1).size(), 1U);
 }
 
 TEST_F(StoreShutdown, OfTheWholeBrokerFromASubscriberIsSafe) {
