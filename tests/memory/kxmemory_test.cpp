@@ -240,9 +240,9 @@ TEST_F(InsertListData, WritesNothingIfOneElementIsNoPair) {
       {KXValue::arrayOf(good, KXValue::arrayOf(1, "b")),
        "expected element 1 to be [name, value], got array of size 2"},
   };
-  for (auto const& [pairs, error] : cases) {
-    SCOPED_TRACE(error);
-    EXPECT_EQ(errorOf([&] { store->insertListData(pairs); }), error);
+  for (auto const& one : cases) {
+    SCOPED_TRACE(one.error);
+    EXPECT_EQ(errorOf([&] { store->insertListData(one.pairs); }), one.error);
     EXPECT_EQ(store->getKeys(""), Texts());
   }
 }
