@@ -30,7 +30,7 @@ void exitLogged(KXModule& module) {
   try {
     module.exit();
   } catch (std::exception const& error) {
-    logFailure(error.what());
+    logFailure(messageOf(error));
   } catch (...) {
     logFailure("unknown exception");
   }
@@ -142,7 +142,6 @@ void KXBroker::shutdown() {
   while (Module const module = mImpl->last()) {
     exitLogged(*module);
     // An exit() that threw, or that does without the base's, has not done this.
-    module->markClosing();
     removeModule(module->getName());
   }
   mImpl->pool.stop();

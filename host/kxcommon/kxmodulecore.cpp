@@ -5,6 +5,7 @@
 #include <utility>
 
 #include <kxcommon/kxbroker.hpp>
+#include <kxcommon/kxtask.hpp>
 #include <kxerror/kxerror.hpp>
 
 namespace KX {
@@ -123,6 +124,10 @@ void KXModuleCore::bindMethod(boost::shared_ptr<KXFunctorBase> functor) {
   mMethodsByName[mCurrentMethod.name].push_back(mMethods.size());
   mMethods.push_back(std::move(mCurrentMethod));
   mHasCurrentMethod = false;
+}
+
+void KXModuleCore::endParallelCalls() noexcept {
+  mParallelCalls->close(detail::isInParallelCall(*mParallelCalls) ? 1 : 0);
 }
 
 }  // namespace KX

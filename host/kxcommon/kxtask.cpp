@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstdint>
 #include <limits>
+#include <memory>
 #include <utility>
 
 namespace KX {
@@ -14,6 +15,31 @@ int nextTaskId() {
   constexpr std::uint32_t kLargest = std::numeric_limits<std::int32_t>::max();
   return static_cast<int>(count.fetch_add(1, std::memory_order_relaxed) % kLargest) + 1;
 }
+
+// The guard that the parallel call on this thread has entered; null if there is none.
+thread_local KXCallbackGuard const* tEntered = nullptr;
+
+// Keeps a module's destructor waiting for its lifetime.
+class InParallelCall {
+ public:
+  explicit InParallelCall(std::shared_ptr<KXCallbackGuard> guard) : mGuard(std::move(guard)) {
+    mHasEntered = mGuard->enter();
+    if (mHasEntered) tEntered = mGuard.get();
+  }
+  ~InParallelCall() {
+    if (!mHasEntered) return;
+    tEntered = nullptr;
+    mGuard->leave();
+  }
+  InParallelCall(InParallelCall const&) = delete;
+  InParallelCall& operator=(InParallelCall const&) = delete;
+
+  bool hasEntered() const noexcept { return mHasEntered; }
+
+ private:
+  std::shared_ptr<KXCallbackGuard> const mGuard;
+  bool mHasEntered;
+};
 
 }  // namespace
 
@@ -33,9 +59,18 @@ _pcall0::_pcall0(boost::shared_ptr<KXFunctorBase> functor, KXTaskInfo info,
     : KXTask(std::move(info)), mFunctor(std::move(functor)), mCore(core) {}
 
 void _pcall0::run() {
-  if (mCore.expired()) return;
+  boost::shared_ptr<KXModuleCore> core = mCore.lock();
+  if (!core) return;
+  InParallelCall const call(core->getParallelCalls());
+  // If this was the last reference, the module dies here and the call is not made.
+  core.reset();
+  if (!call.hasEntered() || mCore.expired()) return;
   KXValue result;
   mFunctor->call(KXValue::arrayOf(), result);
+}
+
+bool isInParallelCall(KXCallbackGuard const& guard) noexcept {
+  return tEntered == &guard;
 }
 
 }  // namespace detail

@@ -40,7 +40,7 @@ void runLogged(Job const& job) {
   try {
     job.task->run();
   } catch (std::exception const& error) {
-    logFailure(job.key, error.what());
+    logFailure(job.key, messageOf(error));
   } catch (...) {
     logFailure(job.key, "unknown exception");
   }
