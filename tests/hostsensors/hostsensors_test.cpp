@@ -293,12 +293,16 @@ TEST_F(HostSensors, CorrectAPeriodAndLogIt) {
 
 TEST_F(HostSensors, FollowANewPeriodAtOnce) {
   publishStore();
-  publish(one());
-  setPeriodMs(60000);
+  // Set while it reads, so that the module goes on to wait for a minute.
+  publish(FakeGroup("A", [this](KXHostReport&) {
+    if (mReadings++ > 0) setPeriodMs(60000);
+  }));
 
-  setPeriodMs(10);
-
-  EXPECT_TRUE(mStore.waitForCount("insertListData", 5));
+  // Many times, as it is not known whether the module waits already.
+  for (int count = 2; count < 30; ++count) {
+    ASSERT_TRUE(mStore.waitForCount("insertListData", count));
+    setPeriodMs(10);
+  }
 }
 
 TEST_F(HostSensors, ReadNoMoreWhenTheyHaveLeftService) {

@@ -139,7 +139,7 @@ TEST(Survey, GoesOnWithWhatIsLeftOnAMachineWithoutProcAndSys) {
   survey.read(at(0));
   KXHostReport const report = survey.read(at(1000)).report;
 
-  // The libraries read this machine, whatever the root.
+  // What libproc2 reads does not depend on the root.
   EXPECT_TRUE(find(report, "Host/UptimeSeconds"));
   EXPECT_TRUE(find(report, "Host/Memory/TotalBytes"));
   EXPECT_FALSE(find(report, "Host/Process/Count"));

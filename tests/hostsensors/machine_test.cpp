@@ -174,7 +174,7 @@ TEST_F(Machine, HasMemory) {
   double const available = static_cast<double>(get("Host/Memory/AvailableBytes"));
   double const pages = static_cast<double>(::sysconf(_SC_PHYS_PAGES));
 
-  EXPECT_NEAR(pages * static_cast<double>(::sysconf(_SC_PAGESIZE)), total, 0.05 * total);
+  EXPECT_NEAR(pages * static_cast<double>(::sysconf(_SC_PAGESIZE)), total, 0.001 * total);
   EXPECT_GT(available, 0);
   EXPECT_LE(available, total);
 }
