@@ -51,9 +51,8 @@ class KX_API KXModule : public KXModuleCore {
     try {
       module->init();
     } catch (KXError const& error) {
-      KXError const copy(error);
       module->exit();
-      throw copy;  // NOLINT(cert-err09-cpp,cert-err61-cpp,misc-throw-by-value-catch-by-reference)
+      throw KXError(error);
     }
     return module;
   }
