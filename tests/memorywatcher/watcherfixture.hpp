@@ -54,6 +54,11 @@ struct KXMemoryWatcherForTest {
     watcher.xFileData();
     return watcher.mDataItems;
   }
+  /// What stands in a data item without anything being filed first.
+  static int filedDataSamples(KXMemoryWatcher& watcher, std::string const& key) {
+    KXCriticalSection const lock(watcher.mDataMutex);
+    return watcher.mDataItems.at(key).toKXValue().getSize();
+  }
   static KXListenerMap eventItems(KXMemoryWatcher& watcher) {
     KXCriticalSection const lock(watcher.mEventMutex);
     watcher.xFileEvents();
@@ -175,31 +180,26 @@ class Caller {
   void join() {
     if (mThread.joinable()) mThread.join();
   }
-  /// Waits until the call sleeps in the kernel and has not been woken over many looks: true; or
-  /// until it is over: false. False, too, after 30 s.
+  /// Waits until many looks in a row have found the call asleep in the kernel: true; or until it is
+  /// over: false. False, too, after 30 s.
   bool isParked() const {
+    constexpr int kLooks = 100;
     auto const end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    std::string former;
-    int sameCount = 0;
-    while (!mIsDone && sameCount < 200 && std::chrono::steady_clock::now() < end) {
-      std::string const state = xSleepState();
-      sameCount = !state.empty() && state == former ? sameCount + 1 : 0;
-      former = state;
+    int asleepCount = 0;
+    while (!mIsDone && asleepCount < kLooks && std::chrono::steady_clock::now() < end) {
+      asleepCount = xIsAsleep() ? asleepCount + 1 : 0;
       std::this_thread::yield();
     }
-    return !mIsDone && sameCount >= 200;
+    return !mIsDone && asleepCount >= kLooks;
   }
 
  private:
-  // The count of voluntary switches of a sleeping thread; empty if the thread is not sleeping.
-  std::string xSleepState() const {
+  bool xIsAsleep() const {
     std::ifstream status("/proc/self/task/" + std::to_string(mThreadId) + "/status");
-    bool isAsleep = false;
     for (std::string line; std::getline(status, line);) {
-      if (line.starts_with("State:")) isAsleep = line.find('S', 6) != std::string::npos;
-      if (isAsleep && line.starts_with("voluntary_ctxt_switches:")) return line;
+      if (line.starts_with("State:")) return line.find('S', 6) != std::string::npos;
     }
-    return "";
+    return false;
   }
 
   std::atomic<int> mThreadId{0};
