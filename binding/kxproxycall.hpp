@@ -27,15 +27,9 @@ R convertResult(KXValue const& result) {
 /// Throws unless the arguments' type strings are the declared ones.
 template <class... P>
 void checkParameters(KXMethodInfo const& info, std::string const& moduleName) {
-  if (info.parameters.size() != sizeof...(P)) {
-    throw KXError("KXProxy", "call",
-                  "method '" + info.name + "' of module '" + moduleName + "' takes " +
-                      std::to_string(info.parameters.size()) + " arguments, " +
-                      std::to_string(sizeof...(P)) + " given",
-                  kProxyFile, 0);
-  }
   [[maybe_unused]] std::size_t i = 0;
   [[maybe_unused]] auto const check = [&](std::string const& given) {
+    if (i >= info.parameters.size()) return;
     std::string const& declared = info.parameters[i++].type;
     if (declared == given) return;
     throw KXError("KXProxy", "call/pCall",
@@ -45,6 +39,13 @@ void checkParameters(KXMethodInfo const& info, std::string const& moduleName) {
                   kProxyFile, 93);
   };
   (check(getParamStrType<P>()), ...);
+  if (info.parameters.size() != sizeof...(P)) {
+    throw KXError("KXProxy", "call",
+                  "method '" + info.name + "' of module '" + moduleName + "' takes " +
+                      std::to_string(info.parameters.size()) + " arguments, " +
+                      std::to_string(sizeof...(P)) + " given",
+                  kProxyFile, 0);
+  }
 }
 
 }  // namespace detail

@@ -35,22 +35,4 @@ bool KXSleepGate::lockUntil(boost::posix_time::ptime const& deadline) {
   return true;
 }
 
-bool KXCallbackGuard::enter() noexcept {
-  if ((mState.fetch_add(1, std::memory_order_acq_rel) & kClosed) == 0) return true;
-  leave();
-  return false;
-}
-
-void KXCallbackGuard::leave() noexcept {
-  if (mState.fetch_sub(1, std::memory_order_acq_rel) == (kClosed | 1)) mState.notify_all();
-}
-
-void KXCallbackGuard::close() noexcept {
-  int state = mState.fetch_or(kClosed, std::memory_order_acq_rel) | kClosed;
-  while (state != kClosed) {
-    mState.wait(state, std::memory_order_acquire);
-    state = mState.load(std::memory_order_acquire);
-  }
-}
-
 }  // namespace KX

@@ -7,6 +7,8 @@
 #include <boost/thread/condition_variable.hpp>
 #include <boost/thread/mutex.hpp>
 
+#include <kxthread/kxcallbackguard.hpp>
+
 namespace KX {
 
 /// The gate of the hardware cycle, initially open. Opening it is one atomic exchange and, if
@@ -39,21 +41,6 @@ class KXSleepGate {
   boost::mutex mMutex;
   boost::condition_variable mUnlocked;
   bool mIsLocked = false;
-};
-
-/// Lets the owner of a callback wait until the callback runs no more, on a thread of somebody
-/// else's who may have read the connection just before it was cut. Shared by both sides.
-class KXCallbackGuard {
- public:
-  /// False if the callback has been closed; otherwise leave() must follow.
-  bool enter() noexcept;
-  void leave() noexcept;
-  /// From now on enter() fails; returns when everybody who had entered has left.
-  void close() noexcept;
-
- private:
-  static constexpr int kClosed = 1 << 30;
-  std::atomic<int> mState{0};  // how many are inside, and kClosed
 };
 
 }  // namespace KX

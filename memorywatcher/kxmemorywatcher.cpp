@@ -34,11 +34,6 @@ bool isEventNature(std::string const& nature) {
   return nature == kEvent || nature == kMicroEvent;
 }
 
-// A message that may be null, as an error's may.
-char const* orEmpty(char const* text) {
-  return text == nullptr ? "" : text;
-}
-
 void appendEntries(KXListenerMap const& map, KXTimePairs& pairs, KXValue& result) {
   for (auto const& [key, item] : map) {
     result.arrayPush(KXValue::arrayOf(KXValue(key), item.newSamples(pairs)));
@@ -56,7 +51,7 @@ void runLogged(char const* function, char const* stepName, Step&& step) {
     step();
   } catch (std::exception const& error) {
     ka::log::LogStream(ka::log::Warning, kModuleName, "", function, 0)
-        << stepName << " failed: " << orEmpty(error.what());
+        << stepName << " failed: " << messageOf(error);
   } catch (...) {
     ka::log::LogStream(ka::log::Warning, kModuleName, "", function, 0)
         << stepName << " failed with an exception of unknown type";
@@ -86,8 +81,10 @@ KXMemoryWatcher::~KXMemoryWatcher() {
     runLogged("~KXMemoryWatcher", name, run);
   };
   step("stopWatching", [this] { stopWatching(); });
-  // A loop that stopped the watch itself could not wait for its own end.
+  // What stopWatching() may have left: a loop that stopped the watch itself and so could not wait
+  // for its own end, and parallel calls of _mainThread that clients made.
   if (mWatchThread.joinable()) step("join", [this] { mWatchThread.join(); });
+  endParallelCalls();
   step("clearBufferData", [this] { clearBufferData(); });
   step("clearBufferEvent", [this] { clearBufferEvent(); });
   step("removeAllListeners", [this] { removeAllListeners(); });
@@ -212,16 +209,16 @@ void KXMemoryWatcher::addListener(std::string const& name) {
       xSubscribe(name, item.getNature());
     }
     xFileEvents();
-    mEventItems[name] = item;
     mEventList.isCurrent = false;
+    mEventItems.insert_or_assign(name, item);
   } else {
     KXCriticalSection const lock(mDataMutex);
     xFileData();
     if (mDataItems.contains(name)) return;
     if (mIsWatching) item.addData(firstTime, firstValue);
     xFileData();
-    mDataItems[name] = item;
     mDataList.isCurrent = false;
+    mDataItems.insert_or_assign(name, item);
   }
 }
 
@@ -293,7 +290,7 @@ void KXMemoryWatcher::unsubscribeFromEvent(std::string const& name) {
     mMemoryProxy->unsubscribeToEvent(name, getName());
   } catch (KXError const& error) {
     ka::log::LogStream(ka::log::Warning, kModuleName, "", "unsubscribeFromEvent", 0)
-        << "unsubscribeFromEvent:" << orEmpty(error.what()) << "\n";
+        << "unsubscribeFromEvent:" << messageOf(error) << "\n";
   }
 }
 
@@ -302,7 +299,7 @@ void KXMemoryWatcher::unsubscribeFromMicroEvent(std::string const& name) {
     mMemoryProxy->unsubscribeToMicroEvent(name, getName());
   } catch (KXError const& error) {
     ka::log::LogStream(ka::log::Warning, kModuleName, "", "unsubscribeFromMicroEvent", 0)
-        << "unsubscribeFromMicroEvent:" << orEmpty(error.what()) << "\n";
+        << "unsubscribeFromMicroEvent:" << messageOf(error) << "\n";
   }
 }
 
@@ -422,7 +419,7 @@ void KXMemoryWatcher::startWatching(int const& period) {
   if (mIsStarting || mIsWatching || isClosing()) return;
   // A start that meets a stop in progress waits for it, so that there is never a second loop.
   KXCriticalSection const control(mControlMutex);
-  if (mIsStarting || mIsWatching) return;
+  if (mIsStarting || mIsWatching || isClosing()) return;
   mIsStarting = true;
   setPeriodMs(period);
   if (mUseTimedSleep) {
@@ -510,6 +507,11 @@ void KXMemoryWatcher::xUpdateDataLoop() {
 void KXMemoryWatcher::xMainThread() {
   ka::os::FineTimers const fineTimers;
   mSleepGate.lock();
+  // Unlocked on every way out: a store that fails must not lock out the next run.
+  auto const unlock = [](KXSleepGate* gate) {
+    gate->unlock();
+  };
+  std::unique_ptr<KXSleepGate, decltype(unlock)> const held(&mSleepGate, unlock);
   if (!mUseTimedSleep) {
     // A client's own call beside the hardware cycle: no start has set a deadline for it.
     KXCriticalSection const lock(mPacingMutex);
@@ -520,7 +522,6 @@ void KXMemoryWatcher::xMainThread() {
     xUpdateValues(xDataItems());
     xSleepForPeriod();
   }
-  mSleepGate.unlock();
 }
 
 void KXMemoryWatcher::xSleepForPeriod() {
@@ -546,7 +547,7 @@ void KXMemoryWatcher::xUpdateValues(KXListenerMap& items) {
   } catch (KXError const& error) {
     // The period is lost for the keys that were not filed; the next one goes on.
     ka::log::LogStream(ka::log::Warning, "memoryWatcher", "", "xUpdateValues", 0)
-        << "Error caught getting data: " << orEmpty(error.what());
+        << "Error caught getting data: " << messageOf(error);
   }
 }
 
@@ -617,8 +618,8 @@ void KXMemoryWatcher::xResolveNature(std::string const& name, std::vector<std::s
   promoted.push_back(name);
   KXCriticalSection const lock(mEventMutex);
   xFileEvents();
-  mEventItems[name] = item;
   mEventList.isCurrent = false;
+  mEventItems.insert_or_assign(name, item);
   xSubscribe(name, nature);
 }
 

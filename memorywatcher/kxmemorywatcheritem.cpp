@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <memory>
-#include <sstream>
 
 namespace KX {
 
@@ -22,10 +21,9 @@ int low32(std::int64_t number) {
 }  // namespace
 
 std::string KXMemoryWatcherData::toString() const {
-  std::ostringstream text;
   // On purpose without leading zeros in the fraction.
-  text << mTime.tv_sec << "." << mTime.tv_usec << ";" << mValue.toString(1) << ";";
-  return text.str();
+  return std::to_string(mTime.tv_sec) + "." + std::to_string(mTime.tv_usec) + ";" +
+         mValue.toString(1) + ";";
 }
 
 KXValue KXTimePairs::get(ka::os::timeval time) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <memory>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -13,6 +14,7 @@
 
 #include <kxcommon/kxmethodinfo.hpp>
 #include <kxerror/kxapi.hpp>
+#include <kxthread/kxcallbackguard.hpp>
 #include <kxvalue/kxvalue.hpp>
 
 namespace KX {
@@ -21,7 +23,8 @@ class KXBroker;
 
 /// The part of a module that the broker knows.
 /// Ownership: held by boost::shared_ptr, first of all by the broker that it is registered with; a
-/// parallel call in progress does not own it, so a destructor waits for its own parallel calls.
+/// parallel call in progress does not own it, so the destructor of a module whose methods may be
+/// called in parallel begins by ending its loops and calling endParallelCalls().
 /// Threads: registration calls belong into the constructor; the others are free for all.
 class KX_API KXModuleCore : public boost::enable_shared_from_this<KXModuleCore> {
  public:
@@ -43,6 +46,11 @@ class KX_API KXModuleCore : public boost::enable_shared_from_this<KXModuleCore> 
   void initModule();
   /// From now on isClosing(); called by the broker.
   void markClosing() noexcept { mIsClosing.store(true, std::memory_order_release); }
+
+  /// What every parallel call of a bound method enters while it runs.
+  std::shared_ptr<KXCallbackGuard> const& getParallelCalls() const noexcept {
+    return mParallelCalls;
+  }
 
   /// The published methods, in the order of their registration.
   std::vector<KXMethodInfo> const& getMethods() const noexcept { return mMethods; }
@@ -68,6 +76,8 @@ class KX_API KXModuleCore : public boost::enable_shared_from_this<KXModuleCore> 
   KXMethodInfo& getCurrentMethodDescription();
   /// Closes the current description with its functor and adds it to the table.
   void bindMethod(boost::shared_ptr<KXFunctorBase> functor);
+  /// Waits until no parallel call of a bound method runs; none begins any more. For destructors.
+  void endParallelCalls() noexcept;
   /// Makes this a script module.
   void setScript() noexcept { mIsScript = true; }
 
@@ -81,6 +91,7 @@ class KX_API KXModuleCore : public boost::enable_shared_from_this<KXModuleCore> 
   bool mHasCurrentMethod = false;
   bool mIsScript = false;
   std::atomic<bool> mIsClosing{false};
+  std::shared_ptr<KXCallbackGuard> const mParallelCalls = std::make_shared<KXCallbackGuard>();
 };
 
 }  // namespace KX

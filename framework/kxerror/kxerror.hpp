@@ -36,4 +36,9 @@ class KX_API KXError : public std::exception {
   int mLine;
 };
 
+/// What an exception says; empty where what() is null, as it may be in a derived class.
+inline char const* messageOf(std::exception const& error) noexcept {
+  return error.what() == nullptr ? "" : error.what();
+}
+
 }  // namespace KX

@@ -14,6 +14,8 @@ KXError::KXError(std::string module, std::string method, std::string description
 
 KXError::~KXError() = default;
 
-char const* KXError::what() const noexcept { return mDescription.c_str(); }
+char const* KXError::what() const noexcept {
+  return mDescription.c_str();
+}
 
 }  // namespace KX

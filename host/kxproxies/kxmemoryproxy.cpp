@@ -55,7 +55,7 @@ boost::shared_ptr<KXProxy> KXMemoryProxy::xProxy() {
   if (!broker) {
     throw KXError("KXMemoryProxy", "getProxy", "the broker is gone", "kxproxies/kxmemoryproxy", 0);
   }
-  boost::shared_ptr<KXProxy> const found = broker->getProxy("KXMemory", 0);
+  boost::shared_ptr<KXProxy> found = broker->getProxy("KXMemory", 0);
   {
     std::lock_guard const lock(mMutex);
     mProxy = found;

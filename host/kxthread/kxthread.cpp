@@ -5,20 +5,30 @@
 
 namespace KX {
 
-boost::shared_ptr<KXMutex> KXMutex::createKXMutex() { return boost::make_shared<KXMutex>(); }
+boost::shared_ptr<KXMutex> KXMutex::createKXMutex() {
+  return boost::make_shared<KXMutex>();
+}
 
 KXMutex::KXMutex() = default;
 KXMutex::~KXMutex() = default;
 
-void KXMutex::lock() KX_NO_THREAD_SAFETY_ANALYSIS { mMutex.lock(); }
-void KXMutex::unlock() KX_NO_THREAD_SAFETY_ANALYSIS { mMutex.unlock(); }
-bool KXMutex::tryLock() KX_NO_THREAD_SAFETY_ANALYSIS { return mMutex.try_lock(); }
+void KXMutex::lock() KX_NO_THREAD_SAFETY_ANALYSIS {
+  mMutex.lock();
+}
+void KXMutex::unlock() KX_NO_THREAD_SAFETY_ANALYSIS {
+  mMutex.unlock();
+}
+bool KXMutex::tryLock() KX_NO_THREAD_SAFETY_ANALYSIS {
+  return mMutex.try_lock();
+}
 
 KXCriticalSection::KXCriticalSection(boost::shared_ptr<KXMutex> const& mutex) : mMutex(mutex) {
   mMutex->lock();
 }
 
-KXCriticalSection::~KXCriticalSection() { mMutex->unlock(); }
+KXCriticalSection::~KXCriticalSection() {
+  mMutex->unlock();
+}
 
 // The analysis has no word for a scoped lock that may hold nothing.
 KXCriticalTrueIfLocked::KXCriticalTrueIfLocked(boost::shared_ptr<KXMutex> const& mutex,

@@ -111,7 +111,7 @@ void KXDelivery::xDeliver(Notification const& notification, KXValue& arguments) 
       xCall(list, *subscription, arguments);
     } catch (std::exception const& error) {
       // A subscriber's failure concerns neither the raiser nor the other subscribers.
-      logFailure(*subscription, list.name, error.what());
+      logFailure(*subscription, list.name, messageOf(error));
     } catch (...) {
       logFailure(*subscription, list.name, "an exception of unknown type");
     }

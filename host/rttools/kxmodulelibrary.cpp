@@ -37,7 +37,7 @@ std::string describeCurrentException() {
     return "it threw a KXError of '" + error.getModuleName() + "', '" + error.getMethodName() +
            "': " + error.getDescription();
   } catch (std::exception const& error) {
-    return std::string("it threw a std::exception: ") + error.what();
+    return std::string("it threw a std::exception: ") + messageOf(error);
   } catch (...) {
     return "it threw something that is no std::exception";
   }

@@ -152,7 +152,7 @@ int KXTools::mainFunction(std::string const& name, int argc, char** argv, Create
   try {
     host = makeHost(name, options, create);
   } catch (std::exception const& error) {
-    printLine(name, std::string("cannot make the module: ") + error.what());
+    printLine(name, std::string("cannot make the module: ") + messageOf(error));
     return kFailed;
   } catch (...) {
     printLine(name, "cannot make the module: it threw something that is no std::exception");

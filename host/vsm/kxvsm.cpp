@@ -1,16 +1,17 @@
 #include <host/vsm/kxvsm.hpp>
 
 #include <cerrno>
+#include <ctime>
 #include <exception>
 
 #include <pthread.h>
 #include <sched.h>
-#include <time.h>
 
 #include <binding/kxfunctor.hpp>
 #include <binding/kxsignature.hpp>
 #include <ka/log.hpp>
 #include <ka/os.hpp>
+#include <kxerror/kxerror.hpp>
 
 namespace KX {
 
@@ -121,7 +122,7 @@ void KXVsm::xCycle() noexcept {
     cycleSignal()();
   } catch (std::exception const& error) {
     // A slot that fails must not stop the machine's cycle.
-    logFailure(error.what());
+    logFailure(messageOf(error));
   } catch (...) {
     logFailure("an exception of unknown type");
   }

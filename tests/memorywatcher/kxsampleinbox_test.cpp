@@ -360,6 +360,19 @@ TEST_F(InboxBatch, FilesARowOfBatchesOverAMapThatASampleChangedBetween) {
   EXPECT_THAT(ints("c"), ElementsAre(3, 6));
 }
 
+TEST_F(Inbox, FilingIsDueFromSixteenBatchesOnUntilTheyAreFiled) {
+  KXValue const keys = array({"a"});
+  for (int posted = 1; posted <= 17; ++posted) {
+    mInbox.postSample("a", {posted, 0}, KXValue(posted));  // samples alone make no filing due
+    mInbox.postBatch({posted, 0}, keys, array({posted}), 0, 1);
+    EXPECT_EQ(mInbox.isFilingDue(), posted >= 16) << posted;
+  }
+
+  file();
+
+  EXPECT_FALSE(mInbox.isFilingDue());
+}
+
 TEST_F(InboxBatch, LeavesTheListCurrent) {
   file();
 

@@ -1,6 +1,7 @@
 // From the entry points to the last step of the tear-down.
 
 #include <dlfcn.h>
+#include <signal.h>
 
 #include <functional>
 #include <string>
@@ -11,6 +12,7 @@
 #include <host/rttools/kxmodulelibrary.hpp>
 #include <kxcommon/kxbrokermanager.hpp>
 #include <tests/memorywatcher/watcherfixture.hpp>
+#include <tests/support/childprocess.hpp>
 
 namespace KX {
 namespace {
@@ -81,9 +83,8 @@ TEST(Construction, FailsWithoutALauncher) {
   EXPECT_FALSE(broker->isModulePresent("KXMemoryWatcher"));
 }
 
-// stopWatching, then the buffers, then the listeners: the store sees the loop's last read before
-// the first subscription is ended.
-TEST_F(Lifecycle, DestructionStopsThenClearsThenRemovesListeners) {
+// The store sees the loop's last read before the first subscription is ended.
+TEST_F(Lifecycle, DestructionStopsBeforeItRemovesListeners) {
   mMemory->set("data", "Data", 1);
   mMemory->set("event", "Event", 2);
   mMemory->set("micro", "MicroEvent", 3);
@@ -99,6 +100,29 @@ TEST_F(Lifecycle, DestructionStopsThenClearsThenRemovesListeners) {
             (FakeMemory::Call{"unsubscribeToEvent", {"event", "KXMemoryWatcher"}}));
   EXPECT_EQ(calls[calls.size() - 1],
             (FakeMemory::Call{"unsubscribeToMicroEvent", {"micro", "KXMemoryWatcher"}}));
+}
+
+// The data buffer is cleared before the event buffer, and both before the listeners go.
+TEST_F(Lifecycle, DestructionClearsTheBuffersInOrder) {
+  mMemory->set("event", "Event", 2);
+  call("addListener", std::string("event"));
+  boost::shared_ptr<KXMutex> const dataLock = dataMutex();
+  boost::shared_ptr<KXMutex> const eventLock = eventMutex();
+  dataLock->lock();
+  eventLock->lock();
+  Caller destruction([this] { destroyWatcher(); });
+
+  EXPECT_TRUE(destruction.isParked());  // at the data buffer
+  eventLock->unlock();
+  EXPECT_TRUE(destruction.isParked());  // still there
+  eventLock->lock();
+  dataLock->unlock();
+  EXPECT_TRUE(destruction.isParked());  // now at the event buffer
+  EXPECT_TRUE(mMemory->getCalls("unsubscribeToEvent").empty());
+  eventLock->unlock();
+  destruction.join();
+
+  EXPECT_EQ(mMemory->getCalls("unsubscribeToEvent").size(), 1U);
 }
 
 TEST_F(CycleLifecycle, DestructionOfAWatchingModuleEndsItsThreadAndItsSlot) {
@@ -170,7 +194,7 @@ TEST_F(FailingStore, SilentErrorDoesNotKeepTheModuleFromGoing) {
 
 // ---- the library's entry points
 
-class EntryPoints : public testing::Test {
+class EntryPoints : public ::testing::Test {
  protected:
   using Create = int (*)(boost::shared_ptr<KXBroker>);
   using Close = int (*)();
@@ -214,7 +238,17 @@ TEST_F(EntryPoints, CreateModuleInstallsTheBrokersManager) {
   mCreate(mBroker);
 
   EXPECT_EQ(KXBrokerManager::getInstance(), own);
-  EXPECT_THAT(own->getBrokers(), testing::Contains(mBroker));
+  EXPECT_THAT(own->getBrokers(), ::testing::Contains(mBroker));
+}
+
+TEST_F(EntryPoints, CreateModuleMakesAManagerWhereTheBrokersIsGone) {
+  KXModule::createModule<FakeLauncher>(mBroker);
+  KXBrokerManager::setInstance(nullptr);  // the only owner
+  ASSERT_TRUE(mBroker->getBrokerManager().expired());
+
+  EXPECT_EQ(mCreate(mBroker), 0);
+
+  EXPECT_THAT(KXBrokerManager::getInstance()->getBrokers(), ::testing::ElementsAre(mBroker));
 }
 
 TEST_F(EntryPoints, CreateModuleLetsTheErrorOut) {
@@ -232,6 +266,16 @@ TEST_F(EntryPoints, CloseModuleLeavesAWatchingModuleWatching) {
   EXPECT_EQ(mClose(), 0);
 
   EXPECT_TRUE(client->call<bool>("isWatching"));
+}
+
+// The process of its own is the library's main under the name of the module.
+TEST(OwnProcess, ServesUntilItIsAskedToEnd) {
+  testing::ChildProcess process({KX_BIN_DIR "/memorywatcher"});
+  process.waitForErrorText("KXMemoryWatcher");
+  process.sendSignal(SIGTERM);
+
+  EXPECT_EQ(process.waitForEnd(), 0);
+  EXPECT_TRUE(process.getErrors().starts_with("memorywatcher: ")) << process.getErrors();
 }
 
 }  // namespace

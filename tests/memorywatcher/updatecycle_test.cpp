@@ -144,6 +144,19 @@ TEST_F(UpdateCycle, ValuesGoToTheKeysTheyWereReadForWhateverClientsDidMeanwhile)
   EXPECT_EQ(dataItems().count("b"), 0U);
 }
 
+// Filing touches the memory of every key, so the cycle leaves it until sixteen batches wait.
+TEST_F(UpdateCycle, FilesWhatWaitsAtTheSeventeenthCycle) {
+  mMemory->set("a", "Data", 1);
+  add("a");
+
+  for (int cycle = 1; cycle <= 17; ++cycle) {
+    update();
+    EXPECT_EQ(ForTest::filedDataSamples(*mWatcher, "a"), cycle < 17 ? 0 : 16) << cycle;
+  }
+
+  EXPECT_EQ(dataValues("a").size(), 17U);  // who takes the lock files first
+}
+
 // ---- keys of unknown nature
 
 TEST_F(UpdateCycle, UnknownKeyIsSampledWithAnInvalidValueAndAskedEachCycle) {

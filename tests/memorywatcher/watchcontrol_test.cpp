@@ -1,6 +1,9 @@
 // Start, stop, period and pacing, driven by hand: the store is blocked or the cycle raised.
 
+#include <atomic>
+#include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -298,10 +301,20 @@ TYPED_TEST(WatchControl, ForeignExceptionEndsTheLoopOnlyAndTheWatchCanBeStartedA
 }
 
 TYPED_TEST(WatchControl, StoreThatStopsTheWatchFromWithinTheCycleEndsTheLoop) {
-  this->mMemory->setHook("getListData",
-                         [&](FakeMemory::Call const&, KXValue&) { this->call("stopWatching"); });
+  // The broker's reference outlives the call, so that the module does not die within its own loop.
+  std::atomic<bool> hasStopped{false};
+  this->mMemory->setHook("getListData", [&](FakeMemory::Call const&, KXValue&) {
+    try {
+      this->call("stopWatching");
+    } catch (...) {
+      // Under cycle pacing the thread library refuses to join a thread with itself.
+    }
+    hasStopped = true;
+  });
   this->call("startWatching", 10);
-  ASSERT_TRUE(this->mMemory->waitForCalls("getListData", 1));
+  auto const end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (!hasStopped && std::chrono::steady_clock::now() < end) std::this_thread::yield();
+  ASSERT_TRUE(hasStopped);
 
   this->destroyWatcher();
 
@@ -318,6 +331,26 @@ TYPED_TEST(WatchControl, MainThreadCalledByAClientLeavesWhenTheWatchStops) {
   client.join();
 
   EXPECT_TRUE(client.isDone());
+}
+
+// The log is written while the start is in progress: it is watching already, and cannot be stopped.
+TYPED_TEST(WatchControl, StopWhileOnlyStartingDoesNothing) {
+  bool wasStarting = false;
+  bool wasWatching = false;
+  ka::log::addHandler("stopper", [&](ka::log::Record const& record) {
+    if (record.function != "setPeriodMs") return;
+    wasStarting = KXMemoryWatcherForTest::isStarting(*this->mWatcher);
+    wasWatching = this->mWatcher->isWatching();
+    this->mWatcher->stopWatching();
+  });
+
+  this->call("startWatching", 25);
+  ka::log::removeHandler("stopper");
+
+  EXPECT_TRUE(wasStarting);
+  EXPECT_TRUE(wasWatching);
+  EXPECT_TRUE(this->mMemory->waitForCalls("getListData", 1));
+  EXPECT_TRUE(this->mWatcher->isWatching());
 }
 
 // ---- timed pacing alone
@@ -364,6 +397,43 @@ TEST_F(TimedControl, DeadlinesAdvanceByExactlyOnePeriod) {
   for (std::size_t i = 0; i < deadlines.size(); ++i) {
     EXPECT_EQ(deadlines[i], first + milliseconds(10 * static_cast<int>(i)));
   }
+}
+
+// A client's own parallel call waits for the gate that the loop holds; the module may not go before
+// it, although it owns nothing.
+TEST_F(TimedControl, DestructionWaitsForParallelCallsThatClientsMade) {
+  call("startWatching", 10);
+  ASSERT_TRUE(mMemory->waitForCalls("getListData", 1));
+  int const other = client()->pCall("_mainThread");
+
+  destroyWatcher();
+
+  EXPECT_TRUE(mBroker->waitForTask(other, 30000));
+}
+
+// The broker's end without a shutdown: nobody can be asked any more whether the loop still runs.
+TEST_F(TimedControl, ModuleOutlivesItsLoopWhenTheBrokerIsDropped) {
+  auto broker = KXBroker::createBroker("dropped");
+  KXModule::createModule<FakeLauncher>(broker);
+  auto const memory = KXModule::createModule<FakeMemory>(broker);
+  KXModule::createModule<KXMemoryWatcher>(broker);
+  broker->getProxy("KXMemoryWatcher", 0)->call<void>("startWatching", 10);
+  ASSERT_TRUE(memory->waitForCalls("getListData", 2));
+
+  broker.reset();
+
+  std::size_t const reads = memory->getCalls("getListData").size();
+  EXPECT_FALSE(memory->getCalls().empty());
+  EXPECT_EQ(memory->getCalls("getListData").size(), reads);
+}
+
+TEST_F(TimedControl, ForeignExceptionInAClientsOwnLoopLeavesTheGateOpen) {
+  watch();
+  mMemory->setHook("getListData", FakeMemory::throwingValue(5));
+
+  EXPECT_THROW(call("_mainThread"), int);
+  EXPECT_THROW(call("_mainThread"), int);  // would wait for ever if the first had kept the gate
+  watch(false);
 }
 
 TEST_F(TimedControl, LoopLeavesWhenTheModuleCloses) {
@@ -445,6 +515,15 @@ TEST_F(CycleControl, AfterAnOverrunTheRhythmOfTheGateGoesOn) {
 
   cycleAndExpectReads(1, 3);
   cycleAndExpectReads(1, 4);
+}
+
+TEST_F(CycleControl, LoopDoesNotAskWhetherTheModuleCloses) {
+  call("startWatching", 10);
+  ASSERT_TRUE(mMemory->waitForCalls("getListData", 1));
+
+  mWatcher->markClosing();
+
+  cycleAndExpectReads(1, 2);
 }
 
 TEST_F(CycleControl, ConnectsOneSlotAndDisconnectsIt) {
