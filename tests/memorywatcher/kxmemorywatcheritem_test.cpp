@@ -14,6 +14,7 @@
 #include <ka/log.hpp>
 #include <ka/os.hpp>
 #include <kxvalue/kxvalue.hpp>
+#include <tests/memorywatcher/allocations.hpp>
 
 namespace KX {
 namespace {
@@ -234,6 +235,17 @@ TEST(Item, GrowsAgainAfterClear) {
   KXValue const samples = item.toKXValue();
   ASSERT_EQ(samples.getSize(), 1);
   EXPECT_EQ(samples[0], KXValue::arrayOf(pairOf(101, 1), KXValue(3)));
+}
+
+TEST(Item, KeepsItsMemoryAfterClear) {
+  KXMemoryWatcherItem item;
+  for (int i = 0; i < 100; ++i) item.addData({i, 0}, KXValue(i));
+  item.clear();
+  std::int64_t const count = Allocations::count();
+
+  for (int i = 0; i < 100; ++i) item.addData({i, 0}, KXValue(i));
+
+  EXPECT_EQ(Allocations::count(), count);
 }
 
 TEST_F(ItemFile, CopyConstructionCopiesAllFourFields) {
