@@ -1,11 +1,9 @@
 // The watch in real time, at 10 ms: what it costs, how late it wakes, whether a period is missing.
 // Ours and the floor take turns, so that both meet the same moods of the machine.
 
-#include <sys/resource.h>
-#include <time.h>
-
 #include <algorithm>
 #include <chrono>
+#include <ctime>
 #include <map>
 #include <set>
 #include <string>
@@ -23,7 +21,7 @@ namespace KX::bench {
 namespace {
 
 constexpr int kPeriodMs = 10;
-constexpr std::int64_t kPeriodUs = kPeriodMs * 1000;
+constexpr std::int64_t kPeriodUs = std::int64_t{kPeriodMs} * 1000;
 constexpr int kTurns = 5;
 constexpr std::chrono::seconds kTurn(3);
 
