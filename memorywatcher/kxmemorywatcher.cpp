@@ -549,17 +549,27 @@ void KXMemoryWatcher::xUpdateValues(KXListenerMap& items) {
     ka::log::LogStream(ka::log::Warning, "memoryWatcher", "", "xUpdateValues", 0)
         << "Error caught getting data: " << messageOf(error);
   }
+  if (mDataInbox.isFilingDue()) xFileDueBatches();
 }
 
-// Probes the map's mutex; false if somebody holds it. While the probe lives, and only then, what
-// is waiting is filed and the cycle takes what it needs of the map.
+// After the read, so that filing never delays the moment at which values are taken. Whoever holds
+// the mutex here files by himself, or leaves it to the next cycle.
+void KXMemoryWatcher::xFileDueBatches() {
+  bool wasLocked = false;
+  KXCriticalTrueIfLocked const probe(mDataMutex, wasLocked);
+  if (wasLocked) return;
+  mDataMutex->assertHeld();
+  xFileData();
+}
+
+// Probes the map's mutex; false if somebody holds it. While the probe lives, and only then, the
+// cycle takes what it needs of the map.
 bool KXMemoryWatcher::xBeginCycle(bool isData, Cycle& cycle) {
   bool wasLocked = false;
   KXCriticalTrueIfLocked const probe(isData ? mDataMutex : mEventMutex, wasLocked);
   if (wasLocked) return false;
   if (isData) {
     mDataMutex->assertHeld();
-    if (mDataInbox.isFilingDue()) xFileData();
     mDataList.refresh(mDataItems);
     cycle = {mDataList.names, mDataList.keys, mDataList.unknown};
   } else {

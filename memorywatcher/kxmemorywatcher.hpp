@@ -115,6 +115,7 @@ class KXMemoryWatcher : public KXModule {
 
   void xUpdateValues(KXListenerMap& items);
   bool xBeginCycle(bool isData, Cycle& cycle);
+  void xFileDueBatches();
   void xReadBatch(bool isData, Cycle const& cycle);
   void xResolveNature(std::string const& name, std::vector<std::string>& promoted);
   void xErasePromoted(std::vector<std::string> const& promoted);

@@ -41,10 +41,13 @@ KXMemoryWatcherItem::KXMemoryWatcherItem(std::string const& name, std::string co
                                          std::string const& fileName)
     : mName(name), mFileName(fileName), mNature(nature) {}
 
-void KXMemoryWatcherItem::makeRoom(std::size_t count) {
-  std::size_t const needed = mSamples.size() + count;
+void KXMemoryWatcherItem::addColumns(std::span<KXBatchColumn const> columns, std::size_t place) {
+  std::size_t const needed = mSamples.size() + columns.size();
   // Doubled, as appending one by one would.
   if (needed > mSamples.capacity()) mSamples.reserve(std::max(needed, 2 * mSamples.capacity()));
+  for (KXBatchColumn const& column : columns) {
+    mSamples.emplace_back(column.time, column.values[place]);
+  }
 }
 
 void KXMemoryWatcherItem::clear() {
@@ -68,13 +71,10 @@ void KXMemoryWatcherItem::clearHandedOut() {
 }
 
 KXValue KXMemoryWatcherItem::xToKXValue(std::size_t first, KXTimePairs& pairs) const {
-  KXValue samples;
-  samples.arraySetSize(static_cast<int>(mSamples.size() - first));
-  KXValue* entry = samples.arrayData();
-  for (std::size_t i = first; i < mSamples.size(); ++i, ++entry) {
-    *entry = KXValue::arrayOf(pairs.get(mSamples[i].mTime), mSamples[i].mValue);
-  }
-  return samples;
+  KXMemoryWatcherData const* const samples = mSamples.data() + first;
+  return KXValue::arrayFrom(mSamples.size() - first, [&](std::size_t i) {
+    return KXValue::arrayOf(pairs.get(samples[i].mTime), samples[i].mValue);
+  });
 }
 
 std::string KXMemoryWatcherItem::toString() const {

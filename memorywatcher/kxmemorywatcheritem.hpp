@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -17,8 +18,8 @@ class KXMemoryWatcherData final {
  public:
   /// Time zero, invalid value.
   KXMemoryWatcherData() = default;
-  KXMemoryWatcherData(ka::os::timeval time, KXValue value)
-      : mTime(time), mValue(std::move(value)) {}
+  KXMemoryWatcherData(ka::os::timeval const& time, KXValue const& value)
+      : mTime(time), mValue(value) {}
   KXMemoryWatcherData(KXMemoryWatcherData const&) = default;
   KXMemoryWatcherData(KXMemoryWatcherData&&) noexcept = default;
   KXMemoryWatcherData& operator=(KXMemoryWatcherData const&) = default;
@@ -50,6 +51,12 @@ class KXTimePairs {
   std::size_t mNext = 0;
 };
 
+/// What was read at one time: the values of many keys, each at its place.
+struct KXBatchColumn {
+  ka::os::timeval time;
+  KXValue const* values;
+};
+
 /// One watched key with the samples taken since the last fetch, oldest first.
 /// Ownership: a value, held in the module's listener maps. Unbounded: only clear() empties it.
 /// Threads: not synchronised; the caller holds the mutex of the map that owns the item.
@@ -69,11 +76,17 @@ class KXMemoryWatcherItem {
   std::string const& getNature() const { return mNature; }
   void setNature(std::string const& nature) { mNature = nature; }
 
-  void addData(ka::os::timeval time, KXValue value) {
-    mSamples.emplace_back(time, std::move(value));
+  /// By reference, so that the sample is built where it stays: this is the hot line of a watch.
+  void addData(ka::os::timeval const& time, KXValue const& value) {
+    mSamples.emplace_back(time, value);
   }
-  /// Sees to it that the next `count` calls of addData() need no memory, and so cannot fail.
-  void makeRoom(std::size_t count);
+  /// Adds one sample for each column: what it holds at `place`. Adds all or, if memory for them
+  /// is missing, none.
+  void addColumns(std::span<KXBatchColumn const> columns, std::size_t place);
+  /// Ask the caches for what addColumns() will touch: first where the buffer stands, and once that
+  /// is there, the buffer's end. Both only cost time if called too late or in vain.
+  void prefetchBuffer() const { __builtin_prefetch(&mSamples); }
+  void prefetchEnd() const { __builtin_prefetch(mSamples.data() + mSamples.size(), 1); }
   /// Drops all samples; keeps names, nature and the memory for new samples.
   void clear();
 

@@ -1,5 +1,6 @@
 #include <memorywatcher/kxsampleinbox.hpp>
 
+#include <algorithm>
 #include <memory>
 #include <utility>
 
@@ -52,8 +53,14 @@ struct KXSampleInbox::SamplePost final : Post {
 };
 
 struct KXSampleInbox::BatchPost final : Post {
-  BatchPost(ka::os::timeval when, KXValue forKeys, KXValue what, std::size_t from, std::size_t to)
-      : Post(when), keys(std::move(forKeys)), values(std::move(what)), begin(from), end(to) {}
+  BatchPost(ka::os::timeval when, KXValue forKeys, KXValue what, std::size_t from, std::size_t to,
+            std::size_t countsFor)
+      : Post(when),
+        keys(std::move(forKeys)),
+        values(std::move(what)),
+        begin(from),
+        end(to),
+        weight(countsFor) {}
 
   void file(KXListenerMap& map, KXWatchList&) override {
     KXValue const* const key = keys.arrayData();
@@ -69,22 +76,27 @@ struct KXSampleInbox::BatchPost final : Post {
   KXValue const values;
   std::size_t begin;  // moves on with what is filed, so that a failure can be taken up again
   std::size_t const end;
+  std::size_t const weight;  // values that the batch counts for while it waits
 };
 
 namespace {
 
 // Files batches of the same keys key by key: each key's memory is touched once for all of them.
+// The items and their buffers lie all over the memory, so they are asked for some keys ahead.
 template <class Batch>
 void fileTogether(std::vector<Batch*> const& batches, KXWatchList const& list) {
-  std::vector<KXValue const*> values;
-  for (Batch const* batch : batches) values.push_back(batch->values.arrayData());
+  constexpr std::size_t kAhead = 8;
+  std::vector<KXBatchColumn> columns;
+  for (Batch const* batch : batches) columns.push_back({batch->time, batch->values.arrayData()});
   std::size_t const end = batches.front()->end;
   std::size_t i = batches.front()->begin;
   try {
     for (; i < end; ++i) {
-      KXMemoryWatcherItem& item = *list.items[i];
-      item.makeRoom(batches.size());
-      for (std::size_t k = 0; k < batches.size(); ++k) item.addData(batches[k]->time, values[k][i]);
+      if (i + 2 * kAhead < end) {
+        list.items[i + 2 * kAhead]->prefetchBuffer();
+        list.items[i + kAhead]->prefetchEnd();
+      }
+      list.items[i]->addColumns(columns, i);
     }
   } catch (...) {
     for (Batch* batch : batches) batch->begin = i;
@@ -105,8 +117,10 @@ void KXSampleInbox::postSample(std::string const& name, ka::os::timeval time, KX
 
 void KXSampleInbox::postBatch(ka::os::timeval time, KXValue keys, KXValue values, std::size_t begin,
                               std::size_t end) {
-  xPost(new BatchPost(time, std::move(keys), std::move(values), begin, end));
-  mWaitingBatches.fetch_add(1, std::memory_order_relaxed);
+  auto* const post = new BatchPost(time, std::move(keys), std::move(values), begin, end,
+                                   std::max(end - begin, kLeastValuesPerBatch));
+  mWaitingValues.fetch_add(post->weight, std::memory_order_relaxed);
+  xPost(post);
 }
 
 // A stack onto which anybody pushes and which is only ever taken as a whole, so no element can
@@ -134,7 +148,9 @@ void KXSampleInbox::xTakeWaiting() noexcept {
 }
 
 void KXSampleInbox::xDropOldest() noexcept {
-  if (mOldestTaken->asBatch() != nullptr) mWaitingBatches.fetch_sub(1, std::memory_order_relaxed);
+  if (BatchPost const* batch = mOldestTaken->asBatch()) {
+    mWaitingValues.fetch_sub(batch->weight, std::memory_order_relaxed);
+  }
   delete std::exchange(mOldestTaken, mOldestTaken->next);
 }
 

@@ -55,10 +55,11 @@ class KXSampleInbox {
   /// `keys`, an array of strings; both arrays reach at least to `end`.
   void postBatch(ka::os::timeval time, KXValue keys, KXValue values, std::size_t begin,
                  std::size_t end);
-  /// True once so many batches wait that filing them together pays. Filing touches the memory of
-  /// every key: some batches at once cost little more than one. Any thread may ask.
+  /// True once so much waits that filing it pays. Filing touches the memory of every key: some
+  /// batches at once cost little more than one. Not so many, though, that filing them takes a
+  /// noticeable part of a period. Any thread may ask.
   bool isFilingDue() const noexcept {
-    return mWaitingBatches.load(std::memory_order_relaxed) >= kBatchesPerFiling;
+    return mWaitingValues.load(std::memory_order_relaxed) >= kValuesPerFiling;
   }
   /// Files everything that waits. The caller holds the mutex that guards the map and its list.
   void fileInto(KXListenerMap& map, KXWatchList& list);
@@ -68,7 +69,10 @@ class KXSampleInbox {
   struct SamplePost;
   struct BatchPost;
 
-  static constexpr int kBatchesPerFiling = 16;
+  // Filing so many takes about a millisecond with cold caches.
+  static constexpr std::size_t kValuesPerFiling = 32768;
+  // What a batch counts for at least, so that no more than 16 wait.
+  static constexpr std::size_t kLeastValuesPerBatch = 2048;
 
   void xPost(Post* post) noexcept;
   void xTakeWaiting() noexcept;
@@ -76,7 +80,7 @@ class KXSampleInbox {
   std::vector<BatchPost*> xOldestBatches(KXWatchList const& list) const;
 
   std::atomic<Post*> mNewest{nullptr};
-  std::atomic<int> mWaitingBatches{0};
+  std::atomic<std::size_t> mWaitingValues{0};
   // Taken out of the mailbox but not filed yet, oldest first; belongs to the mutex's holder.
   Post* mOldestTaken = nullptr;
   Post* mNewestTaken = nullptr;

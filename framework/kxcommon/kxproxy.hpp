@@ -37,7 +37,7 @@ class KX_API KXProxy {
   bool isLocal() const noexcept { return mModule != nullptr; }
   bool isScript() const noexcept;
   /// The module object; null if it is not of this process.
-  boost::shared_ptr<KXModule> getModule() const { return mModule; }
+  boost::shared_ptr<KXModule> const& getModule() const noexcept { return mModule; }
   boost::shared_ptr<KXModuleCore> getModuleCore() const;
 
   /// Calls a method with arguments that are converted to its parameters, and waits for its result,

@@ -57,6 +57,11 @@ class KX_API KXValue {
   /// An array of exactly these elements, in one allocation.
   template <class... T>
   static KXValue arrayOf(T&&... elements);
+  /// An array of what `element(0)` to `element(size - 1)` give, in one allocation; called in order.
+  /// What `element` throws passes. `size` is not negative.
+  template <class F>
+  requires std::invocable<F&, std::size_t>
+  static KXValue arrayFrom(std::size_t size, F element);
 
   KXValue(KXValue const& other) noexcept : mHead(other.mHead), mPayload(other.mPayload) {
     if (hasBlock()) mPayload.asBlock->references.fetch_add(1, std::memory_order_relaxed);
@@ -232,6 +237,24 @@ KXValue KXValue::arrayOf(T&&... elements) {
   array.xSetArray(block, sizeof...(elements));
   // The size follows each element, so that a constructor that throws leaves a sound array behind.
   ((new (block->elements() + block->size) KXValue(std::forward<T>(elements)), ++block->size), ...);
+  return array;
+}
+
+template <class F>
+requires std::invocable<F&, std::size_t> KXValue KXValue::arrayFrom(std::size_t size, F element) {
+  KXValue array;
+  ArrayBlock* const block = xNewBlock(size);
+  array.xSetArray(block, size);
+  // Counted element by element only where one may throw, which costs a store each.
+  if constexpr (std::is_nothrow_invocable_v<F&, std::size_t>) {
+    KXValue* target = block->elements();
+    for (std::size_t i = 0; i < size; ++i) new (target++) KXValue(element(i));
+    block->size = static_cast<std::uint32_t>(size);
+  } else {
+    for (std::size_t i = 0; i < size; ++i, ++block->size) {
+      new (block->elements() + i) KXValue(element(i));
+    }
+  }
   return array;
 }
 

@@ -12,25 +12,19 @@ namespace KX {
 
 namespace {
 
-// True if the module's one method of that name is declared as R(P...), so that it can be called
-// without making values of the arguments.
+// Directly where the store binds its one method of that name with these very types. A module that
+// stands in for the store may declare its methods otherwise, as long as the arguments can be
+// converted.
 template <class R, class... P>
-bool isDeclaredAs(KXProxy const& proxy, std::string const& method) {
-  if (!proxy.isLocal() || proxy.isScript()) return false;
-  KXMethodInfo const* const info = proxy.getModule()->findMethod(method);
-  if (info == nullptr || info->parameters.size() != sizeof...(P)) return false;
-  std::size_t i = 0;
-  return info->result.type == getParamStrType<R>() &&
-         ((info->parameters[i++].type == getParamStrType<P>()) && ...);
-}
-
-// A module that stands in for the store may declare its methods otherwise, as long as the
-// arguments can be converted.
-template <class R, class... P>
-R callStore(boost::shared_ptr<KXProxy> const& proxy, char const* methodName,
+R callStore(boost::shared_ptr<KXProxy> const& proxy, std::string const& method,
             P const&... arguments) {
-  std::string const method(methodName);
-  if (isDeclaredAs<R, P...>(*proxy, method)) return proxy->call<R, P...>(method, arguments...);
+  if (proxy->isLocal() && !proxy->isScript()) {
+    KXMethodInfo const* const info = proxy->getModule()->findMethod(method);
+    auto* const typed = info == nullptr
+                            ? nullptr
+                            : dynamic_cast<detail::KXTypedFunctor<R, P...>*>(info->functor.get());
+    if (typed != nullptr) return typed->invoke(arguments...);
+  }
   return detail::convertResult<R>(
       proxy->genericCall(method, KXValue::arrayOf(KXValue(arguments)...)));
 }

@@ -130,11 +130,10 @@ KXValue KXMemoryTable::read(KXValue const& names, char const* method) {
   Batch const& batch = known != mBatches.end() ? *known : xResolve(names, method);
   if (known != mBatches.end()) known->lastUse = ++mUseCount;
 
-  KXValue result;
-  result.arraySetSize(static_cast<int>(batch.values.size()));
-  KXValue* target = result.arrayData();
-  for (KXValue const* value : batch.values) *target++ = *value;
-  return result;
+  KXValue const* const* const values = batch.values.data();
+  return KXValue::arrayFrom(
+      batch.values.size(),
+      [values](std::size_t i) noexcept -> KXValue const& { return *values[i]; });
 }
 
 KXMemoryTable::Batch const& KXMemoryTable::xResolve(KXValue const& names, char const* method) {

@@ -1,5 +1,6 @@
 #include <functional>
 #include <limits>
+#include <stdexcept>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -97,6 +98,44 @@ TEST(ValueConstruction, TakesEmptyVectorsAsEmptyArrays) {
     EXPECT_EQ(value.getType(), KXValue::TypeArray);
     EXPECT_EQ(value.getSize(), 0);
   }
+}
+
+TEST(ValueConstruction, ArrayFromAsksForEachElementInOrder) {
+  std::vector<std::size_t> asked;
+
+  KXValue const array = KXValue::arrayFrom(3, [&](std::size_t i) {
+    asked.push_back(i);
+    return KXValue("element " + std::to_string(i));
+  });
+
+  EXPECT_EQ(asked, (std::vector<std::size_t>{0, 1, 2}));
+  EXPECT_EQ(array, KXValue::arrayOf("element 0", "element 1", "element 2"));
+}
+
+TEST(ValueConstruction, ArrayFromCopiesWhatCannotThrow) {
+  KXValue const text("text");
+
+  KXValue const array =
+      KXValue::arrayFrom(2, [&](std::size_t) noexcept -> KXValue const& { return text; });
+
+  EXPECT_EQ(array, KXValue::arrayOf("text", "text"));
+  EXPECT_TRUE(array[0].sharesBlockWith(text));
+}
+
+TEST(ValueConstruction, ArrayFromNothingIsTheEmptyArray) {
+  KXValue const array = KXValue::arrayFrom(0, [](std::size_t) { return KXValue(1); });
+
+  EXPECT_EQ(array.getType(), KXValue::TypeArray);
+  EXPECT_EQ(array.getSize(), 0);
+}
+
+TEST(ValueConstruction, ArrayFromPassesOnWhatAnElementThrows) {
+  EXPECT_THROW(static_cast<void>(KXValue::arrayFrom(3,
+                                                    [](std::size_t i) {
+                                                      if (i == 2) throw std::runtime_error("two");
+                                                      return KXValue("text");
+                                                    })),
+               std::runtime_error);
 }
 
 TEST(ValueConstruction, ArrayOfTakesReferencesAndTemporaries) {

@@ -373,6 +373,23 @@ TEST_F(Inbox, FilingIsDueFromSixteenBatchesOnUntilTheyAreFiled) {
   EXPECT_FALSE(mInbox.isFilingDue());
 }
 
+// So that no single cycle takes long, however many keys there are.
+TEST_F(Inbox, FilingIsDueFromThirtyTwoThousandValuesOn) {
+  std::vector<KXValue> const values(16384);
+  KXValue const keys(std::vector<std::string>(16384, "a"));
+
+  mInbox.postBatch({1, 0}, keys, values, 0, 16384);
+  EXPECT_FALSE(mInbox.isFilingDue());
+  mInbox.postBatch({2, 0}, keys, values, 0, 16383);
+  EXPECT_FALSE(mInbox.isFilingDue());
+  file();
+  mInbox.postBatch({3, 0}, keys, values, 0, 16384);
+  mInbox.postBatch({4, 0}, keys, values, 0, 16384);
+  EXPECT_TRUE(mInbox.isFilingDue());
+  file();
+  EXPECT_FALSE(mInbox.isFilingDue());
+}
+
 TEST_F(InboxBatch, LeavesTheListCurrent) {
   file();
 
