@@ -163,8 +163,8 @@ void minute(benchmark::State& state) {
   }
 }
 
-BENCHMARK(pacing)->Arg(1000)->Arg(10'000)->Iterations(1)->Unit(benchmark::kSecond);
-BENCHMARK(minute)->Iterations(1)->Unit(benchmark::kSecond);
+BENCHMARK(pacing)->Arg(1000)->Arg(10'000)->Iterations(1)->Repetitions(1)->Unit(benchmark::kSecond);
+BENCHMARK(minute)->Iterations(1)->Repetitions(1)->Unit(benchmark::kSecond);
 
 }  // namespace
 }  // namespace KX::bench

@@ -45,9 +45,7 @@ void KXMemoryWatcherItem::addColumns(std::span<KXBatchColumn const> columns, std
   std::size_t const needed = mSamples.size() + columns.size();
   // Doubled, as appending one by one would.
   if (needed > mSamples.capacity()) mSamples.reserve(std::max(needed, 2 * mSamples.capacity()));
-  for (KXBatchColumn const& column : columns) {
-    mSamples.emplace_back(column.time, column.values[place]);
-  }
+  for (KXBatchColumn const& column : columns) mSamples.emplace_back(column, place);
 }
 
 void KXMemoryWatcherItem::clear() {

@@ -13,13 +13,22 @@
 
 namespace KX {
 
+/// What was read at one time: the values of many keys, each at its place.
+struct KXBatchColumn {
+  ka::os::timeval time;
+  KXValue const* values;
+};
+
 /// One sample: a value and the wall-clock time at which it was taken.
 class KXMemoryWatcherData final {
  public:
   /// Time zero, invalid value.
   KXMemoryWatcherData() = default;
-  KXMemoryWatcherData(ka::os::timeval const& time, KXValue const& value)
-      : mTime(time), mValue(value) {}
+  KXMemoryWatcherData(ka::os::timeval time, KXValue value)
+      : mTime(time), mValue(std::move(value)) {}
+  /// Copies straight from where the values were read: this is the hot line of a watch.
+  KXMemoryWatcherData(KXBatchColumn const& column, std::size_t place)
+      : mTime(column.time), mValue(column.values[place]) {}
   KXMemoryWatcherData(KXMemoryWatcherData const&) = default;
   KXMemoryWatcherData(KXMemoryWatcherData&&) noexcept = default;
   KXMemoryWatcherData& operator=(KXMemoryWatcherData const&) = default;
@@ -51,12 +60,6 @@ class KXTimePairs {
   std::size_t mNext = 0;
 };
 
-/// What was read at one time: the values of many keys, each at its place.
-struct KXBatchColumn {
-  ka::os::timeval time;
-  KXValue const* values;
-};
-
 /// One watched key with the samples taken since the last fetch, oldest first.
 /// Ownership: a value, held in the module's listener maps. Unbounded: only clear() empties it.
 /// Threads: not synchronised; the caller holds the mutex of the map that owns the item.
@@ -76,9 +79,8 @@ class KXMemoryWatcherItem {
   std::string const& getNature() const { return mNature; }
   void setNature(std::string const& nature) { mNature = nature; }
 
-  /// By reference, so that the sample is built where it stays: this is the hot line of a watch.
-  void addData(ka::os::timeval const& time, KXValue const& value) {
-    mSamples.emplace_back(time, value);
+  void addData(ka::os::timeval time, KXValue value) {
+    mSamples.emplace_back(time, std::move(value));
   }
   /// Adds one sample for each column: what it holds at `place`. Adds all or, if memory for them
   /// is missing, none.

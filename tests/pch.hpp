@@ -1,4 +1,4 @@
-// Compiled once for all tests (KX_PCH). The clang preset does without it, so that each file still
+// Compiled once for all tests (KX_PCH). The asan preset does without it, so that each file still
 // has to include what it uses.
 #pragma once
 

@@ -37,6 +37,7 @@ KXHostReport KXHostSurvey::xReadGroup(Entry& entry, KXHostTime now) {
   KXHostReport report;
   try {
     entry.group->read(now, report);
+    entry.wasEverRead = true;
     if (std::exchange(entry.isFailing, false)) {
       ka::log::LogStream(ka::log::Info, "KXHostSensors", "", xFunctionName(entry), 0)
           << "group '" << entry.group->name() << "' is read again";
@@ -45,7 +46,8 @@ KXHostReport KXHostSurvey::xReadGroup(Entry& entry, KXHostTime now) {
     // Swallowed: the other groups are good, and this one is tried again.
     report = KXHostReport();
     if (!std::exchange(entry.isFailing, true)) {
-      ka::log::LogStream(ka::log::Warning, "KXHostSensors", "", xFunctionName(entry), 0)
+      ka::log::Level const level = entry.wasEverRead ? ka::log::Warning : ka::log::Info;
+      ka::log::LogStream(level, "KXHostSensors", "", xFunctionName(entry), 0)
           << "group '" << entry.group->name() << "' left out: " << error.what();
     }
   }

@@ -11,7 +11,8 @@
 namespace KX {
 
 /// Owns the groups and reads those that are due, each apart from the others: a group that fails is
-/// left out, with one log line when it begins to fail and one when it is back.
+/// left out, with one log line when it begins to fail and one when it is back. The line is a warning
+/// only for a group that could be read before: other machines simply lack it.
 /// Threads: one at a time.
 class KXHostSurvey {
  public:
@@ -33,6 +34,7 @@ class KXHostSurvey {
     KXHostTime due;
     std::set<std::string> keys;
     bool isFailing = false;
+    bool wasEverRead = false;
   };
 
   static std::string xFunctionName(Entry const& entry);

@@ -1,6 +1,7 @@
 // What a client can rely on whichever way its call takes.
 #include <binding/kxproxycall.hpp>
 
+#include <ostream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -21,6 +22,10 @@ namespace {
 using Texts = std::vector<std::string>;
 
 enum class Way { Local, Script, Remote };
+void PrintTo(Way way, std::ostream* out) {
+  constexpr char const* kNames[] = {"Local", "Script", "Remote"};
+  *out << kNames[static_cast<int>(way)];
+}
 
 class ProxyContract : public ::testing::TestWithParam<Way> {
  protected:
@@ -47,16 +52,7 @@ class ProxyContract : public ::testing::TestWithParam<Way> {
 
 INSTANTIATE_TEST_SUITE_P(Over, ProxyContract,
                          ::testing::Values(Way::Local, Way::Script, Way::Remote),
-                         [](auto const& way) -> std::string {
-                           switch (way.param) {
-                             case Way::Local:
-                               return "Local";
-                             case Way::Script:
-                               return "Script";
-                             default:
-                               return "Remote";
-                           }
-                         });
+                         ::testing::PrintToStringParamName());
 
 TEST_P(ProxyContract, TellsWhichWayItTakes) {
   bool const isLocal = GetParam() != Way::Remote;

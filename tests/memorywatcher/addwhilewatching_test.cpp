@@ -80,6 +80,17 @@ TEST_F(AddWhileWatching, GivesAnUnknownKeyAnInvalidFirstSample) {
   EXPECT_LE(timesOf(samples)[0], nowMicros());
 }
 
+// The store may know of a name that has no value yet.
+TEST_F(AddWhileWatching, AsksNoValueOfAKeyWhoseTypeIsUnknownData) {
+  mMemory->set("reserved", "Unknown data", KXValue());
+
+  add("reserved");
+
+  EXPECT_EQ(calls(), (Calls{{"getType", {"reserved"}}}));
+  EXPECT_THAT(mLog.lines(), IsEmpty());
+  EXPECT_THAT(valuesOf(dataItems().at("reserved").toKXValue()), ElementsAre(KXValue()));
+}
+
 TEST_F(AddWhileWatching, QueriesAKeyThatIsThereAndChangesNothing) {
   for (std::string const name : {"data", "event", "micro"}) {
     SCOPED_TRACE(name);

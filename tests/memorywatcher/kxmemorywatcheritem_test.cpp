@@ -248,6 +248,57 @@ TEST(Item, KeepsItsMemoryAfterClear) {
   EXPECT_EQ(Allocations::count(), count);
 }
 
+TEST(Item, KeepsItsMemoryAfterAFetch) {
+  KXMemoryWatcherItem item;
+  for (int i = 0; i < 100; ++i) item.addData({i, 0}, KXValue(i));
+  item.markHandedOut();
+  item.clearHandedOut();
+  std::int64_t const count = Allocations::count();
+
+  for (int i = 0; i < 100; ++i) item.addData({i, 0}, KXValue(i));
+
+  EXPECT_EQ(Allocations::count(), count);
+}
+
+TEST(ItemColumns, GiveOneSampleEachInOrder) {
+  KXMemoryWatcherItem item = itemWithTwoSamples();
+  std::vector<KXValue> const early{1, "a"};
+  std::vector<KXValue> const late{2, "b"};
+  std::vector<KXBatchColumn> const columns{{{200, 1}, early.data()}, {{200, 2}, late.data()}};
+
+  item.addColumns(columns, 1);
+
+  KXValue const samples = item.toKXValue();
+  ASSERT_EQ(samples.getSize(), 4);
+  EXPECT_EQ(samples[2], KXValue::arrayOf(pairOf(200, 1), KXValue("a")));
+  EXPECT_EQ(samples[3], KXValue::arrayOf(pairOf(200, 2), KXValue("b")));
+}
+
+TEST(ItemColumns, AddNothingIfMemoryIsMissing) {
+  KXMemoryWatcherItem item = itemWithTwoSamples();
+  std::vector<KXValue> const values(1);
+  std::vector<KXBatchColumn> const columns(100, {{200, 1}, values.data()});
+
+  Allocations::failAfter(0);
+  EXPECT_THROW(item.addColumns(columns, 0), std::bad_alloc);
+
+  EXPECT_EQ(item.toKXValue().getSize(), 2);
+  item.addColumns(columns, 0);
+  EXPECT_EQ(item.toKXValue().getSize(), 102);
+}
+
+// Filing portion after portion must not copy the buffer each time.
+TEST(ItemColumns, GrowTheBufferByDoubling) {
+  KXMemoryWatcherItem item;
+  std::vector<KXValue> const values(1);
+  std::vector<KXBatchColumn> const columns(16, {{200, 1}, values.data()});
+  std::int64_t const count = Allocations::count();
+
+  for (int i = 0; i < 1024; ++i) item.addColumns(columns, 0);
+
+  EXPECT_LE(Allocations::count() - count, 11);
+}
+
 TEST_F(ItemFile, CopyConstructionCopiesAllFourFields) {
   KXMemoryWatcherItem item = itemWithTwoSamples(path());
   KXMemoryWatcherItem const copy(item);

@@ -102,27 +102,50 @@ TEST_F(Lifecycle, DestructionStopsBeforeItRemovesListeners) {
             (FakeMemory::Call{"unsubscribeToMicroEvent", {"micro", "KXMemoryWatcher"}}));
 }
 
-// The data buffer is cleared before the event buffer, and both before the listeners go.
-TEST_F(Lifecycle, DestructionClearsTheBuffersInOrder) {
+// The loop ends first, then the data buffer is cleared, then the event buffer, then the keys go.
+TEST_F(Lifecycle, DestructionStopsBeforeItClears) {
+  mMemory->set("data", "Data", 1);
+  call("addListener", std::string("data"));
+  call("startWatching", 10);
+  ASSERT_TRUE(mMemory->waitForCalls("getListData", 2));
+  mMemory->block("getListData");
+  ASSERT_TRUE(mMemory->waitUntilParked());
+  KXMemoryWatcher& watcher = *mWatcher;
+  Caller destruction([this] { destroyWatcher(); });
+  ASSERT_TRUE(destruction.isParked());
+
+  EXPECT_GT(ForTest::dataItems(watcher).at("data").toKXValue().getSize(), 0);
+
+  mMemory->release("getListData");
+}
+
+TEST_F(Lifecycle, DestructionClearsTheBuffersInOrderBeforeTheKeysGo) {
+  mMemory->set("data", "Data", 1);
   mMemory->set("event", "Event", 2);
-  call("addListener", std::string("event"));
+  watch();
+  call("addListeners", Names{"data", "event"});  // a first sample each
+  watch(false);
+  KXMemoryWatcher& watcher = *mWatcher;
   boost::shared_ptr<KXMutex> const dataLock = dataMutex();
   boost::shared_ptr<KXMutex> const eventLock = eventMutex();
+  int eventSamples = -1;
+  mMemory->setHook("unsubscribeToEvent", [&](FakeMemory::Call const&, KXValue&) {
+    eventSamples = ForTest::eventItems(watcher).at("event").toKXValue().getSize();
+  });
   dataLock->lock();
   eventLock->lock();
   Caller destruction([this] { destroyWatcher(); });
 
   EXPECT_TRUE(destruction.isParked());  // at the data buffer
-  eventLock->unlock();
-  EXPECT_TRUE(destruction.isParked());  // still there
-  eventLock->lock();
+  EXPECT_EQ(ForTest::dataItems(watcher).at("data").toKXValue().getSize(), 1);
   dataLock->unlock();
-  EXPECT_TRUE(destruction.isParked());  // now at the event buffer
-  EXPECT_TRUE(mMemory->getCalls("unsubscribeToEvent").empty());
+  EXPECT_TRUE(destruction.isParked());  // at the event buffer
+  EXPECT_EQ(ForTest::dataItems(watcher).at("data").toKXValue().getSize(), 0);
+  EXPECT_EQ(ForTest::eventItems(watcher).at("event").toKXValue().getSize(), 1);
   eventLock->unlock();
   destruction.join();
 
-  EXPECT_EQ(mMemory->getCalls("unsubscribeToEvent").size(), 1U);
+  EXPECT_EQ(eventSamples, 0);
 }
 
 TEST_F(CycleLifecycle, DestructionOfAWatchingModuleEndsItsThreadAndItsSlot) {

@@ -194,6 +194,27 @@ TEST_F(Subscriptions, OfAllEventsEndAtTheFirstFailure) {
   EXPECT_EQ(listeners(), (Names{"event", "micro"}));
 }
 
+TEST_F(Subscriptions, OfAllEventsAreMadeAlthoughTheirValuesCannotBeRead) {
+  addQuietly({"event", "micro"});
+  mMemory->setHook("getListData", FakeMemory::throwing("no values"));
+
+  mWatcher->subscribeToEvents();
+
+  EXPECT_THAT(mLog.lines(), ElementsAre(LogLine{3, "memoryWatcher", "", "xUpdateValues", 0,
+                                                "Error caught getting data: no values"}));
+  EXPECT_EQ(mMemory->getCalls("subscribeToEvent"), (Calls{subscribeEvent("event")}));
+  EXPECT_EQ(mMemory->getCalls("subscribeToMicroEvent"), (Calls{subscribeMicro("micro")}));
+}
+
+TEST_F(Subscriptions, OfAllEventsStayFromTheFirstForeignFailureOfTheirEndOn) {
+  addQuietly({"event", "micro"});
+
+  expectPropagation(*mMemory, "unsubscribeToEvent", [&] { mWatcher->unsubscribeFromEvents(); });
+
+  EXPECT_THAT(mMemory->getCalls("unsubscribeToMicroEvent"), IsEmpty());
+  EXPECT_EQ(listeners(), (Names{"event", "micro"}));
+}
+
 TEST_F(Subscriptions, OfAllEventsEndInKeyOrderAndTheKeysStay) {
   watch();
   raise("stray", KXValue(0));

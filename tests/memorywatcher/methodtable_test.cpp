@@ -1,5 +1,6 @@
 // The module's published face: description, the 14 methods, their parameters, types and results.
 
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -129,6 +130,38 @@ TEST_F(MethodTable, GivesEveryRowItsTextsAndTypes) {
     }
     EXPECT_EQ(parameters, kRows[i].parameters);
     EXPECT_NE(methods[i].functor, nullptr);
+  }
+}
+
+template <class Functor>
+bool isBoundBy(KXMethodInfo const& method) {
+  return dynamic_cast<Functor*>(method.functor.get()) != nullptr;
+}
+
+TEST_F(MethodTable, BindsEveryRowByItsFunctor) {
+  using detail::KXFunctor_0;
+  using detail::KXFunctor_1;
+  using detail::KXFunctor_3;
+  using M = KXMemoryWatcher;
+  bool (*const expected[])(KXMethodInfo const&) = {
+      &isBoundBy<KXFunctor_0<M, Names>>,
+      &isBoundBy<KXFunctor_1<M, std::string, void>>,
+      &isBoundBy<KXFunctor_1<M, Names, void>>,
+      &isBoundBy<KXFunctor_0<M, void>>,
+      &isBoundBy<KXFunctor_1<M, std::string, void>>,
+      &isBoundBy<KXFunctor_1<M, Names, void>>,
+      &isBoundBy<KXFunctor_0<M, KXValue>>,
+      &isBoundBy<KXFunctor_0<M, void>>,
+      &isBoundBy<KXFunctor_0<M, bool>>,
+      &isBoundBy<KXFunctor_1<M, int, void>>,
+      &isBoundBy<KXFunctor_0<M, void>>,
+      &isBoundBy<KXFunctor_0<M, void>>,
+      &isBoundBy<KXFunctor_1<M, int, void>>,
+      &isBoundBy<KXFunctor_3<M, std::string, KXValue, KXValue, void>>};
+  auto const& methods = client()->getModuleCore()->getMethods();
+  ASSERT_EQ(methods.size(), std::size(expected));
+  for (std::size_t i = 0; i < methods.size(); ++i) {
+    EXPECT_TRUE(expected[i](methods[i])) << methods[i].name;
   }
 }
 

@@ -1,5 +1,6 @@
 // One update cycle: probe, batch read, filing, promotion, failures.
 
+#include <ostream>
 #include <semaphore>
 #include <stdexcept>
 #include <string>
@@ -254,6 +255,9 @@ struct EventKind {
   char const* nature;
   FakeMemory::Call subscription;
 };
+void PrintTo(EventKind const& kind, std::ostream* out) {
+  *out << kind.nature;
+}
 
 class Promotion : public UpdateCycle, public testing::WithParamInterface<EventKind> {};
 
@@ -364,7 +368,7 @@ INSTANTIATE_TEST_SUITE_P(
         EventKind{"Event", {"subscribeToEvent", {"k", "KXMemoryWatcher", "_onEventNotify"}}},
         EventKind{"MicroEvent",
                   {"subscribeToMicroEvent", {"k", "KXMemoryWatcher", "", "_onEventNotify"}}}),
-    [](auto const& kind) { return std::string(kind.param.nature); });
+    testing::PrintToStringParamName());
 
 TEST_F(UpdateCycle, FreshKeyPutInPlaceOfAPromotedOneStays) {
   addUnknown({"k", "z"});

@@ -4,10 +4,12 @@
 #include <chrono>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include <tests/memorywatcher/allocations.hpp>
 #include <tests/memorywatcher/watcherfixture.hpp>
 
 namespace KX {
@@ -333,6 +335,46 @@ TYPED_TEST(WatchControl, MainThreadCalledByAClientLeavesWhenTheWatchStops) {
   EXPECT_TRUE(client.isDone());
 }
 
+TYPED_TEST(WatchControl, StartWhileStartingChangesNothing) {
+  bool hasStartedAgain = false;
+  ka::log::addHandler("starter", [&](ka::log::Record const& record) {
+    if (record.function != "setPeriodMs" || std::exchange(hasStartedAgain, true)) return;
+    this->mWatcher->startWatching(35);
+  });
+
+  this->call("startWatching", 25);
+  ka::log::removeHandler("starter");
+
+  EXPECT_TRUE(hasStartedAgain);
+  EXPECT_EQ(KXMemoryWatcherForTest::periodMs(*this->mWatcher), 20);
+  EXPECT_EQ(this->mLog.lines(), (std::vector<LogLine>{corrected(20)}));
+}
+
+// Between the two flags the module is watching for its clients only.
+TYPED_TEST(WatchControl, WhileOnlyStartingNothingIsCapturedOrSubscribed) {
+  this->mMemory->set("data", "Data", 1);
+  this->mMemory->set("event", "Event", 2);
+  bool wasStarting = false;
+  ka::log::addHandler("meanwhile", [&](ka::log::Record const& record) {
+    if (record.function != "setPeriodMs") return;
+    wasStarting = KXMemoryWatcherForTest::isStarting(*this->mWatcher);
+    this->mWatcher->onEventNotify("raised", KXValue(3), KXValue(""));
+    this->mWatcher->addListeners({"data", "event"});
+  });
+  this->mMemory->block("getListData");
+
+  this->call("startWatching", 25);
+  ka::log::removeHandler("meanwhile");
+
+  EXPECT_TRUE(wasStarting);
+  EXPECT_EQ(this->listeners(), (std::vector<std::string>{"data", "event"}));
+  EXPECT_EQ(this->dataItems().at("data").toKXValue().getSize(), 0);
+  EXPECT_EQ(this->eventItems().at("event").toKXValue().getSize(), 0);
+  EXPECT_TRUE(this->mMemory->getCalls("getData").empty());
+  EXPECT_TRUE(this->mMemory->getCalls("subscribeToEvent").empty());
+  this->mMemory->release("getListData");
+}
+
 // The log is written while the start is in progress: it is watching already, and cannot be stopped.
 TYPED_TEST(WatchControl, StopWhileOnlyStartingDoesNothing) {
   bool wasStarting = false;
@@ -377,6 +419,51 @@ TEST_F(TimedControl, FirstDeadlineIsOnePeriodAfterTheStart) {
   EXPECT_GE(ForTest::nextWakeTime(*mWatcher), before + milliseconds(50000));
   EXPECT_LE(ForTest::nextWakeTime(*mWatcher), after + milliseconds(50000));
   mMemory->release("getListData");
+}
+
+TEST_F(TimedControl, FirstDeadlineGoesByTheCorrectedPeriod) {
+  mMemory->block("getListData");
+  ptime const before = nowUtc();
+
+  call("startWatching", -100'000);
+
+  EXPECT_GE(ForTest::nextWakeTime(*mWatcher), before + milliseconds(10));
+  mMemory->release("getListData");
+}
+
+// It cannot wait for itself. That is no failure: the loop leaves at its next look.
+TEST_F(TimedControl, StopFromWithinTheLoopThrowsNothing) {
+  std::atomic<bool> hasThrown{false};
+  std::atomic<bool> hasStopped{false};
+  mMemory->setHook("getListData", [&](FakeMemory::Call const&, KXValue&) {
+    try {
+      mWatcher->stopWatching();
+    } catch (...) {
+      hasThrown = true;
+    }
+    hasStopped = true;
+  });
+  call("startWatching", 10);
+  auto const end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (!hasStopped && std::chrono::steady_clock::now() < end) std::this_thread::yield();
+
+  EXPECT_TRUE(hasStopped);
+  EXPECT_FALSE(hasThrown);
+  EXPECT_EQ(ForTest::mainThreadTaskId(*mWatcher), 0);
+  destroyWatcher();
+}
+
+TEST_F(TimedControl, ClientsOwnLoopWaitsForTheEndOfTheRunningOne) {
+  call("startWatching", 3'600'000);
+  ASSERT_TRUE(mMemory->waitForCalls("getListData", 1));
+
+  Caller other([this] { call("_mainThread"); });
+  EXPECT_TRUE(other.isParked());
+  EXPECT_EQ(mMemory->getCalls("getListData").size(), 1U);
+
+  call("stopWatching");
+  other.join();
+  EXPECT_EQ(mMemory->getCalls("getListData").size(), 1U);
 }
 
 TEST_F(TimedControl, DeadlinesAdvanceByExactlyOnePeriod) {
@@ -467,6 +554,27 @@ TEST_F(CycleControl, GateOpensOnEveryFifthCycleAtFiftyMs) {
   cycleAndExpectReads(4, 2);
   cycleAndExpectReads(1, 3);
   cycleAndExpectReads(5, 4);
+}
+
+TEST_F(CycleControl, CountRunsFromOneToTheCyclesOfAPeriod) {
+  call("startWatching", 50);
+
+  for (int cycle = 1; cycle <= 20; ++cycle) {
+    EXPECT_EQ(ForTest::cycleCount(*mWatcher), (cycle - 1) % 5 + 1) << cycle;
+    mVsm->cycle();
+  }
+}
+
+// It runs on the hardware cycle's own thread.
+TEST_F(CycleControl, CallbackAllocatesAndLogsNothing) {
+  call("startWatching", 20);
+  ASSERT_TRUE(mMemory->waitForCalls("getListData", 1));
+  std::int64_t const count = Allocations::count();
+
+  for (int cycle = 0; cycle < 100; ++cycle) ForTest::onVsmUpdate(*mWatcher);
+
+  EXPECT_EQ(Allocations::count(), count);
+  EXPECT_TRUE(mLog.lines().empty());
 }
 
 TEST_F(CycleControl, GateOpensOnEveryCycleAtTenMs) {
