@@ -540,6 +540,10 @@ TEST_F(StressFetch, TwoAtOnceNeverGiveASampleTwiceAndLoseNone) {
       }
     });
   }
+  // A client that files what waits, also between another's copying and clearing.
+  threads.emplace_back([&] {
+    while (!isOver) mWatcher->listeners();
+  });
   int cycles = 0;
   for (int i = 0; i < kCycles; ++i) {
     // A cycle that meets a fetch is lost for all its keys; the store's record tells which ran.

@@ -147,6 +147,32 @@ TEST_F(UpdateCycle, ValuesGoToTheKeysTheyWereReadForWhateverClientsDidMeanwhile)
   EXPECT_EQ(dataItems().count("b"), 0U);
 }
 
+// The cycle keeps a list of the keys from one time to the next.
+TEST_F(UpdateCycle, AsksForTheKeysAsTheyAreNow) {
+  for (std::string const name : {"a", "b", "c"}) {
+    mMemory->set(name, "Data", KXValue(name));
+    add(name);
+  }
+  auto const asked = [this] {
+    mMemory->clearCalls();
+    update();
+    std::vector<std::string> names;
+    mMemory->getCalls("getListData").at(0).arguments.at(0).ToStringArray(names, false);
+    return names;
+  };
+  EXPECT_EQ(asked(), (Names{"a", "b", "c"}));
+
+  remove("b");
+  EXPECT_EQ(asked(), (Names{"a", "c"}));
+  add("b");
+  EXPECT_EQ(asked(), (Names{"a", "b", "c"}));
+  call("removeAllListeners");
+  EXPECT_EQ(asked(), Names{});
+  add("c");
+  EXPECT_EQ(asked(), Names{"c"});
+  EXPECT_EQ(dataValues("c"), (std::vector<KXValue>{"c"}));
+}
+
 // Filing touches the memory of every key, so the cycle leaves it until sixteen batches wait.
 TEST_F(UpdateCycle, FilesWhatWaitsAtTheEndOfTheSixteenthCycle) {
   mMemory->set("a", "Data", 1);

@@ -685,6 +685,28 @@ TEST_F(CycleControl, FailedStartStaysStartedUntilStopped) {
 
 // ---- start and stop from two threads
 
+// Both have seen the module idle before either could start.
+TYPED_TEST(WatchControl, OfTwoStartsThatWaitForAStopOneStarts) {
+  this->call("startWatching", 10);
+  this->mMemory->block("getListData");
+  this->passPeriods(1);
+  ASSERT_TRUE(this->mMemory->waitUntilParked());
+  Caller stop([this] { this->call("stopWatching"); });
+  ASSERT_TRUE(stop.isParked());
+  Caller one([this] { this->call("startWatching", 3'600'005); });
+  Caller other([this] { this->call("startWatching", 3'600'005); });
+  ASSERT_TRUE(one.isParked());
+  ASSERT_TRUE(other.isParked());
+
+  this->mMemory->release("getListData");
+  stop.join();
+  one.join();
+  other.join();
+
+  EXPECT_EQ(this->mLog.lines(), (std::vector<LogLine>{corrected(3'600'000)}));
+  EXPECT_TRUE(this->client()->template call<bool>("isWatching"));
+}
+
 template <class P>
 class StressStartStop : public P {};
 TYPED_TEST_SUITE(StressStartStop, Pacings);
