@@ -11,9 +11,9 @@
 namespace KX {
 
 /// Owns the groups and reads those that are due, each apart from the others: a group that fails is
-/// left out, with one log line when it begins to fail and one when it is back. The line is a warning
-/// only for a group that could be read before: other machines simply lack it.
-/// Threads: one at a time.
+/// left out, with one log line when it begins to fail and one when it is back. The line is a
+/// warning only for a group that could be read before: other machines simply lack it. Threads: one
+/// at a time.
 class KXHostSurvey {
  public:
   struct Result {
