@@ -11,6 +11,7 @@ namespace KX::tool {
 struct KXTerminal {
   bool isLive = false;  ///< output can be redrawn in place
   bool hasColor = false;
+  bool isDisturbed = false;  ///< somebody else wrote below what was drawn last
   int columns = 80;
   int rows = 24;
 };

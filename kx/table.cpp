@@ -138,6 +138,8 @@ std::vector<std::string> KXTable::lines(KXTerminal const& terminal) const {
 
 std::string KXTable::draw(KXTerminal const& terminal) {
   std::string text;
+  // What somebody wrote stays; the table goes on below it.
+  if (terminal.isDisturbed) mDrawnLines = 0;
   if (mDrawnLines > 0 && terminal.isLive) text = fmt::format("\x1b[{}A\r\x1b[J", mDrawnLines);
   if (mDrawnLines > 0 && !terminal.isLive) text = "\n";
   std::vector<std::string> const drawn = lines(terminal);

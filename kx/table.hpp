@@ -29,7 +29,8 @@ class KXTable {
   /// its columns. Where it is not live, all keys, and long values cut at 100 columns.
   std::vector<std::string> lines(KXTerminal const& terminal) const;
 
-  /// The table as text. A live one begins by going back over the one drawn before it.
+  /// The table as text. A live one begins by going back over the one drawn before it, unless it was
+  /// disturbed.
   std::string draw(KXTerminal const& terminal);
 
  private:

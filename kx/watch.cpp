@@ -1,4 +1,6 @@
 // kx watch: samples keys with the watcher and prints what it took.
+#include <unistd.h>
+
 #include <algorithm>
 #include <chrono>
 #include <memory>
@@ -6,13 +8,13 @@
 #include <kxerror/kxerror.hpp>
 
 #include "kx/commands.hpp"
-#include "kx/failedreads.hpp"
 #include "kx/punctuality.hpp"
 #include "kx/samples.hpp"
 #include "kx/session.hpp"
 #include "kx/summary.hpp"
 #include "kx/text.hpp"
 #include "kx/watchedkeys.hpp"
+#include "kx/watchlog.hpp"
 #include "kx/writers.hpp"
 
 namespace KX::tool {
@@ -40,7 +42,7 @@ class Watch {
         mOutput(output),
         mStop(stop),
         mReader(mKeys),
-        mWriter(makeWriter(options.format, mKeys, [&output] { return output.terminal(); })) {}
+        mWriter(makeWriter(options.format, mKeys, [this] { return xTerminal(); })) {}
 
   void run() {
     mOutput.write(mWriter->begin());
@@ -50,11 +52,17 @@ class Watch {
     std::int64_t const stopUs = mIsOver ? mStartUs + durationUs : wallClockUs();
     xCall("stopWatching");
     xFetch(true);
-    auto const report = mPunctuality->report(stopUs, mFailedReads.count());
+    auto const report = mPunctuality->report(stopUs, mLog.failedReads());
     say(summaryText(report, mPacing, mPeriodMs, mKeys, mCounts));
   }
 
  private:
+  KXTerminal xTerminal() {
+    KXTerminal terminal = mOutput.terminal();
+    terminal.isDisturbed = mLog.takeHasWarned() && isatty(STDERR_FILENO) == 1;
+    return terminal;
+  }
+
   KXValue xCall(std::string const& method, std::vector<KXValue> arguments = {}) const {
     return mSession.call("KXMemoryWatcher", method, std::move(arguments));
   }
@@ -109,7 +117,7 @@ class Watch {
   KXWatchedKeys const mKeys;
   KXOutput& mOutput;
   KXStop const& mStop;
-  KXFailedReads const mFailedReads;
+  KXWatchLog mLog;
   KXSampleReader mReader;
   std::unique_ptr<KXSampleWriter> const mWriter;
   std::unique_ptr<KXPunctuality> mPunctuality;

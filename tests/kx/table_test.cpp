@@ -124,6 +124,17 @@ TEST(Table, GoesBackOverTheOneBefore) {
   EXPECT_THAT(second, StartsWith("\x1b[4A\r\x1b[J"));
 }
 
+// A line of the log came between: neither it nor the table may be wiped out in part.
+TEST(Table, BeginsAnewBelowWhatSomebodyElseWrote) {
+  KXTable table = tableOf(2);
+  KXTerminal disturbed = kScreen;
+  disturbed.isDisturbed = true;
+  table.draw(kScreen);
+
+  EXPECT_THAT(table.draw(disturbed), Not(HasSubstr("\x1b[J")));
+  EXPECT_THAT(table.draw(kScreen), StartsWith("\x1b[4A\r\x1b[J"));
+}
+
 TEST(Table, HasColorOnlyWhereItIsWanted) {
   KXTable table = tableOf(2);
   KXTerminal const plain{.isLive = true, .hasColor = false, .columns = 60, .rows = 8};

@@ -132,8 +132,8 @@ TEST_F(Lifecycle, DestructionClearsTheBuffersInOrderBeforeTheKeysGo) {
   mMemory->setHook("unsubscribeToEvent", [&](FakeMemory::Call const&, KXValue&) {
     eventSamples = ForTest::eventItems(watcher).at("event").toKXValue().getSize();
   });
-  dataLock->lock();
   eventLock->lock();
+  dataLock->lock();
   Caller destruction([this] { destroyWatcher(); });
 
   EXPECT_TRUE(destruction.isParked());  // at the data buffer

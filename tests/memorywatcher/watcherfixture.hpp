@@ -132,6 +132,17 @@ inline void PrintTo(LogLine const& line, std::ostream* out) {
        << line.line << " \"" << line.text << '"';
 }
 
+/// What the module logs when it corrects a period.
+inline LogLine corrected(int period) {
+  return {
+      3,
+      "KXMemoryWatcher",
+      "",
+      "setPeriodMs",
+      0,
+      "Period have to be multiple of 10 ms, Value will be truncated to " + std::to_string(period)};
+}
+
 /// Keeps what is logged during its lifetime, and keeps stderr quiet.
 class LogCapture {
  public:

@@ -1,4 +1,4 @@
-#include "kx/failedreads.hpp"
+#include "kx/watchlog.hpp"
 
 #include <string_view>
 
@@ -17,13 +17,14 @@ bool isFailedRead(ka::log::Record const& record) {
 
 }  // namespace
 
-KXFailedReads::KXFailedReads() {
+KXWatchLog::KXWatchLog() {
   ka::log::addHandler(kHandler, [this](ka::log::Record const& record) {
-    if (isFailedRead(record)) mCount.fetch_add(1, std::memory_order_relaxed);
+    if (isFailedRead(record)) mFailedReads.fetch_add(1, std::memory_order_relaxed);
+    if (record.level <= ka::log::Warning) mHasWarned.store(true, std::memory_order_relaxed);
   });
 }
 
-KXFailedReads::~KXFailedReads() {
+KXWatchLog::~KXWatchLog() {
   ka::log::removeHandler(kHandler);
 }
 
