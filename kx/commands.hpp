@@ -16,7 +16,7 @@ namespace KX::tool {
 struct KXWatchOptions {
   std::vector<std::string> patterns;  ///< keys or shell patterns; none: what newcomers want to see
   int periodMs = 500;
-  std::optional<std::chrono::milliseconds> duration;  ///< none: until SIGINT or SIGTERM
+  std::optional<std::chrono::milliseconds> duration;  ///< none: until a signal ends it
   KXFormat format = KXFormat::Table;
   bool isCyclePaced = false;
 };

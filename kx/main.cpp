@@ -22,8 +22,8 @@ Exit codes: 0 ok, 1 failed, 2 wrong usage, 3 nothing there, 4 time-out.)";
 
 constexpr char const* kWatchFooter = R"(
 KEY is the name of a key or a shell pattern (* matches / too; quote it). A name that is not there
-yet is watched from the moment it appears. Without KEY: load, memory, rates, uptime and events of
-this machine. Data keys are sampled once per period, events are printed as they are raised.
+yet is watched from the moment it appears, beside at least one key that is there. Without KEY: load,
+memory, rates, uptime and events of this machine. Sensors are read as often as they are sampled. Data keys are sampled once per period, events are printed as they are raised.
 
 Formats:
   table   keys, last values, times taken, samples so far. On a terminal it is redrawn in place,
@@ -34,8 +34,8 @@ Formats:
           missing value. No events. Booleans are 1 and 0; in texts double quotes become single
           ones and control characters blanks.
 
-The watch ends after --for, at SIGINT or SIGTERM, or when nobody reads stdout any more. What was
-taken until then is printed. A summary on stderr tells the periods asked, taken and missed, and how
+The watch ends after --for, at SIGINT, SIGTERM or SIGHUP, or when nobody reads stdout any more. What
+was taken until then is printed. A summary on stderr tells the periods asked, taken and missed, and how
 late the batches were: against the moment of the start plus whole periods, with --cycle against
 the earliest batch, because nobody tells when the hardware cycle is due.)";
 
@@ -51,13 +51,17 @@ struct Arguments {
 CLI::App* addWatch(CLI::App& app, Arguments& arguments) {
   CLI::App* const verb = app.add_subcommand("watch", "sample keys and print what was taken");
   verb->add_option("KEY", arguments.watch.patterns, "keys or shell patterns");
-  verb->add_option("--period", arguments.period,
-                   "time between two samples in ms; the watcher makes it a multiple of 10")
-      ->option_text("MS (" + arguments.period + ")");
+  verb->add_option(
+          "--period", arguments.period,
+          "time between two samples in ms; the watcher cuts it to a multiple of 10, at least 10")
+      ->option_text("MS (" + arguments.period + ")")
+      ->take_last();
   verb->add_option("--for", arguments.duration, "how long, as 500ms, 10s, 2m or 1h")
-      ->option_text("DURATION");
+      ->option_text("DURATION")
+      ->take_last();
   verb->add_option("--format", arguments.format, "table, jsonl or csv")
-      ->option_text("FORMAT (" + arguments.format + ")");
+      ->option_text("FORMAT (" + arguments.format + ")")
+      ->take_last();
   verb->add_flag("--cycle", arguments.watch.isCyclePaced,
                  "pace by a 10 ms hardware cycle (VSM) instead of timed waits");
   verb->footer(kWatchFooter);
@@ -139,7 +143,7 @@ int run(int argc, char** argv, KXOutput& output, KXStop const& stop) {
 
   if (watchVerb->parsed()) {
     arguments.watch.periodMs = parsePeriodMs(arguments.period);
-    if (!arguments.duration.empty()) arguments.watch.duration = parseDuration(arguments.duration);
+    if (watchVerb->count("--for") > 0) arguments.watch.duration = parseDuration(arguments.duration);
     arguments.watch.format = parseFormat(arguments.format);
     return watch(arguments.watch, output, stop);
   }
@@ -154,6 +158,8 @@ int runReportingErrors(int argc, char** argv) {
     say("expected an open stdout, got a closed one");
     return kFailed;
   }
+  // Likewise; what nobody wants to read is dropped.
+  if (fcntl(STDERR_FILENO, F_GETFD) < 0) dup2(open("/dev/null", O_WRONLY), STDERR_FILENO);
   try {
     // Before any thread is made, so that signals wait for us and not for one of them.
     KXStop const stop;

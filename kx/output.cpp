@@ -77,7 +77,8 @@ KXTerminal KXOutput::terminal() const {
 }
 
 void say(std::string_view text) {
-  fmt::print(stderr, "kx: {}\n", text);
+  // Dropped where it cannot be written: no message is worth the tool's life.
+  std::fputs(fmt::format("kx: {}\n", text).c_str(), stderr);
 }
 
 }  // namespace KX::tool

@@ -39,7 +39,7 @@ class KXOutput {
   bool mIsClosed = false;
 };
 
-/// Writes `kx: `, the text and a line break to stderr.
+/// Writes `kx: `, the text and a line break to stderr, if that can be written to.
 void say(std::string_view text);
 
 }  // namespace KX::tool

@@ -1,11 +1,11 @@
-// The wish to end: SIGINT and SIGTERM as something that can be asked and waited for.
+// The wish to end: SIGINT, SIGTERM and SIGHUP as something that can be asked and waited for.
 #pragma once
 
 #include <chrono>
 
 namespace KX::tool {
 
-/// Takes SIGINT and SIGTERM for the whole process, and keeps SIGPIPE from ending it.
+/// Takes SIGINT, SIGTERM and SIGHUP for the whole process, and keeps SIGPIPE from ending it.
 /// Ownership: made by main() before any other thread is, since threads inherit what is blocked;
 /// lives as long as the process works. A signal stays pending, so every later question sees it.
 /// Threads: any. std::system_error if the system gives no descriptor.

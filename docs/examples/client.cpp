@@ -23,7 +23,7 @@ void watchForASecond(std::string const& library) {
   store->call<void>("declareEvent", std::string("Arm/Touched"));
 
   watcher->call<void>("startWatching", 100);
-  // Added while watching: only then is an event key subscribed.
+  // Added while watching: only then is an event key subscribed. It begins with its value of now.
   watcher->call<void>("addListener", std::string("Arm/Angle"));
   watcher->call<void>("addListener", std::string("Arm/Touched"));
 
@@ -34,8 +34,10 @@ void watchForASecond(std::string const& library) {
   KX::KXValue const data = watcher->call<KX::KXValue>("getData");
   for (int i = 0; i < data.getSize(); ++i) {
     KX::KXValue const& samples = data[i][1];
-    std::printf("%s: %d samples, the last one %s\n", data[i][0].toString().c_str(),
-                samples.getSize(), samples[samples.getSize() - 1].toString(1).c_str());
+    int const count = samples.getSize();
+    std::string const last = count == 0 ? "none" : samples[count - 1].toString(1);
+    std::printf("%s: %d samples, the last one %s\n", data[i][0].toString().c_str(), count,
+                last.c_str());
   }
   // [calls end]
 }

@@ -36,6 +36,7 @@ TEST(Usage, WrongOnesAreOneLineAndExitCode2) {
        "kx: --period: expected a whole number of milliseconds, got 'abc'"},
       {{"watch", "--for", "10"},
        "kx: --for: expected a duration like 500ms, 10s, 2m or 1h, got '10'"},
+      {{"watch", "--for", ""}, "kx: --for: expected a duration like 500ms, 10s, 2m or 1h, got ''"},
       {{"watch", "--format", "json"},
        "kx: --format: expected table, jsonl or csv, got 'json'; nearest is 'jsonl'"},
       {{"list", "a", "b"}, "kx: unexpected argument 'b'"},
@@ -51,6 +52,14 @@ TEST(Usage, WrongOnesAreOneLineAndExitCode2) {
     EXPECT_EQ("", result.output);
     EXPECT_THAT(messagesOf(result), ElementsAre(c.error));
   }
+}
+
+TEST(Usage, LastOneOfARepeatedOptionCounts) {
+  ToolResult const result = runTool({"watch", "--for", "10s", "--for", "never"});
+
+  EXPECT_EQ(2, result.exitCode);
+  EXPECT_THAT(messagesOf(result), ElementsAre("kx: --for: expected a duration like 500ms, 10s, 2m "
+                                              "or 1h, got 'never'"));
 }
 
 TEST(Usage, HelpGoesToStdout) {
@@ -89,6 +98,18 @@ TEST(Output, ThatCannotBeWrittenFails) {
   EXPECT_EQ(1, result.exitCode);
   EXPECT_THAT(messagesOf(result),
               ElementsAre("kx: cannot write to stdout: No space left on device"));
+}
+
+TEST(Messages, ThatCannotBeWrittenAreDropped) {
+  for (std::string const errors : {"2>/dev/full", "2>&-"}) {
+    SCOPED_TRACE(errors);
+    EXPECT_EQ(2, runShell("\"$kx\" wach " + errors).exitCode);
+    EXPECT_EQ(3, runShell("\"$kx\" list No/Such/Key " + errors).exitCode);
+    ToolResult const watched =
+        runShell("\"$kx\" watch Host/UptimeSeconds --for 50ms --format csv " + errors);
+    EXPECT_EQ(0, watched.exitCode);
+    EXPECT_GE(readCsv(watched.output).size(), 2U);
+  }
 }
 
 TEST(Output, ThatIsClosedFromTheStartFails) {

@@ -218,7 +218,7 @@ TEST(Watch, FetchesOnceMoreAtTheEnd) {
 }
 
 TEST(Watch, EndsCleanlyAtASignal) {
-  for (int const signal : {SIGINT, SIGTERM}) {
+  for (int const signal : {SIGINT, SIGTERM, SIGHUP}) {
     SCOPED_TRACE(signal);
     ChildProcess child(
         {toolPath(), "watch", "Host/UptimeSeconds", "--period", "20", "--format", "jsonl"});
