@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 #include <signal.h>
 
+#include <atomic>
 #include <functional>
 #include <string>
 #include <vector>
@@ -176,6 +177,30 @@ TEST_F(Lifecycle, DestructionWaitsForTheCycleInProgress) {
   destruction.join();
 
   EXPECT_TRUE(destruction.isDone());
+}
+
+// The callback may be just running when the module goes: disconnecting does not wait for it. For
+// the sanitizers, which see a callback that uses a module that is gone.
+class StressLifecycle : public CycleWatcherTest {};
+
+TEST_F(StressLifecycle, NoCallbackOutlivesItsModule) {
+  constexpr int kModules = 500;
+  std::atomic<bool> isOver{false};
+  Caller hardware([&] {
+    while (!isOver) mVsm->cycle();
+  });
+
+  int ended = 0;
+  for (int i = 0; i < kModules; ++i) {
+    // A long period: the callback counts, and opens the gate rarely.
+    call("startWatching", 10'000);
+    destroyWatcher();
+    ended += mVsm->getSlotCount() == 0 ? 1 : 0;
+    mWatcher = KXModule::createModule<KXMemoryWatcher>(mBroker);
+  }
+  isOver = true;
+
+  EXPECT_EQ(ended, kModules);
 }
 
 class FailingStore : public WatcherTest {
