@@ -69,7 +69,7 @@ class KXSampleInbox {
   struct SamplePost;
   struct BatchPost;
 
-  // Filing so many takes about a millisecond with cold caches.
+  // Filing so many takes one or two milliseconds with cold caches.
   static constexpr std::size_t kValuesPerFiling = 32768;
   // What a batch counts for at least, so that no more than 16 wait.
   static constexpr std::size_t kLeastValuesPerBatch = 2048;
