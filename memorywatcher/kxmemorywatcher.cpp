@@ -84,7 +84,6 @@ KXMemoryWatcher::~KXMemoryWatcher() {
   // What stopWatching() may have left: a loop that stopped the watch itself and so could not wait
   // for its own end, and parallel calls of _mainThread that clients made.
   if (mWatchThread.joinable()) step("join", [this] { mWatchThread.join(); });
-  endParallelCalls();
   step("clearBufferData", [this] { clearBufferData(); });
   step("clearBufferEvent", [this] { clearBufferEvent(); });
   step("removeAllListeners", [this] { removeAllListeners(); });
