@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <chrono>
 
-namespace KX::testing {
+namespace KX {
 
 ka::os::timeval SimulatedClock::wallTime() {
   std::lock_guard const lock(mMutex);
@@ -82,4 +82,4 @@ void SimulatedClock::stepWallByMs(std::int64_t ms) {
   mWallOffsetUs += ms * 1000;
 }
 
-}  // namespace KX::testing
+}  // namespace KX

@@ -8,7 +8,7 @@
 
 #include <kxthread/kxclock.hpp>
 
-namespace KX::testing {
+namespace KX {
 
 /// Time for paced threads: it passes only in advanceBy(), from one deadline to the next, and at
 /// each of them the threads that were due do their work before it goes on.
@@ -59,4 +59,4 @@ class SimulatedClock : public KXClock {
   std::int64_t mWallOffsetUs = kStartUs - 1'000'000'000;
 };
 
-}  // namespace KX::testing
+}  // namespace KX
