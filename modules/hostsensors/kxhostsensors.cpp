@@ -4,13 +4,12 @@
 
 #include <algorithm>
 #include <chrono>
-#include <exception>
 #include <utility>
 
 #include <binding/kxfunctor.hpp>
 #include <binding/kxproxycall.hpp>
 #include <binding/kxsignature.hpp>
-#include <ka/log.hpp>
+#include <ka/runlogged.hpp>
 #include <kxcommon/kxbroker.hpp>
 #include <modules/hostsensors/kxhostgroups.hpp>
 
@@ -25,19 +24,11 @@ constexpr int kMaxPeriodMs = 60000;
 // Makes one step of a period; a failure is logged and the steps that follow are made.
 template <class Step>
 bool tryStep(char const* what, std::string const& key, Step const& step) {
-  std::string problem;
-  try {
-    step();
-    return true;
-  } catch (std::exception const& error) {
-    problem = error.what();
-  } catch (...) {
-    // Whatever a store throws, it must not end the thread.
-    problem = "unknown exception";
-  }
-  ka::log::LogStream(ka::log::Warning, "KXHostSensors", "", "publish", 0)
-      << "cannot " << what << " '" << key << "': " << problem;
-  return false;
+  auto const failure = [&] {
+    return std::string("cannot ") + what + " '" + key + "'";
+  };
+  // Whatever a store throws, it must not end the thread.
+  return ka::log::runLogged("KXHostSensors", "publish", failure, step);
 }
 
 KXValue asPairs(KXHostReport const& report) {

@@ -13,6 +13,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <ka/runlogged.hpp>
+
 namespace ka::log {
 namespace {
 
@@ -283,6 +285,26 @@ TEST_F(Log, NumbersInAStreamDoNotFollowTheLocale) {
   std::locale::global(former);
 
   EXPECT_THAT(mTexts, ElementsAre("one:1234567"));
+}
+
+TEST_F(Log, AStepThatFailsIsOneWarningWithItsReason) {
+  std::vector<Record> records;
+  addHandler("one", [&](Record const& record) { records.push_back(record); });
+  auto const failure = [] {
+    return std::string("second failed");
+  };
+
+  EXPECT_TRUE(runLogged("category", "function", "none failed", [] {}));
+  EXPECT_FALSE(runLogged("category", "function", "first failed",
+                         [] { throw std::runtime_error("reason"); }));
+  EXPECT_FALSE(runLogged("category", "function", failure, [] { throw 5; }));
+
+  ASSERT_EQ(2U, records.size());
+  EXPECT_EQ(Warning, records[0].level);
+  EXPECT_EQ("category", records[0].category);
+  EXPECT_EQ("function", records[0].function);
+  EXPECT_EQ("first failed: reason", records[0].text);
+  EXPECT_EQ("second failed: an exception of unknown type", records[1].text);
 }
 
 TEST_F(Log, StderrGetsALineWithTheTimeUpToItsLevel) {

@@ -264,7 +264,7 @@ TEST_F(Task, LogsWhatItThrowsAndHasEnded) {
   auto const logged = mHost.getLogged();
   ASSERT_EQ(logged.size(), 3U);
   int const ids[] = {first, second, third};
-  char const* const texts[] = {"as told", "other", "unknown exception"};
+  char const* const texts[] = {"as told", "other", "an exception of unknown type"};
   for (std::size_t i = 0; i < 3; ++i) {
     EXPECT_EQ(logged[i].level, ka::log::Warning);
     EXPECT_EQ(logged[i].category, "KXBroker");
