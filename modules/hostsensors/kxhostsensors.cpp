@@ -6,9 +6,8 @@
 #include <chrono>
 #include <utility>
 
-#include <binding/kxfunctor.hpp>
 #include <binding/kxproxycall.hpp>
-#include <binding/kxsignature.hpp>
+#include <binding/kxpublish.hpp>
 #include <ka/runlogged.hpp>
 #include <kxcommon/kxbroker.hpp>
 #include <modules/hostsensors/kxhostgroups.hpp>
@@ -48,15 +47,17 @@ KXHostSensors::KXHostSensors(boost::shared_ptr<KXBroker> const& broker,
     : KXModule(broker, "KXHostSensors"), mSurvey(std::move(groups)), mPeriodMs(kDefaultPeriodMs) {
   setModuleDescription("Publishes this machine's sensors into KXMemory, below Host/.");
 
-  functionName("getPeriodMs", getName(), "Tells how often the machine is read.", 0);
-  setReturn("periodMs", "the period in milliseconds");
-  completeAndCheck(&KXHostSensors::getPeriodMs, getCurrentMethodDescription());
-  bindMethod(createFunctor(this, &KXHostSensors::getPeriodMs));
-
-  functionName("setPeriodMs", getName(), "Sets how often the machine is read.", 0);
-  addParam("periodMs", "the period in milliseconds; corrected to 10 to 60000");
-  completeAndCheck(&KXHostSensors::setPeriodMs, getCurrentMethodDescription());
-  bindMethod(createFunctor(this, &KXHostSensors::setPeriodMs));
+  publish(*this,
+          {"getPeriodMs",
+           "Tells how often the machine is read.",
+           {},
+           {"periodMs", "the period in milliseconds"}},
+          &KXHostSensors::getPeriodMs);
+  publish(*this,
+          {"setPeriodMs",
+           "Sets how often the machine is read.",
+           {{"periodMs", "the period in milliseconds; corrected to 10 to 60000"}}},
+          &KXHostSensors::setPeriodMs);
 }
 
 KXHostSensors::~KXHostSensors() {
