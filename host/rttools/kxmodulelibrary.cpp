@@ -29,8 +29,8 @@ std::string lastLibraryError(std::string const& path) {
   return text.starts_with(prefix) ? text.substr(prefix.size()) : text;
 }
 
-/// What a caught exception says; call it from a catch block.
-std::string describeCurrentException() {
+/// What an entry point threw, and of which kind; call it from a catch block.
+std::string describeFailure() {
   try {
     throw;
   } catch (KXError const& error) {
@@ -104,7 +104,7 @@ void KXModuleLibrary::xEnter(boost::shared_ptr<KXBroker> const& broker) const {
     if (result == 0) return;
     found = "it returned " + std::to_string(result);
   } catch (...) {
-    found = describeCurrentException();
+    found = describeFailure();
   }
   xFail(std::string("'") + kCreate + "' to return 0", found);
 }
@@ -116,7 +116,7 @@ void KXModuleLibrary::closeModule() const noexcept {
     if (result == 0) return;
     found = "it returned " + std::to_string(result);
   } catch (...) {
-    found = describeCurrentException();
+    found = describeFailure();
   }
   ka::log::LogStream(ka::log::Error, "KXHost", "", "shutdown", 0)
       << "module library '" << mPath << "': expected '" << kClose << "' to return 0, but " << found;

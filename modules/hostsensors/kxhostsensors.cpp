@@ -4,13 +4,11 @@
 
 #include <algorithm>
 #include <chrono>
-#include <exception>
 #include <utility>
 
-#include <binding/kxfunctor.hpp>
 #include <binding/kxproxycall.hpp>
-#include <binding/kxsignature.hpp>
-#include <ka/log.hpp>
+#include <binding/kxpublish.hpp>
+#include <ka/runlogged.hpp>
 #include <kxcommon/kxbroker.hpp>
 #include <modules/hostsensors/kxhostgroups.hpp>
 
@@ -25,19 +23,11 @@ constexpr int kMaxPeriodMs = 60000;
 // Makes one step of a period; a failure is logged and the steps that follow are made.
 template <class Step>
 bool tryStep(char const* what, std::string const& key, Step const& step) {
-  std::string problem;
-  try {
-    step();
-    return true;
-  } catch (std::exception const& error) {
-    problem = error.what();
-  } catch (...) {
-    // Whatever a store throws, it must not end the thread.
-    problem = "unknown exception";
-  }
-  ka::log::LogStream(ka::log::Warning, "KXHostSensors", "", "publish", 0)
-      << "cannot " << what << " '" << key << "': " << problem;
-  return false;
+  auto const failure = [&] {
+    return std::string("cannot ") + what + " '" + key + "'";
+  };
+  // Whatever a store throws, it must not end the thread.
+  return ka::log::runLogged("KXHostSensors", "publish", failure, step);
 }
 
 KXValue asPairs(KXHostReport const& report) {
@@ -57,15 +47,17 @@ KXHostSensors::KXHostSensors(boost::shared_ptr<KXBroker> const& broker,
     : KXModule(broker, "KXHostSensors"), mSurvey(std::move(groups)), mPeriodMs(kDefaultPeriodMs) {
   setModuleDescription("Publishes this machine's sensors into KXMemory, below Host/.");
 
-  functionName("getPeriodMs", getName(), "Tells how often the machine is read.", 0);
-  setReturn("periodMs", "the period in milliseconds");
-  completeAndCheck(&KXHostSensors::getPeriodMs, getCurrentMethodDescription());
-  bindMethod(createFunctor(this, &KXHostSensors::getPeriodMs));
-
-  functionName("setPeriodMs", getName(), "Sets how often the machine is read.", 0);
-  addParam("periodMs", "the period in milliseconds; corrected to 10 to 60000");
-  completeAndCheck(&KXHostSensors::setPeriodMs, getCurrentMethodDescription());
-  bindMethod(createFunctor(this, &KXHostSensors::setPeriodMs));
+  publish(*this,
+          {"getPeriodMs",
+           "Tells how often the machine is read.",
+           {},
+           {"periodMs", "the period in milliseconds"}},
+          &KXHostSensors::getPeriodMs);
+  publish(*this,
+          {"setPeriodMs",
+           "Sets how often the machine is read.",
+           {{"periodMs", "the period in milliseconds; corrected to 10 to 60000"}}},
+          &KXHostSensors::setPeriodMs);
 }
 
 KXHostSensors::~KXHostSensors() {

@@ -208,7 +208,7 @@ TEST_F(HostSensors, GoOnWhateverTheStoreThrows) {
   } const variants[] = {
       {"KXError", [] { throw KXError("M", "m", "store says no", "", 0); }, "store says no"},
       {"std::exception", [] { throw std::runtime_error("bad day"); }, "bad day"},
-      {"int", [] { throw 5; }, "unknown exception"},
+      {"int", [] { throw 5; }, "an exception of unknown type"},
   };
   publishStore();
   publish(FakeGroup("A",
