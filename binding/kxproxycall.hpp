@@ -18,6 +18,10 @@ namespace detail {
 
 inline constexpr char const* kProxyFile = "kxcommon/kxproxy";
 
+/// The type that an argument is passed as: texts in quotes are strings.
+template <class P>
+using KXArgument = std::conditional_t<std::is_convertible_v<P const&, char const*>, std::string, P>;
+
 /// A result that came as a value, as an R; a call that wants nothing ignores what came.
 template <class R>
 R convertResult(KXValue const& result) {
@@ -52,7 +56,9 @@ void checkParameters(KXMethodInfo const& info, std::string const& moduleName) {
 
 template <class R, class... P>
 R KXProxy::call(std::string const& method, P const&... arguments) {
-  if (isLocal() && !isScript()) return xCallLocal<R, P...>(method, arguments...);
+  if (isLocal() && !isScript()) {
+    return xCallLocal<R, detail::KXArgument<P>...>(method, arguments...);
+  }
 
   KXValue const params = KXValue::arrayOf(KXValue(arguments)...);
   KXValue result;
