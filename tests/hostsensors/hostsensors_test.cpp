@@ -99,7 +99,7 @@ class HostSensors : public ::testing::Test {
 };
 
 FakeGroup one() {
-  return FakeGroup("One", [](KXHostReport& report) { report.add("a", KXValue(1)); });
+  return FakeGroup("One", [](KXMachineReport& report) { report.add("a", KXValue(1)); });
 }
 
 TEST_F(HostSensors, DescribeThemselves) {
@@ -118,10 +118,10 @@ TEST_F(HostSensors, DescribeThemselves) {
 
 TEST_F(HostSensors, DeclareEventsAndPublishOncePerPeriodAlreadyWhenMade) {
   publishStore();
-  using enum KXHostKey::Kind;
+  using enum KXMachineKey::Kind;
 
   publish(FakeGroup("A",
-                    [](KXHostReport& report) {
+                    [](KXMachineReport& report) {
                       report.add("a", KXValue(1));
                       report.add("unknown", KXValue());
                       report.events.push_back({"event", KXValue(true), false});
@@ -131,7 +131,7 @@ TEST_F(HostSensors, DeclareEventsAndPublishOncePerPeriodAlreadyWhenMade) {
                     {{"a", "", Data, "", ""},
                      {"event", "", Event, "", ""},
                      {"moment", "", MicroEvent, "", ""}}),
-          FakeGroup("B", [](KXHostReport& report) { report.add("b", KXValue(2.5)); }));
+          FakeGroup("B", [](KXMachineReport& report) { report.add("b", KXValue(2.5)); }));
 
   auto calls = mStore.calls();
   ASSERT_LE(5u, calls.size());
@@ -145,7 +145,8 @@ TEST_F(HostSensors, DeclareEventsAndPublishOncePerPeriodAlreadyWhenMade) {
 
 TEST_F(HostSensors, DeclareEventsOnlyOnce) {
   publishStore();
-  publish(FakeGroup("A", [](KXHostReport&) {}, 0, {{"e", "", KXHostKey::Kind::Event, "", ""}}));
+  publish(
+      FakeGroup("A", [](KXMachineReport&) {}, 0, {{"e", "", KXMachineKey::Kind::Event, "", ""}}));
   setPeriodMs(10);
 
   ASSERT_TRUE(mStore.waitForCount("insertListData", 5));
@@ -155,7 +156,7 @@ TEST_F(HostSensors, DeclareEventsOnlyOnce) {
 
 TEST_F(HostSensors, RemoveKeysThatVanish) {
   publishStore();
-  publish(FakeGroup("A", [this](KXHostReport& report) {
+  publish(FakeGroup("A", [this](KXMachineReport& report) {
     report.add("stays", KXValue());
     if (mIsThere) report.add("goes", KXValue());
   }));
@@ -173,7 +174,7 @@ TEST_F(HostSensors, RemoveKeysThatVanish) {
 
 TEST_F(HostSensors, RemoveVanishedKeysWhenTheStoreIsBack) {
   publishStore();
-  publish(FakeGroup("A", [this](KXHostReport& report) {
+  publish(FakeGroup("A", [this](KXMachineReport& report) {
     if (mIsThere) report.add("goes", KXValue());
     ++mReadings;
     mReadings.notify_all();
@@ -189,8 +190,8 @@ TEST_F(HostSensors, RemoveVanishedKeysWhenTheStoreIsBack) {
 }
 
 TEST_F(HostSensors, StartWithoutAStoreAndServeItWhenItComes) {
-  publish(FakeGroup("A", [](KXHostReport& report) { report.add("a", KXValue(1)); }, 0,
-                    {{"e", "", KXHostKey::Kind::Event, "", ""}}));
+  publish(FakeGroup("A", [](KXMachineReport& report) { report.add("a", KXValue(1)); }, 0,
+                    {{"e", "", KXMachineKey::Kind::Event, "", ""}}));
   ASSERT_EQ(1u, warnings().size());
   EXPECT_EQ(0u, warnings()[0].find("publish: cannot reach the store 'KXMemory': "));
 
@@ -212,12 +213,12 @@ TEST_F(HostSensors, GoOnWhateverTheStoreThrows) {
   };
   publishStore();
   publish(FakeGroup("A",
-                    [this](KXHostReport& report) {
+                    [this](KXMachineReport& report) {
                       report.add(std::to_string(mReadings++), KXValue());
                       report.events.push_back({"event", KXValue(), false});
                       report.events.push_back({"moment", KXValue(), true});
                     },
-                    0, {{"e", "", KXHostKey::Kind::Event, "", ""}}));
+                    0, {{"e", "", KXMachineKey::Kind::Event, "", ""}}));
   setPeriodMs(10);
 
   for (auto const& variant : variants) {
@@ -246,7 +247,8 @@ TEST_F(HostSensors, GoOnWhateverTheStoreThrows) {
 TEST_F(HostSensors, DeclareAgainUntilTheStoreHasTakenIt) {
   publishStore();
   mStore.failAt("declareEvent", [] { throw std::runtime_error("not yet"); });
-  publish(FakeGroup("A", [](KXHostReport&) {}, 0, {{"e", "", KXHostKey::Kind::Event, "", ""}}));
+  publish(
+      FakeGroup("A", [](KXMachineReport&) {}, 0, {{"e", "", KXMachineKey::Kind::Event, "", ""}}));
   setPeriodMs(10);
   ASSERT_TRUE(mStore.waitForCount("declareEvent", 3));
 
@@ -294,7 +296,7 @@ TEST_F(HostSensors, CorrectAPeriodAndLogIt) {
 TEST_F(HostSensors, FollowANewPeriodAtOnce) {
   publishStore();
   // Set while it reads, so that the module goes on to wait for a minute.
-  publish(FakeGroup("A", [this](KXHostReport&) {
+  publish(FakeGroup("A", [this](KXMachineReport&) {
     if (mReadings++ > 0) setPeriodMs(60000);
   }));
 
@@ -307,7 +309,7 @@ TEST_F(HostSensors, FollowANewPeriodAtOnce) {
 
 TEST_F(HostSensors, ReadNoMoreWhenTheyHaveLeftService) {
   publishStore();
-  auto const module = publish(FakeGroup("A", [this](KXHostReport&) { ++mReadings; }));
+  auto const module = publish(FakeGroup("A", [this](KXMachineReport&) { ++mReadings; }));
   setPeriodMs(10);
   ASSERT_TRUE(mStore.waitForCount("insertListData", 3));
 
