@@ -5,10 +5,12 @@
 #include <chrono>
 #include <condition_variable>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -89,6 +91,16 @@ class HostSensors : public ::testing::Test {
       }
     }
     return texts;
+  }
+
+  void countReading() {
+    ++mReadings;
+    mReadings.notify_all();
+  }
+  /// Waits for so many readings from now on; what the last but one found has been handed on then.
+  void waitForReadings(int count) {
+    int const end = mReadings + count;
+    for (int seen = mReadings; seen < end; seen = mReadings) mReadings.wait(seen);
   }
 
   // What the groups use outlives the host, whose shutdown ends the module's thread.
@@ -176,17 +188,40 @@ TEST_F(HostSensors, RemoveVanishedKeysWhenTheStoreIsBack) {
   publishStore();
   publish(FakeGroup("A", [this](KXMachineReport& report) {
     if (mIsThere) report.add("goes", KXValue());
-    ++mReadings;
-    mReadings.notify_all();
+    countReading();
   }));
   mHost.getBroker()->removeModule("KXMemory");
   mIsThere = false;
   setPeriodMs(10);
-  for (int seen = mReadings; seen < 4; seen = mReadings) mReadings.wait(seen);
+  waitForReadings(3);
 
   publishStore();
 
   EXPECT_TRUE(mStore.waitForCount("removeData", 1));
+}
+
+TEST_F(HostSensors, KeepAKeyThatIsBackBeforeTheStoreCouldRemoveIt) {
+  publishStore();
+  publish(FakeGroup("A", [this](KXMachineReport& report) {
+    if (mIsThere) report.add("returns", KXValue());
+    countReading();
+  }));
+  mHost.getBroker()->removeModule("KXMemory");
+  setPeriodMs(10);
+  mIsThere = false;
+  waitForReadings(3);
+  mIsThere = true;
+  waitForReadings(3);
+  int const periods = mStore.count("insertListData");
+
+  publishStore();
+  ASSERT_TRUE(mStore.waitForCount("insertListData", periods + 3));
+
+  auto const calls = mStore.calls();
+  auto const removed = std::find(calls.begin(), calls.end(), R"(removeData["returns"])");
+  ASSERT_NE(calls.end(), removed);
+  EXPECT_EQ(R"(insertListData[[["returns",null]]])", *std::next(removed));
+  EXPECT_EQ(1, mStore.count("removeData"));
 }
 
 TEST_F(HostSensors, StartWithoutAStoreAndServeItWhenItComes) {
@@ -260,6 +295,18 @@ TEST_F(HostSensors, DeclareAgainUntilTheStoreHasTakenIt) {
   EXPECT_LE(mStore.count("declareEvent"), failed + 1);
 }
 
+TEST_F(HostSensors, DeclareAgainWhatWasRefusedBeforeOtherEventsWereTaken) {
+  using enum KXMachineKey::Kind;
+  publishStore();
+  mStore.failAt("declareEvent", [] { throw std::runtime_error("not yet"); });
+
+  publish(FakeGroup("A", [](KXMachineReport&) {}, 0,
+                    {{"refused", "", Event, "", ""}, {"taken", "", MicroEvent, "", ""}}));
+  setPeriodMs(10);
+
+  EXPECT_TRUE(mStore.waitForCount("declareEvent", 3));
+}
+
 TEST_F(HostSensors, ReadEvery100MsUnlessTold) {
   publishStore();
   publish(one());
@@ -305,6 +352,28 @@ TEST_F(HostSensors, FollowANewPeriodAtOnce) {
     ASSERT_TRUE(mStore.waitForCount("insertListData", count));
     setPeriodMs(10);
   }
+}
+
+class TimingHostSensors : public HostSensors {};
+
+TEST_F(TimingHostSensors, LeaveOutThePeriodsThatALongReadingMissed) {
+  using Clock = std::chrono::steady_clock;
+  Clock::time_point end;
+  Clock::duration pause{};
+  publishStore();
+  publish(FakeGroup("A", [&](KXMachineReport&) {
+    int const reading = ++mReadings;
+    if (reading == 4) pause = Clock::now() - end;
+    if (reading != 3) return;
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    end = Clock::now();
+  }));
+  setPeriodMs(10);
+
+  EXPECT_TRUE(mStore.waitForCount("insertListData", 5));
+  mHost.getBroker()->removeModule("KXHostSensors");
+
+  EXPECT_GE(pause, std::chrono::milliseconds(10));
 }
 
 TEST_F(HostSensors, ReadNoMoreWhenTheyHaveLeftService) {
