@@ -148,6 +148,20 @@ TEST(DiskGroup, IsBusyFor100PercentAtMost) {
   EXPECT_EQ(KXValue(100.0), find(readGroup(*group, 100), "Host/Disk/vda/BusyPercent"));
 }
 
+TEST(DiskGroup, HasNoRateAtFirstWhenADiskIsBack) {
+  FakeRoot const root;
+  root.makeFolder("sys/block/sda");
+  root.write("proc/diskstats", diskLine("sda", 10, 0, 0, 0, 0, 0));
+  auto const group = makeDiskGroup(root.path());
+  readGroup(*group, 0);
+  root.write("proc/diskstats", "");
+  readGroup(*group, 100);
+
+  root.write("proc/diskstats", diskLine("sda", 900, 0, 0, 0, 0, 0));
+
+  EXPECT_EQ(KXValue(), find(readGroup(*group, 200), "Host/Disk/sda/ReadsPerSecond"));
+}
+
 TEST(DiskGroup, LeavesOutPartitionsAndDisksNeverUsed) {
   FakeRoot const root;
   for (char const* const disk : {"vda", "loop0", "cciss!c0d0"}) {
@@ -213,6 +227,19 @@ TEST(NetworkGroup, PublishesCountersAndRates) {
   EXPECT_EQ(KXValue(200.0), find(second, "Host/Network/eth0/ReceivedPacketsPerSecond"));
   EXPECT_EQ(KXValue(250.0), find(second, "Host/Network/eth0/SentBytesPerSecond"));
   EXPECT_EQ(KXValue(10.0), find(second, "Host/Network/eth0/SentPackets"));
+}
+
+TEST(NetworkGroup, HasNoRateAtFirstWhenAnInterfaceIsBack) {
+  FakeRoot const root;
+  root.write("proc/net/dev", kNetTitle + netLine("eth0", 1000, 50));
+  auto const group = makeNetworkGroup(root.path());
+  readGroup(*group, 0);
+  root.write("proc/net/dev", kNetTitle);
+  readGroup(*group, 100);
+
+  root.write("proc/net/dev", kNetTitle + netLine("eth0", 9000, 50));
+
+  EXPECT_EQ(KXValue(), find(readGroup(*group, 200), "Host/Network/eth0/ReceivedBytesPerSecond"));
 }
 
 /// A machine whose network the test plugs and unplugs.

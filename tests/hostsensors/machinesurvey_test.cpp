@@ -1,3 +1,4 @@
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -130,6 +131,14 @@ TEST(Survey, TakesAGroupInAgainWhenItCanBeRead) {
             loggedTexts(host, ka::log::Warning));
   EXPECT_EQ(std::vector<std::string>{"readA: group 'A' is read again"},
             loggedTexts(host, ka::log::Info));
+}
+
+TEST(MachineGroups, WithSlowSourcesAreReadOnceASecond) {
+  for (auto const& group : makeMachineGroups("")) {
+    std::string const name = group->name();
+    bool const isSlow = name == "Frequency" || name == "Temperature";
+    EXPECT_EQ(std::chrono::milliseconds(isSlow ? 1000 : 0), group->interval()) << name;
+  }
 }
 
 TEST(Survey, GoesOnWithWhatIsLeftOnAMachineWithoutProcAndSys) {

@@ -164,14 +164,17 @@ TEST_F(Temperature, LeavesOutAPlaceThatCannotBeRead) {
 TEST_F(Temperature, ComesFromThermalZonesToo) {
   mRoot.write("sys/class/thermal/thermal_zone0/type", "acpitz\n");
   mRoot.write("sys/class/thermal/thermal_zone0/temp", "27800\n");
+  mRoot.write("sys/class/thermal/thermal_zone2/type", "x86 pkg/temp\n");
+  mRoot.write("sys/class/thermal/thermal_zone2/temp", "-500\n");
   mRoot.write("sys/class/thermal/thermal_zone1/type", "off\n");
   mRoot.write("sys/class/thermal/cooling_device0/type", "Fan\n");
   auto const group = makeTemperatureGroup(mRoot.path());
 
   KXMachineReport const report = readGroup(*group);
 
-  EXPECT_EQ(1u, report.values.size());
+  EXPECT_EQ(2u, report.values.size());
   EXPECT_EQ(KXValue(27.8), find(report, "Host/Temperature/thermal_zone0/acpitz/Celsius"));
+  EXPECT_EQ(KXValue(-0.5), find(report, "Host/Temperature/thermal_zone2/x86_pkg_temp/Celsius"));
 }
 
 TEST_F(Temperature, FailsWhereThereIsNone) {
