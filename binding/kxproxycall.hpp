@@ -17,6 +17,10 @@
 namespace KX {
 namespace detail {
 
+/// The type that an argument is passed as: texts in quotes are strings.
+template <class P>
+using KXArgument = std::conditional_t<std::is_convertible_v<P const&, char const*>, std::string, P>;
+
 /// A result that came as a value, as an R; a call that wants nothing ignores what came.
 template <class R>
 R convertResult(KXValue const& result) {
@@ -51,7 +55,9 @@ void checkParameters(KXMethodInfo const& info, std::string const& moduleName) {
 
 template <class R, class... P>
 R KXProxy::call(std::string const& method, P const&... arguments) {
-  if (isLocal() && !isScript()) return xCallLocal<R, P...>(method, arguments...);
+  if (isLocal() && !isScript()) {
+    return xCallLocal<R, detail::KXArgument<P>...>(method, arguments...);
+  }
 
   KXValue const params = KXValue::arrayOf(KXValue(arguments)...);
   KXValue result;

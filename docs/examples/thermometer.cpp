@@ -3,12 +3,7 @@
 #include <atomic>
 #include <string>
 
-#include <boost/smart_ptr/shared_ptr.hpp>
-
-#include <binding/kxproxycall.hpp>
-#include <binding/kxpublish.hpp>
-#include <kxcommon/kxbroker.hpp>
-#include <kxcommon/kxmodule.hpp>
+#include <binding/kx.hpp>
 
 class Thermometer : public KX::KXModule {
  public:
@@ -23,15 +18,15 @@ class Thermometer : public KX::KXModule {
   }
 
   // Called once the methods are published. A KXError thrown here refuses service.
-  void init() override { store()->call<void>("declareEvent", std::string("Room/TooHot")); }
+  void init() override { store()->call<void>("declareEvent", "Room/TooHot"); }
 
   float getCelsius() { return mCelsius; }
 
   void setCelsius(float const& celsius) {
     mCelsius = celsius;
-    store()->call<void>("insertData", std::string("Room/Celsius"), KX::KXValue(celsius));
+    store()->call<void>("insertData", "Room/Celsius", KX::KXValue(celsius));
     if (celsius > 30) {
-      store()->call<void>("raiseEvent", std::string("Room/TooHot"), KX::KXValue(celsius));
+      store()->call<void>("raiseEvent", "Room/TooHot", KX::KXValue(celsius));
     }
   }
 

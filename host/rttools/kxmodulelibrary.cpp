@@ -49,6 +49,13 @@ std::string absolutePath(std::string const& path) {
   return fs::absolute(path, error).string();
 }
 
+/// Where the library of this code was found.
+fs::path ownFolder() {
+  ::Dl_info info{};
+  if (::dladdr(reinterpret_cast<void const*>(&findLibrary), &info) == 0) return {};
+  return fs::path(absolutePath(info.dli_fname)).lexically_normal().parent_path();
+}
+
 void removeModulesBut(KXBroker& broker, std::vector<std::string> const& kept) {
   auto names = broker.getModuleNames();
   std::reverse(names.begin(), names.end());
@@ -61,12 +68,16 @@ void removeModulesBut(KXBroker& broker, std::vector<std::string> const& kept) {
 std::string findLibrary(std::string const& name) {
   if (name.find('/') != std::string::npos || name.ends_with(".so")) return name;
   std::error_code error;
+  std::string const fileName = "lib" + name + ".so";
   fs::path const programs = fs::read_symlink("/proc/self/exe", error).parent_path();
-  fs::path const file = (programs / "../lib" / ("lib" + name + ".so")).lexically_normal();
-  if (!fs::exists(file, error))
-    throw KXError("KXHost", "findLibrary",
-                  "no module library '" + name + "', looked for '" + file.string() + "'", kFile, 0);
-  return file.string();
+  fs::path const besideProgram = (programs / "../lib" / fileName).lexically_normal();
+  if (fs::exists(besideProgram, error)) return besideProgram.string();
+  fs::path const besideUs = ownFolder() / fileName;
+  if (fs::exists(besideUs, error)) return besideUs.string();
+  std::string places = "'" + besideProgram.string() + "'";
+  if (besideUs != besideProgram) places += " and '" + besideUs.string() + "'";
+  throw KXError("KXHost", "findLibrary", "no module library '" + name + "', looked for " + places,
+                kFile, 0);
 }
 
 KXModuleLibrary::KXModuleLibrary(std::string const& path) : mPath(absolutePath(path)) {

@@ -79,6 +79,13 @@ TEST_F(LocalCall, WithAnotherParameterTypeIsRefusedBeforeItRuns) {
   EXPECT_EQ(mModule->enteredCount, 0);
 }
 
+TEST_F(LocalCall, NamesATextInQuotesAsAString) {
+  expectProxyError({"call/pCall", 93,
+                    "When trying to call module 'Called' function 'takeInt' parameter #1 is of "
+                    "type string instead of type int"},
+                   [this] { mProxy->call<bool>("takeInt", "VSM"); });
+}
+
 TEST_F(LocalCall, NamesTheParameterThatDiffers) {
   expectProxyError({"call/pCall", 93,
                     "When trying to call module 'Called' function 'greet' parameter #2 is of type "
