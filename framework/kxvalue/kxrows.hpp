@@ -1,4 +1,4 @@
-// Builds arrays of rows [first, second], the shape of samples, in two allocations whatever the
+// Builds arrays of rows [first, second], the shape of samples, in one allocation whatever the
 // number of rows. No threads: a builder belongs to who fills it; what it built is a value as any.
 #pragma once
 
@@ -13,24 +13,30 @@
 
 namespace KX {
 
-// The head of a piece; its blocks follow, each a row. How pieces live: see KXValue's private part.
+// What a piece begins with. The array's block follows with room for all its elements, then the
+// rows' blocks. How pieces live: see KXValue's private part.
 struct KXValue::Piece {
-  static constexpr std::size_t kRowBytes = sizeof(ArrayBlock) + kRowSize * sizeof(KXValue);
+  static constexpr std::size_t kRowBytes = sizeof(ArrayBlock) + 2 * sizeof(KXValue);
 
-  Piece(std::size_t room, KXValue lent) noexcept : capacity(room), shared(std::move(lent)) {}
-  ArrayBlock* blockAt(std::size_t place) noexcept {
-    return reinterpret_cast<ArrayBlock*>(reinterpret_cast<char*>(this + 1) + place * kRowBytes);
-  }
-  // The piece in which the block of a value with this head lies.
   static Piece* of(std::uint64_t head, Block* block) noexcept {
-    char* const first = reinterpret_cast<char*>(block) - (head >> kCapacityShift) * kRowBytes;
-    return reinterpret_cast<Piece*>(first) - 1;
+    return reinterpret_cast<Piece*>(reinterpret_cast<char*>(block) - (head >> kPlaceShift));
   }
+  KXValue valueOf(ArrayBlock* block) noexcept {
+    auto const place = reinterpret_cast<char*>(block) - reinterpret_cast<char*>(this);
+    Payload payload{0};
+    payload.asBlock = block;
+    return KXValue(
+        TypeArray | kHoldsShare | kInPiece | static_cast<std::uint64_t>(place) << kPlaceShift,
+        payload);
+  }
+  ArrayBlock* array() noexcept { return reinterpret_cast<ArrayBlock*>(this + 1); }
 
   std::atomic<std::size_t> blocks{0};  // that are not gone yet
-  std::size_t capacity;
-  Piece* next = nullptr;  // of the pieces that a walk still has to free
-  KXValue shared;         // what elements of the rows borrow from
+  std::size_t bytes = 0;               // of the allocation
+  Piece* next = nullptr;               // of those that a walk still has to free
+  std::atomic<bool> isCopied{false};   // some row was, since it was built
+  bool holdsShares = false;            // some row did when it was built
+  KXValue shared;                      // what elements of the rows borrow from
 };
 
 /// Builds an array of rows [first, second] whose blocks lie in one piece of memory.
@@ -50,11 +56,13 @@ class KX_API KXRows {
   KXRows() noexcept = default;
   /// Room for `capacity` rows; all memory that filling needs is allocated here. `shared` is an
   /// array whose elements rows may refer to by place, at no cost for each row; a reference into it
-  /// that was taken before must not be written through any more. KXError for more rows than an
-  /// array can hold.
+  /// that was taken before must not be written through any more. std::bad_alloc also for more rows
+  /// than an array can hold.
   explicit KXRows(std::size_t capacity, KXValue shared = KXValue())
-      : mArray(xNewArray(capacity)), mPiece(xNewPiece(capacity, std::move(shared))) {
-    if (mPiece != nullptr && mPiece->shared.getType() == KXValue::TypeArray) {
+      : mPiece(xNewPiece(capacity, std::move(shared))),
+        mElement(mPiece->array()->elements()),
+        mRow(reinterpret_cast<char*>(mElement + capacity)) {
+    if (mPiece->shared.getType() == KXValue::TypeArray) {
       mShared = mPiece->shared.xArray()->elements();
     }
   }
@@ -65,68 +73,68 @@ class KX_API KXRows {
   }
   ~KXRows() { take(); }
   void swap(KXRows& other) noexcept {
-    mArray.swap(other.mArray);
     std::swap(mPiece, other.mPiece);
+    std::swap(mElement, other.mElement);
+    std::swap(mRow, other.mRow);
     std::swap(mShared, other.mShared);
-    std::swap(mSize, other.mSize);
+    std::swap(mHeads, other.mHeads);
   }
 
   /// Appends the row [first, second]. There is room for it.
   void push(KXValue first, KXValue second) noexcept {
-    KXValue* const row = xNextRow();
-    new (row) KXValue(std::move(first));
-    new (row + 1) KXValue(std::move(second));
+    mHeads |= first.mHead;
+    new (xAddRow(std::move(second))) KXValue(std::move(first));
   }
   /// Appends the row [shared[place], second]. There is room for it, and `shared` has that place.
   void pushShared(std::size_t place, KXValue second) noexcept {
-    KXValue* const row = xNextRow();
     KXValue const& lent = mShared[place];
-    std::uint64_t const isBlock =
+    std::uint64_t const borrowed =
         (lent.mHead & KXValue::kHoldsShare) << 1 | (lent.mHead & KXValue::kBorrowed);
-    new (row) KXValue((lent.mHead & ~KXValue::kHasBlock) | isBlock, lent.mPayload);
-    new (row + 1) KXValue(std::move(second));
+    new (xAddRow(std::move(second)))
+        KXValue((lent.mHead & ~KXValue::kHasBlock) | borrowed, lent.mPayload);
   }
   /// Rows so far.
-  std::size_t getSize() const noexcept { return mSize; }
+  std::size_t getSize() const noexcept {
+    return mPiece == nullptr ? 0 : static_cast<std::size_t>(mElement - mPiece->array()->elements());
+  }
   /// The array of the rows so far; the builder has no room any more.
   KXValue take() noexcept {
-    if (mSize > 0) {
-      mPiece->blocks.store(mSize, std::memory_order_relaxed);
-      mArray.xArray()->size = static_cast<std::uint32_t>(mSize);
-    } else if (mPiece != nullptr) {
-      xDropPiece(mPiece);
-    }
+    if (mPiece == nullptr) return KXValue();
+    std::size_t const size = getSize();
+    KXValue::ArrayBlock* const block = mPiece->array();
+    block->size = static_cast<std::uint32_t>(size);
+    mPiece->blocks.store(size + 1, std::memory_order_relaxed);
+    mPiece->holdsShares = (mHeads & KXValue::kHoldsShare) != 0;
+    KXValue array = mPiece->valueOf(block);
+    array.mHead |= KXValue::kAsBuilt;
     mPiece = nullptr;
-    mShared = nullptr;
-    mSize = 0;
-    return std::move(mArray);
+    mHeads = 0;
+    return array;
   }
 
  private:
   static_assert(KXValue::kBorrowed == KXValue::kHoldsShare << 1);
 
   // Static, so that a builder's address stays unknown and its members can live in registers.
-  static KXValue xNewArray(std::size_t capacity);
   static KXValue::Piece* xNewPiece(std::size_t capacity, KXValue shared);
-  static void xDropPiece(KXValue::Piece* piece) noexcept;
 
-  KXValue* xNextRow() noexcept {
-    auto* const block = new (mPiece->blockAt(mSize)) KXValue::ArrayBlock;
-    block->size = KXValue::kRowSize;
-    KXValue::Payload payload{0};
-    payload.asBlock = block;
-    new (mArray.xArray()->elements() + mSize)
-        KXValue(KXValue::TypeArray | KXValue::kHoldsShare | KXValue::kInPiece |
-                    static_cast<std::uint64_t>(mSize) << KXValue::kCapacityShift,
-                payload);
-    ++mSize;
+  // Appends a row of which the first element is still to be constructed, and gives its place.
+  KXValue* xAddRow(KXValue&& second) noexcept {
+    mHeads |= second.mHead;
+    auto* const block = new (mRow) KXValue::ArrayBlock;
+    block->size = 2;
+    new (block->elements() + 1) KXValue(std::move(second));
+    new (mElement) KXValue(mPiece->valueOf(block));
+    ++mElement;
+    mRow += KXValue::Piece::kRowBytes;
     return block->elements();
   }
 
-  KXValue mArray;  // of size 0 until it is taken
-  KXValue::Piece* mPiece = nullptr;
+  KXValue::Piece* mPiece = nullptr;  // null: no room
+  KXValue* mElement = nullptr;       // where the array's next element comes
+  char* mRow = nullptr;              // and that row's block
   KXValue const* mShared = nullptr;
-  std::size_t mSize = 0;
+  std::uint64_t mHeads = 0;  // of all elements of rows, to know whether any holds a share
 };
 
 }  // namespace KX

@@ -173,30 +173,35 @@ class KX_API KXValue {
   //   8      kHoldsShare: the payload is a block, and one of its shares is this value's
   //   9      kBorrowed: the payload is a block, and this value has no share of it
   //   10     kInPiece: the block lies in a piece
-  //   32-63  of an array: the number of elements for which its block has room. It never changes
-  //          during the block's life, so it stands here and leaves the block eight bytes of head.
-  //          Of an array in a piece, which always has room for two: the block's place there.
+  //   11     kAsBuilt: the block is that of an array from KXRows; nothing was written through it
+  //   12-63  of a block in a piece: its distance in bytes from the piece's start
+  //   32-63  of another array: the number of elements for which its block has room. It never
+  //          changes during the block's life, so it stands here and not in the block.
   //
   // Blocks. A block counts its shares and goes with the last one.
   //
-  // Pieces. The rows that KXRows builds are arrays of two elements whose blocks lie side by side in
-  // one allocation, the piece. Each such block counts its shares and is changed in place, like any
-  // other; only growing moves its elements to a block of their own. The piece counts its blocks
-  // and goes with the last one.
+  // Pieces. An array of rows [first, second] that KXRows builds is one allocation, the piece: in it
+  // lie the array's own block and that of each row. They count their shares and are changed in
+  // place like other blocks; only growing moves an array's elements to a block elsewhere. The piece
+  // counts its blocks that are not gone yet and goes with the last one.
   //
-  // Borrowing. The first elements of those rows may be values of another array, which all rows of a
+  // As built. Where nobody wrote to an array of rows and no row of it was copied, which the piece
+  // remembers, the rows need not be looked at to know that they go with the array.
+  //
+  // Borrowing. The first elements of the rows may be values of another array, which all arrays of a
   // fetch have in common. One count up and down for each would cost more than the row itself, so
   // the piece holds one share of that array, and thereby of all that is in it, and the elements
   // borrow from it. A borrowed value is only ever an element of a row in a piece. A copy of it
-  // takes a share; moving or swapping it takes one first; destroying it drops none. Its array
-  // is never alone, whatever the count says, so it is copied before it is changed.
+  // takes a share; moving or swapping it takes one first; destroying it drops none. Its array is
+  // never alone, whatever the count says, so it is copied before it is changed.
   static constexpr std::uint64_t kTypeMask = 0xff;
   static constexpr std::uint64_t kHoldsShare = 0x100;
   static constexpr std::uint64_t kBorrowed = 0x200;
   static constexpr std::uint64_t kHasBlock = kHoldsShare | kBorrowed;
   static constexpr std::uint64_t kInPiece = 0x400;
+  static constexpr std::uint64_t kAsBuilt = 0x800;
+  static constexpr unsigned kPlaceShift = 12;
   static constexpr unsigned kCapacityShift = 32;
-  static constexpr std::size_t kRowSize = 2;
 
   // A block starts with its counter; an array's size and elements, or a text, follow.
   struct Block {
@@ -231,13 +236,13 @@ class KX_API KXValue {
   ArrayBlock* xArray() const noexcept { return static_cast<ArrayBlock*>(mPayload.asBlock); }
   TextBlock* xText() const noexcept { return static_cast<TextBlock*>(mPayload.asBlock); }
   std::size_t xCapacity() const noexcept {
-    return xIsInPiece() ? kRowSize : mHead >> kCapacityShift;
+    return xIsInPiece() ? xArray()->size : mHead >> kCapacityShift;
   }
   bool xHasIndex(int index) const noexcept {
     return getType() == TypeArray && static_cast<std::uint32_t>(index) < xArray()->size;
   }
   bool xIsAloneArray() const noexcept {
-    return (mHead & (kTypeMask | kBorrowed)) == TypeArray &&
+    return (mHead & (kTypeMask | kBorrowed | kAsBuilt)) == TypeArray &&
            mPayload.asBlock->references.load(std::memory_order_acquire) == 1;
   }
   static ArrayBlock* xNewBlock(std::size_t capacity) {
@@ -250,6 +255,7 @@ class KX_API KXValue {
   void xTakeShare() noexcept {
     mPayload.asBlock->references.fetch_add(1, std::memory_order_relaxed);
     mHead = (mHead & ~kBorrowed) | kHoldsShare;
+    if ((mHead & (kInPiece | kAsBuilt)) == kInPiece) xMarkCopied();
   }
   // The last owner needs no atomic write: nobody else can take a share any more.
   static bool xDropShare(Block* block) noexcept {
@@ -257,6 +263,7 @@ class KX_API KXValue {
            block->references.fetch_sub(1, std::memory_order_acq_rel) == 1;
   }
   // By value, so that a value whose address is not taken elsewhere can live in registers.
+  void xMarkCopied() const noexcept;
   static void xFree(std::uint64_t head, Block* block) noexcept;
   void xOwnArray(std::size_t capacity);
   void xMakeRoom();

@@ -93,6 +93,7 @@ KXValue::KXValue(std::vector<KXValue> elements) : KXValue() {
 // Makes this an array whose block nobody shares, with room for `capacity` elements: its elements
 // are kept, a value that was no array becomes an empty one.
 void KXValue::xOwnArray(std::size_t capacity) {
+  mHead &= ~kAsBuilt;  // only arrays have it, and what follows lets elements be written
   bool const isAlone = xIsAloneArray();
   if (isAlone && capacity <= xCapacity()) return;
 

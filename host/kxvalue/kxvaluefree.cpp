@@ -1,5 +1,7 @@
 // How blocks go: the last share of a value drops a whole tree, of any depth and size, on the thread
 // that happened to hold it. So nothing here recurses and nothing allocates.
+#include <algorithm>
+
 #include <kxvalue/kxrows.hpp>
 #include <kxvalue/kxvalue.hpp>
 
@@ -30,6 +32,7 @@ class KXValue::Freeing {
       return;
     }
     auto* array = static_cast<ArrayBlock*>(root);
+    if (giveBackWhole(rootHead, array)) return;
     ArrayBlock* parent = nullptr;
     std::int32_t next = 0;
     for (;;) {
@@ -63,39 +66,50 @@ class KXValue::Freeing {
       if (!element.xHoldsShare() || !xDropShare(element.mPayload.asBlock)) continue;
       if (element.getType() != TypeArray) {
         delete element.xText();
-      } else if (element.xIsInPiece() && ownsNothing(element.xArray())) {
-        giveBack(element.mHead, element.xArray());
-      } else {
+      } else if (!giveBackWhole(element.mHead, element.xArray())) {
         return element.xArray();
       }
     }
     return nullptr;
   }
 
-  static bool ownsNothing(ArrayBlock* row) noexcept {
-    KXValue const* const elements = row->elements();
-    for (std::uint32_t i = 0; i < row->size; ++i) {
-      if (elements[i].xHoldsShare()) return false;
+  // Gives back an array in a piece if that needs no look at what its elements own: a row with
+  // nothing of its own, or an array as it was built, with all its rows.
+  bool giveBackWhole(std::uint64_t head, ArrayBlock* array) noexcept {
+    if ((head & kInPiece) == 0) return false;
+    std::size_t blocks = 1;
+    if ((head & kAsBuilt) != 0) {
+      Piece* const piece = Piece::of(head, array);
+      if (piece->holdsShares || piece->isCopied.load(std::memory_order_relaxed)) return false;
+      blocks += array->size;
+    } else if (ownsSomething(array)) {
+      return false;
     }
+    giveBack(Piece::of(head, array), blocks);
     return true;
+  }
+
+  static bool ownsSomething(ArrayBlock* array) noexcept {
+    KXValue const* const elements = array->elements();
+    return std::any_of(elements, elements + array->size,
+                       [](KXValue const& each) { return each.xHoldsShare(); });
   }
 
   void freeBlock(std::uint64_t head, ArrayBlock* array) noexcept {
     if ((head & kInPiece) != 0) {
-      giveBack(head, array);
+      giveBack(Piece::of(head, array), 1);
     } else {
       ::operator delete(array);
     }
   }
 
   // The rows of an array mostly lie in one piece, so they are counted and given back at once.
-  void giveBack(std::uint64_t head, ArrayBlock* row) noexcept {
-    Piece* const piece = Piece::of(head, row);
+  void giveBack(Piece* piece, std::size_t blocks) noexcept {
     if (piece != mPiece) {
       giveBack();
       mPiece = piece;
     }
-    ++mGiven;
+    mGiven += blocks;
   }
 
   void giveBack() noexcept {
@@ -117,7 +131,7 @@ class KXValue::Freeing {
     }
   }
 
-  Piece* mPiece = nullptr;  // in which the rows counted last lie
+  Piece* mPiece = nullptr;  // in which the blocks counted last lay
   std::size_t mGiven = 0;   // of them
   Piece* mDead = nullptr;   // pieces without blocks, the last owners of what they shared
 };
