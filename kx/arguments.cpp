@@ -1,11 +1,11 @@
-#include "kx/arguments.hpp"
+#include <kx/arguments.hpp>
 
 #include <array>
 #include <charconv>
 #include <string_view>
 #include <utility>
 
-#include "kx/text.hpp"
+#include <kx/text.hpp>
 
 namespace KX::tool {
 namespace {

@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "kx/arguments.hpp"
-#include "kx/output.hpp"
-#include "kx/stop.hpp"
+#include <kx/arguments.hpp>
+#include <kx/output.hpp>
+#include <kx/stop.hpp>
 
 namespace KX::tool {
 

@@ -6,9 +6,9 @@
 #include <kxcommon/kxmethodinfo.hpp>
 #include <kxcommon/kxmodulecore.hpp>
 
-#include "kx/commands.hpp"
-#include "kx/session.hpp"
-#include "kx/text.hpp"
+#include <kx/commands.hpp>
+#include <kx/session.hpp>
+#include <kx/text.hpp>
 
 namespace KX::tool {
 namespace {
@@ -19,12 +19,10 @@ std::string describedValue(KXParameterInfo const& value) {
 }
 
 std::string describedMethod(KXMethodInfo const& method) {
-  std::string types;
-  for (KXParameterInfo const& parameter : method.parameters) {
-    types += (types.empty() ? "" : ", ") + parameter.type;
-  }
-  std::string text = fmt::format("\n{}({}) -> {}\n    {}\n", method.name, types, method.result.type,
-                                 method.description);
+  std::vector<std::string> types;
+  for (KXParameterInfo const& parameter : method.parameters) types.push_back(parameter.type);
+  std::string text = fmt::format("\n{}({}) -> {}\n    {}\n", method.name, fmt::join(types, ", "),
+                                 method.result.type, method.description);
   for (KXParameterInfo const& parameter : method.parameters) {
     text += "    " + describedValue(parameter) + '\n';
   }
@@ -74,11 +72,10 @@ int describe(KXDescribeOptions const& options, KXOutput& output, KXStop const& s
     return kOk;
   }
   if (std::ranges::find(names, options.module) == names.end()) {
-    std::string loaded;
-    for (std::string const& name : names) loaded += (loaded.empty() ? "'" : ", '") + name + "'";
-    throw KXToolError(kNothingThere, "unknown module '" + forTerminal(options.module) +
-                                         "', loaded: " + loaded +
-                                         nearestHint(options.module, names));
+    throw KXToolError(
+        kNothingThere,
+        fmt::format("unknown module '{}', loaded: '{}'{}", forTerminal(options.module),
+                    fmt::join(names, "', '"), nearestHint(options.module, names)));
   }
   output.write(describedModule(*session.broker().getProxy(options.module, 0)->getModuleCore()));
   return kOk;

@@ -1,9 +1,9 @@
 // kx list: the keys of the store.
 #include <fmt/format.h>
 
-#include "kx/commands.hpp"
-#include "kx/session.hpp"
-#include "kx/text.hpp"
+#include <kx/commands.hpp>
+#include <kx/session.hpp>
+#include <kx/text.hpp>
 
 namespace KX::tool {
 

@@ -6,11 +6,12 @@
 #include <string>
 #include <vector>
 
+#include <fmt/format.h>
 #include <CLI/CLI.hpp>
 
-#include "kx/commands.hpp"
-#include "kx/session.hpp"
-#include "kx/text.hpp"
+#include <kx/commands.hpp>
+#include <kx/session.hpp>
+#include <kx/text.hpp>
 
 namespace KX::tool {
 namespace {
@@ -103,10 +104,8 @@ void refuseRest(CLI::App const& app) {
                        nearestHint(first.substr(0, first.find('=')), known));
   }
   if (known.empty()) throw KXUsageError("unexpected argument " + shown);
-  std::string verbs;
-  for (std::string const& verb : known) verbs += (verbs.empty() ? "" : ", ") + verb;
-  throw KXUsageError("unknown verb " + shown + ", expected one of " + verbs +
-                     nearestHint(first, known));
+  throw KXUsageError(fmt::format("unknown verb {}, expected one of {}{}", shown,
+                                 fmt::join(known, ", "), nearestHint(first, known)));
 }
 
 int run(int argc, char** argv, KXOutput& output, KXStop const& stop) {

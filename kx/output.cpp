@@ -1,4 +1,4 @@
-#include "kx/output.hpp"
+#include <kx/output.hpp>
 
 #include <poll.h>
 #include <sys/ioctl.h>

@@ -3,7 +3,7 @@
 
 #include <string_view>
 
-#include "kx/stop.hpp"
+#include <kx/stop.hpp>
 
 namespace KX::tool {
 

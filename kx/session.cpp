@@ -1,4 +1,4 @@
-#include "kx/session.hpp"
+#include <kx/session.hpp>
 
 #include <chrono>
 #include <utility>

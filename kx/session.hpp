@@ -8,7 +8,7 @@
 #include <host/rttools/kxhost.hpp>
 #include <kxvalue/kxvalue.hpp>
 
-#include "kx/stop.hpp"
+#include <kx/stop.hpp>
 
 namespace KX::tool {
 

@@ -1,4 +1,4 @@
-#include "kx/stop.hpp"
+#include <kx/stop.hpp>
 
 #include <poll.h>
 #include <pthread.h>

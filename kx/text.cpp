@@ -1,4 +1,4 @@
-#include "kx/text.hpp"
+#include <kx/text.hpp>
 
 #include <algorithm>
 #include <array>

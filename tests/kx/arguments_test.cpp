@@ -1,4 +1,4 @@
-#include "kx/arguments.hpp"
+#include <kx/arguments.hpp>
 
 #include <array>
 #include <string>

@@ -1,4 +1,4 @@
-#include "kx/formats.hpp"
+#include <kx/watch/formats.hpp>
 
 #include <cmath>
 #include <limits>

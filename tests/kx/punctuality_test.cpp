@@ -1,4 +1,4 @@
-#include "kx/punctuality.hpp"
+#include <kx/watch/punctuality.hpp>
 
 #include <initializer_list>
 

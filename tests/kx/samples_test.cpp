@@ -1,4 +1,4 @@
-#include "kx/samples.hpp"
+#include <kx/watch/samples.hpp>
 
 #include <string>
 #include <utility>

@@ -1,4 +1,4 @@
-#include "kx/summary.hpp"
+#include <kx/watch/summary.hpp>
 
 #include <gtest/gtest.h>
 

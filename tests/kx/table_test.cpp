@@ -1,4 +1,4 @@
-#include "kx/table.hpp"
+#include <kx/watch/table.hpp>
 
 #include <string>
 #include <vector>
@@ -6,8 +6,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "kx/text.hpp"
-#include "kx/writers.hpp"
+#include <kx/text.hpp>
+#include <kx/watch/writers.hpp>
 
 namespace KX::tool {
 namespace {

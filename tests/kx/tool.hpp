@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "../support/childprocess.hpp"
+#include <tests/support/childprocess.hpp>
 
 namespace KX::testing {
 

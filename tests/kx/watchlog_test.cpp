@@ -1,4 +1,4 @@
-#include "kx/watchlog.hpp"
+#include <kx/watch/watchlog.hpp>
 
 #include <gtest/gtest.h>
 

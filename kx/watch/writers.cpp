@@ -1,10 +1,10 @@
-#include "kx/writers.hpp"
+#include <kx/watch/writers.hpp>
 
 #include <utility>
 #include <vector>
 
-#include "kx/formats.hpp"
-#include "kx/table.hpp"
+#include <kx/watch/formats.hpp>
+#include <kx/watch/table.hpp>
 
 namespace KX::tool {
 namespace {

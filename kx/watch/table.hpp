@@ -9,8 +9,8 @@
 
 #include <kxvalue/kxvalue.hpp>
 
-#include "kx/output.hpp"
-#include "kx/samples.hpp"
+#include <kx/output.hpp>
+#include <kx/watch/samples.hpp>
 
 namespace KX::tool {
 

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "kx/samples.hpp"
-#include "kx/session.hpp"
+#include <kx/session.hpp>
+#include <kx/watch/samples.hpp>
 
 namespace KX::tool {
 

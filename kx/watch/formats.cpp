@@ -1,4 +1,4 @@
-#include "kx/formats.hpp"
+#include <kx/watch/formats.hpp>
 
 #include <array>
 #include <charconv>
@@ -6,7 +6,7 @@
 
 #include <fmt/format.h>
 
-#include "kx/text.hpp"
+#include <kx/text.hpp>
 
 namespace KX::tool {
 namespace {
@@ -65,15 +65,15 @@ std::string jsonLine(KXSample const& sample) {
 }
 
 std::string csvHeader(std::vector<std::string> const& columns) {
-  std::string line = "time";
-  for (std::string const& column : columns) line += ',' + csvText(column);
-  return line + '\n';
+  std::vector<std::string> cells{"time"};
+  for (std::string const& column : columns) cells.push_back(csvText(column));
+  return fmt::format("{}\n", fmt::join(cells, ","));
 }
 
 std::string csvLine(KXBatch const& batch) {
-  std::string line = secondsText(batch.timeUs, 9);
-  for (KXValue const& value : batch.values) line += ',' + csvCell(value);
-  return line + '\n';
+  std::vector<std::string> cells{secondsText(batch.timeUs, 9)};
+  for (KXValue const& value : batch.values) cells.push_back(csvCell(value));
+  return fmt::format("{}\n", fmt::join(cells, ","));
 }
 
 }  // namespace KX::tool

@@ -6,9 +6,9 @@
 #include <memory>
 #include <string>
 
-#include "kx/arguments.hpp"
-#include "kx/output.hpp"
-#include "kx/samples.hpp"
+#include <kx/arguments.hpp>
+#include <kx/output.hpp>
+#include <kx/watch/samples.hpp>
 
 namespace KX::tool {
 

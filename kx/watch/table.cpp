@@ -1,4 +1,4 @@
-#include "kx/table.hpp"
+#include <kx/watch/table.hpp>
 
 #include <algorithm>
 #include <array>
@@ -9,7 +9,7 @@
 
 #include <fmt/format.h>
 
-#include "kx/text.hpp"
+#include <kx/text.hpp>
 
 namespace KX::tool {
 namespace {

@@ -1,4 +1,4 @@
-#include "kx/watchedkeys.hpp"
+#include <kx/watch/watchedkeys.hpp>
 
 #include <algorithm>
 #include <array>
@@ -7,8 +7,8 @@
 #include <string_view>
 #include <utility>
 
-#include "kx/output.hpp"
-#include "kx/text.hpp"
+#include <kx/output.hpp>
+#include <kx/text.hpp>
 
 namespace KX::tool {
 namespace {

@@ -4,8 +4,8 @@
 #include <cstdint>
 #include <string>
 
-#include "kx/punctuality.hpp"
-#include "kx/samples.hpp"
+#include <kx/watch/punctuality.hpp>
+#include <kx/watch/samples.hpp>
 
 namespace KX::tool {
 

@@ -7,15 +7,15 @@
 
 #include <kxerror/kxerror.hpp>
 
-#include "kx/commands.hpp"
-#include "kx/punctuality.hpp"
-#include "kx/samples.hpp"
-#include "kx/session.hpp"
-#include "kx/summary.hpp"
-#include "kx/text.hpp"
-#include "kx/watchedkeys.hpp"
-#include "kx/watchlog.hpp"
-#include "kx/writers.hpp"
+#include <kx/commands.hpp>
+#include <kx/session.hpp>
+#include <kx/text.hpp>
+#include <kx/watch/punctuality.hpp>
+#include <kx/watch/samples.hpp>
+#include <kx/watch/summary.hpp>
+#include <kx/watch/watchedkeys.hpp>
+#include <kx/watch/watchlog.hpp>
+#include <kx/watch/writers.hpp>
 
 namespace KX::tool {
 namespace {

@@ -1,31 +1,34 @@
-#include "kx/summary.hpp"
+#include <kx/watch/summary.hpp>
 
+#include <string>
 #include <utility>
+#include <vector>
 
 #include <fmt/format.h>
 
-#include "kx/text.hpp"
+#include <kx/text.hpp>
 
 namespace KX::tool {
 namespace {
 
-std::string causes(KXPunctualityReport const& report, KXPacing pacing) {
+std::string causesText(KXPunctualityReport const& report, KXPacing pacing) {
   // With timed pacing an overrun is made up for, so only a client that held the buffer leaves a
   // gap. With cycle pacing overdue periods become one, which looks the same from here.
   char const* const skipped =
       pacing == KXPacing::Timed ? "buffer busy" : "buffer busy or cycle overrun";
-  std::string text;
+  std::vector<std::string> causes;
   for (auto const& [count, cause] :
        {std::pair(report.failedReads, "read failed"), std::pair(report.skipped, skipped),
         std::pair(report.overdue, "overdue at the stop")}) {
-    if (count > 0) text += fmt::format("{}{} {}", text.empty() ? " (" : ", ", count, cause);
+    if (count > 0) causes.push_back(fmt::format("{} {}", count, cause));
   }
-  return text.empty() ? text : text + ")";
+  return causes.empty() ? "" : fmt::format(" ({})", fmt::join(causes, ", "));
 }
 
 std::string periods(KXPunctualityReport const& report, KXPacing pacing, int periodMs) {
   return fmt::format("asked {} of {} ms, took {}, missed {}{}", counted(report.asked, "period"),
-                     periodMs, report.taken, report.asked - report.taken, causes(report, pacing));
+                     periodMs, report.taken, report.asked - report.taken,
+                     causesText(report, pacing));
 }
 
 std::string lateness(KXPunctualityReport const& report) {

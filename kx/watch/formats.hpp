@@ -8,7 +8,7 @@
 
 #include <kxvalue/kxvalue.hpp>
 
-#include "kx/samples.hpp"
+#include <kx/watch/samples.hpp>
 
 namespace KX::tool {
 
