@@ -6,11 +6,11 @@
 
 #include <boost/function.hpp>
 
-#include <binding/kxfunctor.hpp>
 #include <binding/kxproxycall.hpp>
-#include <binding/kxsignature.hpp>
+#include <binding/kxpublish.hpp>
 #include <ka/log.hpp>
 #include <ka/os.hpp>
+#include <ka/runlogged.hpp>
 #include <kxcommon/kxmodulescope.hpp>
 #include <kxerror/kxerror.hpp>
 #include <kxthread/kxcriticalsection.hpp>
@@ -46,34 +46,11 @@ ptime utcTime(ka::os::timeval time) {
   return epoch() + boost::posix_time::seconds(time.tv_sec) + microseconds(time.tv_usec);
 }
 
-// Runs a step that nobody is above of to catch what it throws: that would end the whole host.
-template <class Step>
-void runLogged(char const* function, char const* stepName, Step&& step) {
-  try {
-    step();
-  } catch (std::exception const& error) {
-    ka::log::LogStream(ka::log::Warning, kModuleName, "", function, 0)
-        << stepName << " failed: " << messageOf(error);
-  } catch (...) {
-    ka::log::LogStream(ka::log::Warning, kModuleName, "", function, 0)
-        << stepName << " failed with an exception of unknown type";
-  }
-}
-
 // What came out of the loop, being handled. No cycle catches it, so nobody samples any more.
 void warnStandstill(char const* function) {
-  auto const warn = [&](char const* what) {
-    ka::log::LogStream(ka::log::Warning, kModuleName, "", function, 0)
-        << "the watch stands still after an exception: " << what
-        << "; stopWatching and startWatching set it going again";
-  };
-  try {
-    throw;
-  } catch (std::exception const& error) {
-    warn(messageOf(error));
-  } catch (...) {
-    warn("of unknown type");
-  }
+  ka::log::LogStream(ka::log::Warning, kModuleName, "", function, 0)
+      << "the watch stands still: " << describeCurrentException()
+      << "; only stopWatching and then startWatching set it going again";
 }
 
 }  // namespace
@@ -103,7 +80,7 @@ KXMemoryWatcher::KXMemoryWatcher(boost::shared_ptr<KXBroker> broker, KXClock& cl
 KXMemoryWatcher::~KXMemoryWatcher() {
   // Each on its own: one that fails must not keep the next from running.
   auto const step = [](char const* name, auto&& run) {
-    runLogged("~KXMemoryWatcher", name, run);
+    ka::log::runLogged(kModuleName, "~KXMemoryWatcher", std::string(name) + " failed", run);
   };
   step("stopWatching", [this] { stopWatching(); });
   // A loop that stopped the watch itself, and so could not wait for its own end.
@@ -113,92 +90,80 @@ KXMemoryWatcher::~KXMemoryWatcher() {
   step("removeAllListeners", [this] { removeAllListeners(); });
 }
 
+// The texts stand in manuals and in clients, the runs of blanks within them included.
 void KXMemoryWatcher::xPublishMethods() {
-  struct Parameter {
-    char const* name;
-    char const* description;
-  };
-  auto const open = [this](char const* name, std::string const& description,
-                           std::vector<Parameter> const& parameters = {}) {
-    functionName(name, getName(), description, 0);
-    for (Parameter const& parameter : parameters) addParam(parameter.name, parameter.description);
-  };
-  // Members with parameters: completeAndCheck() writes all type strings.
-  auto const bind = [this](auto member) {
-    completeAndCheck(member, getCurrentMethodDescription());
-    bindMethod(createFunctor(this, member));
-  };
-  // Members without parameters: there is but the result's type string to write.
-  auto const bindVoid = [this](void (KXMemoryWatcher::*member)()) {
-    getCurrentMethodDescription().result.type = getParamStrType<void>();
-    bindMethod(createFunctor(this, member));
-  };
-  auto const bindResult = [this]<class R>(R (KXMemoryWatcher::*member)()) {
-    getCurrentMethodDescription().result.type = getParamStrType<R>();
-    bindMethod(boost::shared_ptr<KXFunctorBase>(
-        new detail::KXFunctor_0<KXMemoryWatcher, R>(this, member)));
-  };
-  // The runs of blanks within some texts are part of them.
+  using Self = KXMemoryWatcher;
   auto const blanks = [](std::size_t count) {
     return std::string(count, ' ');
   };
 
-  open("listeners", "get the list of listened KXMemory keys");
-  setReturn("key list", "a list of KXMemory keys");
-  bindResult(&KXMemoryWatcher::listeners);
-
-  open("addListener", "add an KXMemory key to the list of keys to listen to",
-       {{"name", "the complete name of the KXMemory key"}});
-  bind(&KXMemoryWatcher::addListener);
-
-  open("addListeners", "add a list of KXMemory keys to the list of keys to listen",
-       {{"listNames", "the vector of complete names of KXMemory keys"}});
-  bind(&KXMemoryWatcher::addListeners);
-
-  open("removeAllListeners", "remove all keys listened to");
-  bindVoid(&KXMemoryWatcher::removeAllListeners);
-
-  open("removeListener", "remove a key from the list to listen to",
-       {{"name", "the name of the key to stop to listen"}});
-  bind(&KXMemoryWatcher::removeListener);
-
-  open("removeListeners", "remove a list of key from the list to listen",
-       {{"listNames", "the vector of names of key to stop to listen"}});
-  bind(&KXMemoryWatcher::removeListeners);
-
-  open("getData", "return an KXValue containing all buffered data" + blanks(39) +
-                      "since the last call of getData().");
-  setReturn("data", "The complete array of all buffered data");
-  bindResult(&KXMemoryWatcher::getData);
-
-  open("clearBuffer",
-       "remove all buffered data." + blanks(43) + "The list of keys listened to keeps unchanged.");
-  bindVoid(&KXMemoryWatcher::clearBuffer);
-
-  open("isWatching", "tells whether keys are watched and data being gathered.");
-  setReturn("watching", "true if keys are being watched.");
-  bindResult(&KXMemoryWatcher::isWatching);
-
-  open("startWatching", "start listening to selected keys from KXMemory",
-       {{"period", "the time between two listen of KXMemory keys, in milliseconds."}});
-  bind(&KXMemoryWatcher::startWatching);
-
-  open("stopWatching", "stop listening selected keys from KXMemory." + blanks(36) +
-                           "List of listened keys and associated buffers keep unchanged.");
-  bindVoid(&KXMemoryWatcher::stopWatching);
-
-  open("_mainThread", "simple loop calling buffer update every \"period\" milliseconds");
-  bindVoid(&KXMemoryWatcher::xMainThread);
-
-  open("setPeriodMs", "edit \"period\" value between two buffering.",
-       {{"period", "the new period (in ms) to apply."}});
-  bind(&KXMemoryWatcher::setPeriodMs);
-
-  open(kEventMethod, "Be notified when an event we have subscribe to has changed in KXMemory",
-       {{"dataName", "name of the data"},
-        {"dataValue", "value of the data"},
-        {"message", "callback message"}});
-  bind(&KXMemoryWatcher::onEventNotify);
+  publish(*this,
+          {"listeners",
+           "get the list of listened KXMemory keys",
+           {},
+           {"key list", "a list of KXMemory keys"}},
+          &Self::listeners);
+  publish(*this,
+          {"addListener",
+           "add an KXMemory key to the list of keys to listen to",
+           {{"name", "the complete name of the KXMemory key"}}},
+          &Self::addListener);
+  publish(*this,
+          {"addListeners",
+           "add a list of KXMemory keys to the list of keys to listen",
+           {{"listNames", "the vector of complete names of KXMemory keys"}}},
+          &Self::addListeners);
+  publish(*this, {"removeAllListeners", "remove all keys listened to"}, &Self::removeAllListeners);
+  publish(*this,
+          {"removeListener",
+           "remove a key from the list to listen to",
+           {{"name", "the name of the key to stop to listen"}}},
+          &Self::removeListener);
+  publish(*this,
+          {"removeListeners",
+           "remove a list of key from the list to listen",
+           {{"listNames", "the vector of names of key to stop to listen"}}},
+          &Self::removeListeners);
+  publish(*this,
+          {"getData",
+           "return an KXValue containing all buffered data" + blanks(39) +
+               "since the last call of getData().",
+           {},
+           {"data", "The complete array of all buffered data"}},
+          &Self::getData);
+  publish(*this,
+          {"clearBuffer", "remove all buffered data." + blanks(43) +
+                              "The list of keys listened to keeps unchanged."},
+          &Self::clearBuffer);
+  publish(*this,
+          {"isWatching",
+           "tells whether keys are watched and data being gathered.",
+           {},
+           {"watching", "true if keys are being watched."}},
+          &Self::isWatching);
+  publish(*this,
+          {"startWatching",
+           "start listening to selected keys from KXMemory",
+           {{"period", "the time between two listen of KXMemory keys, in milliseconds."}}},
+          &Self::startWatching);
+  publish(*this,
+          {"stopWatching", "stop listening selected keys from KXMemory." + blanks(36) +
+                               "List of listened keys and associated buffers keep unchanged."},
+          &Self::stopWatching);
+  publish(*this, {"_mainThread", "simple loop calling buffer update every \"period\" milliseconds"},
+          &Self::xMainThread);
+  publish(*this,
+          {"setPeriodMs",
+           "edit \"period\" value between two buffering.",
+           {{"period", "the new period (in ms) to apply."}}},
+          &Self::setPeriodMs);
+  publish(*this,
+          {kEventMethod,
+           "Be notified when an event we have subscribe to has changed in KXMemory",
+           {{"dataName", "name of the data"},
+            {"dataValue", "value of the data"},
+            {"message", "callback message"}}},
+          &Self::onEventNotify);
 }
 
 // ---- listener registry

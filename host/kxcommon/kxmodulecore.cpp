@@ -4,7 +4,7 @@
 #include <set>
 #include <utility>
 
-#include <ka/log.hpp>
+#include <ka/runlogged.hpp>
 #include <kxcommon/kxbroker.hpp>
 #include <kxcommon/kxmodulescope.hpp>
 #include <kxerror/kxerror.hpp>
@@ -14,11 +14,6 @@ namespace {
 
 [[noreturn]] void fail(char const* method, std::string const& text) {
   throw KXError("KXModuleCore", method, text, "kxcommon/kxmodulecore", 0);
-}
-
-void logHookFailure(std::string const& module, char const* what) noexcept {
-  ka::log::LogStream(ka::log::Warning, "KXModuleCore", "", "markClosing", 0)
-      << "a closing hook of module '" << module << "' failed: " << what;
 }
 
 bool hasTypes(KXMethodInfo const& info, std::vector<std::string> const& types) {
@@ -139,14 +134,11 @@ void KXModuleCore::onClosing(std::function<void()> hook) {
 void KXModuleCore::markClosing() noexcept {
   if (mIsClosing.exchange(true, std::memory_order_acq_rel)) return;
   for (std::function<void()> const& hook : mClosingHooks) {
-    try {
-      hook();
-    } catch (std::exception const& error) {
-      // One hook that fails must not keep the next sleeper asleep.
-      logHookFailure(mName, messageOf(error));
-    } catch (...) {
-      logHookFailure(mName, "an exception of unknown type");
-    }
+    // One that fails must not keep the next sleeper asleep.
+    auto const failure = [this] {
+      return "a closing hook of module '" + mName + "' failed";
+    };
+    ka::log::runLogged("KXModuleCore", "markClosing", failure, hook);
   }
 }
 

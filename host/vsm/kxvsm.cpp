@@ -1,15 +1,11 @@
 #include <host/vsm/kxvsm.hpp>
 
-#include <exception>
-
 #include <pthread.h>
 #include <sched.h>
 
-#include <binding/kxfunctor.hpp>
-#include <binding/kxsignature.hpp>
-#include <ka/log.hpp>
+#include <binding/kxpublish.hpp>
 #include <ka/os.hpp>
-#include <kxerror/kxerror.hpp>
+#include <ka/runlogged.hpp>
 
 namespace KX {
 
@@ -23,10 +19,6 @@ void askForRealTimePriority() {
   sched_param parameters{};
   parameters.sched_priority = kPriority;
   pthread_setschedparam(pthread_self(), SCHED_FIFO, &parameters);
-}
-
-void logFailure(char const* what) {
-  ka::log::LogStream(ka::log::Warning, "VSM", "", "cycle", 0) << "a cycle slot failed: " << what;
 }
 
 }  // namespace
@@ -64,15 +56,18 @@ KXCycleStep nextCycle(std::int64_t deadlineNs, std::int64_t nowNs) noexcept {
 KXVsm::KXVsm(boost::shared_ptr<KXBroker> const& broker, KXClock& clock)
     : KXModule(broker, "VSM"), mAlarm(std::make_shared<Alarm>(clock)) {
   setModuleDescription("The hardware cycle: a signal every 10 ms.");
-  functionName("getCycleCount", getName(), "Tells how often the cycle has been raised.", 0);
-  setReturn("count", "cycles since the start");
-  completeAndCheck(&KXVsm::getCycleCount, getCurrentMethodDescription());
-  bindMethod(createFunctor(this, &KXVsm::getCycleCount));
-
-  functionName("getMissedCycleCount", getName(), "Tells how many cycles were late and skipped.", 0);
-  setReturn("count", "cycles that were not raised because their time had passed");
-  completeAndCheck(&KXVsm::getMissedCycleCount, getCurrentMethodDescription());
-  bindMethod(createFunctor(this, &KXVsm::getMissedCycleCount));
+  publish(*this,
+          {"getCycleCount",
+           "Tells how often the cycle has been raised.",
+           {},
+           {"count", "cycles since the start"}},
+          &KXVsm::getCycleCount);
+  publish(*this,
+          {"getMissedCycleCount",
+           "Tells how many cycles were late and skipped.",
+           {},
+           {"count", "cycles that were not raised because their time had passed"}},
+          &KXVsm::getMissedCycleCount);
 }
 
 KXVsm::~KXVsm() {
@@ -124,14 +119,8 @@ void KXVsm::xRun(boost::weak_ptr<KXModuleCore> const& module, Alarm& alarm) {
 
 void KXVsm::xCycle() noexcept {
   ++mCycleCount;
-  try {
-    cycleSignal()();
-  } catch (std::exception const& error) {
-    // A slot that fails must not stop the machine's cycle.
-    logFailure(messageOf(error));
-  } catch (...) {
-    logFailure("an exception of unknown type");
-  }
+  // A slot that fails must not stop the machine's cycle.
+  ka::log::runLogged("VSM", "cycle", "a cycle slot failed", [this] { cycleSignal()(); });
 }
 
 int KXVsm::getCycleCount() {
