@@ -1,4 +1,4 @@
-// The update cycle, its filing included, for growing numbers of keys.
+// The update cycle for growing numbers of keys.
 
 #include <benchmark/benchmark.h>
 
@@ -20,7 +20,7 @@ void perKey(benchmark::State& state, int keyCount) {
 void cycleOurs(benchmark::State& state) {
   int const keyCount = static_cast<int>(state.range(0));
   WatcherHost host(keyCount);
-  for (int i = 0; i < kCyclesPerFill; ++i) KXMemoryWatcherForTest::cycle(host.watcher());
+  for (int i = 0; i < kCyclesPerFill; ++i) KXMemoryWatcherForTest::updateData(host.watcher());
   host.watcher().clearBuffer();
   int filled = 0;
   for (auto _ : state) {
@@ -30,7 +30,7 @@ void cycleOurs(benchmark::State& state) {
       filled = 0;
       state.ResumeTiming();
     }
-    KXMemoryWatcherForTest::cycle(host.watcher());
+    KXMemoryWatcherForTest::updateData(host.watcher());
   }
   perKey(state, keyCount);
 }

@@ -11,14 +11,13 @@
 namespace KX::bench {
 namespace {
 
-constexpr int kSamplesPerKey = 1000;
-
+// Arguments: samples in all, samples per key.
 void fetchOurs(benchmark::State& state) {
-  WatcherHost host(static_cast<int>(state.range(0)) / kSamplesPerKey);
+  int const samplesPerKey = static_cast<int>(state.range(1));
+  WatcherHost host(static_cast<int>(state.range(0)) / samplesPerKey);
   for (auto _ : state) {
     state.PauseTiming();
-    for (int i = 0; i < kSamplesPerKey; ++i) KXMemoryWatcherForTest::cycle(host.watcher());
-    host.watcher().listeners();  // files the last batch
+    for (int i = 0; i < samplesPerKey; ++i) KXMemoryWatcherForTest::updateData(host.watcher());
     state.ResumeTiming();
     benchmark::DoNotOptimize(host.watcher().getData());
   }
@@ -84,10 +83,11 @@ FloorValue fetch(FloorBuffers const& floor) {
 }
 
 void fetchFloor(benchmark::State& state) {
-  FloorBuffers floor(static_cast<int>(state.range(0)) / kSamplesPerKey);
+  int const samplesPerKey = static_cast<int>(state.range(1));
+  FloorBuffers floor(static_cast<int>(state.range(0)) / samplesPerKey);
   for (auto _ : state) {
     state.PauseTiming();
-    for (int i = 0; i < kSamplesPerKey; ++i) floor.cycle();
+    for (int i = 0; i < samplesPerKey; ++i) floor.cycle();
     state.ResumeTiming();
     FloorValue const result = fetch(floor);
     floor.clear();
@@ -98,13 +98,11 @@ void fetchFloor(benchmark::State& state) {
 
 BENCHMARK(fetchOurs)
     ->Name("fetch/ours")
-    ->Arg(100'000)
-    ->Arg(1'000'000)
+    ->ArgsProduct({{100'000, 1'000'000}, {100, 1000}})
     ->Unit(benchmark::kMillisecond);
 BENCHMARK(fetchFloor)
     ->Name("fetch/floor")
-    ->Arg(100'000)
-    ->Arg(1'000'000)
+    ->ArgsProduct({{100'000, 1'000'000}, {100, 1000}})
     ->Unit(benchmark::kMillisecond);
 
 }  // namespace

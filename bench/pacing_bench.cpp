@@ -2,9 +2,11 @@
 // Ours and the floor take turns, so that both meet the same moods of the machine.
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <ctime>
 #include <map>
+#include <mutex>
 #include <set>
 #include <string>
 #include <thread>
@@ -143,28 +145,109 @@ void pacing(benchmark::State& state) {
   }
 }
 
-// A minute at 10 ms, fetched every second as a client would.
-void minute(benchmark::State& state) {
-  WatcherHost host(100);
+int countBatches(KXValue const& fetched) {
+  return fetched[0][1].getSize();
+}
+
+// How many periods are missing, and how many batches carry the time of another: a watch at 10 ms,
+// while clients take turns in fetching. Arguments: keys, milliseconds between two fetches, clients,
+// seconds. The loop moves its deadline on by a period for each cycle that it runs or skips, so the
+// deadline tells how many batches there should be.
+void loss(benchmark::State& state) {
+  WatcherHost host(static_cast<int>(state.range(0)));
+  auto const between = std::chrono::milliseconds(state.range(1));
+  int const clientCount = static_cast<int>(state.range(2));
   for (auto _ : state) {
+    std::atomic<int> batches{0};
+    std::atomic<double> worstFetchMs{0};
+    std::mutex timesMutex;
     std::vector<std::int64_t> times;
     host.watcher().startWatching(kPeriodMs);
-    auto end = std::chrono::steady_clock::now();
-    for (int second = 0; second < 60; ++second) {
-      end += std::chrono::seconds(1);
-      std::this_thread::sleep_until(end);
-      if (second == 59) host.watcher().stopWatching();
-      std::vector<std::int64_t> const fetched = batchTimesUs(host.watcher().getData());
-      times.insert(times.end(), fetched.begin(), fetched.end());
+    auto const firstDeadline = KXMemoryWatcherForTest::nextWakeTime(host.watcher());
+    auto const start = std::chrono::steady_clock::now();
+    auto const end = start + std::chrono::seconds(state.range(3));
+    auto const fetch = [&] {
+      auto const before = std::chrono::steady_clock::now();
+      KXValue const fetched = host.watcher().getData();
+      std::chrono::duration<double, std::milli> const took =
+          std::chrono::steady_clock::now() - before;
+      worstFetchMs = std::max(worstFetchMs.load(), took.count());
+      batches += countBatches(fetched);
+      std::vector<std::int64_t> const fetchedTimes = batchTimesUs(fetched);
+      std::lock_guard const lock(timesMutex);
+      times.insert(times.end(), fetchedTimes.begin(), fetchedTimes.end());
+    };
+    std::vector<std::thread> clients;
+    for (int client = 0; client < clientCount; ++client) {
+      clients.emplace_back([&, client] {
+        for (auto at = start + between * (client + 1); at < end; at += between * clientCount) {
+          std::this_thread::sleep_until(at);
+          fetch();
+        }
+      });
     }
+    for (std::thread& client : clients) client.join();
+    std::this_thread::sleep_until(end);
+    host.watcher().stopWatching();
+    fetch();
+    auto const periods = (KXMemoryWatcherForTest::nextWakeTime(host.watcher()) - firstDeadline)
+                             .total_microseconds() /
+                         kPeriodUs;
     std::set<std::int64_t> const different(times.begin(), times.end());
-    state.counters["batches"] = static_cast<double>(times.size());
+    state.counters["periods"] = static_cast<double>(periods);
+    state.counters["lost"] = static_cast<double>(periods - batches);
     state.counters["with_the_same_time"] = static_cast<double>(times.size() - different.size());
+    state.counters["worst_fetch_ms"] = worstFetchMs.load();
   }
 }
 
-BENCHMARK(pacing)->Arg(1000)->Arg(10'000)->Iterations(1)->Repetitions(1)->Unit(benchmark::kSecond);
-BENCHMARK(minute)->Iterations(1)->Repetitions(1)->Unit(benchmark::kSecond);
+// How long at the most a fetch of a million samples holds the data mutex, as a thread sees it that
+// tries for it all the time. The middle of several tries: being put to sleep counts too.
+void hold(benchmark::State& state) {
+  constexpr int kKeys = 10'000;
+  constexpr int kTries = 9;
+  WatcherHost host(kKeys);
+  for (auto _ : state) {
+    std::vector<double> longestUs;
+    for (int i = 0; i < kTries; ++i) {
+      for (int k = 0; k < 1'000'000 / kKeys; ++k)
+        KXMemoryWatcherForTest::updateData(host.watcher());
+      std::atomic<bool> isFetching{true};
+      double longest = 0;
+      std::thread prober([&] {
+        std::int64_t heldSince = 0;
+        while (isFetching) {
+          bool wasLocked = false;
+          {
+            KXCriticalTrueIfLocked const probe(KXMemoryWatcherForTest::dataMutex(host.watcher()),
+                                               wasLocked);
+          }
+          std::int64_t const now = nowNs(CLOCK_MONOTONIC);
+          if (!wasLocked) heldSince = now;
+          longest = std::max(longest, static_cast<double>(now - heldSince) * 1e-3);
+        }
+      });
+      benchmark::DoNotOptimize(host.watcher().getData());
+      isFetching = false;
+      prober.join();
+      longestUs.push_back(longest);
+    }
+    std::sort(longestUs.begin(), longestUs.end());
+    state.counters["us"] = longestUs[kTries / 2];
+  }
+}
+
+BENCHMARK(pacing)->Arg(1000)->Arg(10'000)->Arg(100'000)->Iterations(1)->Repetitions(1)->Unit(
+    benchmark::kSecond);
+BENCHMARK(loss)
+    ->Args({10'000, 1000, 1, 60})
+    ->Args({10'000, 100, 1, 60})
+    ->Args({10'000, 100, 4, 20})
+    ->Args({100'000, 1000, 1, 20})
+    ->Iterations(1)
+    ->Repetitions(1)
+    ->Unit(benchmark::kSecond);
+BENCHMARK(hold)->Iterations(1)->Repetitions(1)->Unit(benchmark::kSecond);
 
 }  // namespace
 }  // namespace KX::bench

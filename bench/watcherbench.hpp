@@ -13,23 +13,7 @@
 #include <kxcommon/kxmodule.hpp>
 #include <kxvalue/kxvalue.hpp>
 #include <memorywatcher/kxmemorywatcher.hpp>
-
-namespace KX {
-
-/// What the benchmarks do that no client can: single cycles without the loop.
-struct KXMemoryWatcherForTest {
-  static void cycle(KXMemoryWatcher& watcher) { watcher.xUpdateValues(watcher.xDataItems()); }
-  /// As if the watch were on, but without a loop.
-  static void setWatching(KXMemoryWatcher& watcher, bool isWatching) {
-    watcher.mIsWatching = isWatching;
-  }
-  static boost::posix_time::ptime nextWakeTime(KXMemoryWatcher& watcher)
-      KX_NO_THREAD_SAFETY_ANALYSIS {
-    return watcher.mNextWakeTime;
-  }
-};
-
-}  // namespace KX
+#include <tests/support/memorywatcherfortest.hpp>
 
 namespace KX::bench {
 
