@@ -41,10 +41,12 @@ class KeepingScript : public KXModule {
 struct Delivery : ::testing::Test {
   Delivery() { ka::log::setStderrLevel(0); }
   ~Delivery() override {
+    gate.open();
     broker->shutdown();
     ka::log::setStderrLevel(ka::log::Warning);
   }
 
+  ParkingGate gate;  ///< outlives the actions, which may be waiting there
   CategoryLog log{"KXMemory"};
   boost::shared_ptr<KXBroker> const broker = KXBroker::createBroker("test");
   boost::shared_ptr<KXMemory> const store = KXModule::createModule<KXMemory>(broker);
@@ -129,8 +131,7 @@ TEST_F(Delivery, ReachesAScriptAndLeavesAloneTheArgumentsThatItKeeps) {
 }
 
 TEST_F(Delivery, DoesNotHoldUpTheRaiser) {
-  ParkingGate gate;
-  subscriber->setAction([&](auto const&) { gate.pass(); });
+  subscriber->setAction([this](auto const&) { gate.pass(); });
   store->subscribeToEvent("e", "Subscriber", "onNotify");
 
   for (int i = 0; i < 100; ++i) store->raiseEvent("e", i);
@@ -320,8 +321,7 @@ TEST_F(GoneSubscriber, IsNotQueuedForAnyMore) {
   store->raiseEvent("e", 0);
   log.waitFor(1);
   // What is queued behind the call that ends the store is counted.
-  ParkingGate gate;
-  subscriber->setAction([&](auto const&) {
+  subscriber->setAction([this](auto const&) {
     gate.pass();
     store->exit();
   });

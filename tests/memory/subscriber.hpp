@@ -3,9 +3,13 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
+#include <filesystem>
 #include <functional>
+#include <iterator>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <boost/smart_ptr/shared_ptr.hpp>
@@ -13,6 +17,7 @@
 #include <binding/kxpublish.hpp>
 #include <ka/log.hpp>
 #include <kxcommon/kxmodule.hpp>
+#include <kxerror/kxerror.hpp>
 #include <kxvalue/kxvalue.hpp>
 
 namespace KX {
@@ -26,7 +31,7 @@ struct Notification {
 };
 
 /// A module with two callbacks, "onNotify" and "onOther", that record, and then do what the test
-/// says. Threads: called by the store's delivery thread, looked at by the test.
+/// says. Threads: called by the store's thread for it, looked at by the test.
 class Subscriber : public KXModule {
  public:
   using Action = std::function<void(Notification const&)>;
@@ -112,6 +117,23 @@ class CategoryLog {
   std::condition_variable mChanged;
   std::vector<ka::log::Record> mRecords;
 };
+
+/// The threads of this process.
+inline std::ptrdiff_t countThreads() {
+  std::filesystem::directory_iterator const threads("/proc/self/task");
+  return std::distance(begin(threads), end(threads));
+}
+
+/// False if the condition does not come true within 30 s.
+template <class Condition>
+bool waitUntil(Condition const& condition) {
+  auto const end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::yield();
+  }
+  return true;
+}
 
 /// The description of the KXError that `action` throws; "no KXError" if it throws none.
 inline std::string errorOf(std::function<void()> const& action) {
