@@ -7,8 +7,10 @@
 #include <gtest/gtest.h>
 
 #include <host/memory/kxmemory.hpp>
+#include <ka/log.hpp>
 #include <kxcommon/kxbroker.hpp>
 #include <kxerror/kxerror.hpp>
+#include <tests/support/logcapture.hpp>
 #include <tests/support/parkinggate.hpp>
 
 #include "subscriber.hpp"
@@ -16,6 +18,7 @@
 namespace KX {
 namespace {
 
+using testing::LogCapture;
 using testing::ParkingGate;
 using Notifications = std::vector<Notification>;
 
@@ -39,15 +42,13 @@ class KeepingScript : public KXModule {
 };
 
 struct Delivery : ::testing::Test {
-  Delivery() { ka::log::setStderrLevel(0); }
   ~Delivery() override {
     gate.open();
     broker->shutdown();
-    ka::log::setStderrLevel(ka::log::Warning);
   }
 
   ParkingGate gate;  ///< outlives the actions, which may be waiting there
-  CategoryLog log{"KXMemory"};
+  LogCapture log{"KXMemory"};
   boost::shared_ptr<KXBroker> const broker = KXBroker::createBroker("test");
   boost::shared_ptr<KXMemory> const store = KXModule::createModule<KXMemory>(broker);
   boost::shared_ptr<Subscriber> subscriber = Subscriber::create(broker);
@@ -295,7 +296,7 @@ TEST_F(GoneSubscriber, IsDroppedWithOneLineAndTheOthersAreServed) {
   for (int i = 1; i < 4; ++i) store->raiseEvent("e", i);
 
   EXPECT_EQ(second->waitForNotified(4).size(), 4U);
-  auto const records = log.get();
+  auto const records = log.lines();
   ASSERT_EQ(records.size(), 1U);
   EXPECT_EQ(records[0].level, ka::log::Warning);
   EXPECT_EQ(records[0].text, "module 'Subscriber' is gone, its subscription to key 'e' is dropped");
@@ -361,7 +362,7 @@ TEST_F(GoneSubscriber, IsFoundAgainIfAnotherTookItsNameMeanwhile) {
   store->raiseEvent("e", 1);
 
   EXPECT_EQ(successor->waitForNotified(1), (Notifications{{"e", 1, ""}}));
-  EXPECT_EQ(log.get().size(), 0U);
+  EXPECT_EQ(log.lines().size(), 0U);
 }
 
 TEST_F(GoneSubscriber, IsNotKeptAliveByItsSubscription) {

@@ -11,7 +11,9 @@
 
 #include <host/memory/kxdelivery.hpp>
 #include <host/memory/kxmemory.hpp>
+#include <ka/log.hpp>
 #include <kxcommon/kxbroker.hpp>
+#include <tests/support/logcapture.hpp>
 #include <tests/support/parkinggate.hpp>
 
 #include "subscriber.hpp"
@@ -19,22 +21,21 @@
 namespace KX {
 namespace {
 
+using testing::LogCapture;
 using testing::ParkingGate;
 using Notifications = std::vector<Notification>;
 
 struct Queues : ::testing::Test {
-  Queues() { ka::log::setStderrLevel(0); }
   ~Queues() override {
     gate1.open();
     gate2.open();
     broker->shutdown();
-    ka::log::setStderrLevel(ka::log::Warning);
   }
 
   // They outlive the actions, which may be waiting there.
   ParkingGate gate1;
   ParkingGate gate2;
-  CategoryLog log{"KXMemory"};
+  LogCapture log{"KXMemory"};
   boost::shared_ptr<KXBroker> const broker = KXBroker::createBroker("test");
   boost::shared_ptr<KXMemory> const store = KXModule::createModule<KXMemory>(broker);
   boost::shared_ptr<Subscriber> const slow = Subscriber::create(broker, "Slow");
@@ -243,11 +244,11 @@ TEST_F(SubscribersThread, LogsAGoneModuleOnceHoweverManyRaisesWait) {
   store->exit();  // Behind all that was queued or dropped.
   ASSERT_EQ(records.size(), 1U);
   EXPECT_EQ(records[0].text, "module 'Slow' is gone, its subscription to key 'e' is dropped");
-  for (auto const& record : log.get()) {
+  for (auto const& record : log.lines()) {
     EXPECT_TRUE(record.text == records[0].text ||
                 record.text.starts_with("the store ends, notifications not delivered: "));
   }
-  EXPECT_LE(log.get().size(), 2U);
+  EXPECT_LE(log.lines().size(), 2U);
   EXPECT_EQ(slow->waitForNotified(1).size(), 1U);
 }
 
@@ -340,7 +341,7 @@ struct Backlog : Queues {
   }
   std::vector<std::string> warnings() {
     std::vector<std::string> texts;
-    for (auto const& record : log.get()) {
+    for (auto const& record : log.lines()) {
       EXPECT_EQ(record.level, ka::log::Warning);
       texts.push_back(record.text);
     }

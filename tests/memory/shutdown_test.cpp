@@ -8,6 +8,7 @@
 
 #include <host/memory/kxmemory.hpp>
 #include <kxcommon/kxbroker.hpp>
+#include <tests/support/logcapture.hpp>
 #include <tests/support/parkinggate.hpp>
 
 #include "subscriber.hpp"
@@ -15,31 +16,29 @@
 namespace KX {
 namespace {
 
+using testing::LogCapture;
+using testing::LogLine;
 using testing::ParkingGate;
 
 struct StoreShutdown : ::testing::Test {
-  StoreShutdown() {
-    ka::log::setStderrLevel(0);
-    store->subscribeToEvent("e", "Subscriber", "onNotify");
-  }
+  StoreShutdown() { store->subscribeToEvent("e", "Subscriber", "onNotify"); }
   ~StoreShutdown() override {
     gate.open();
     subscriber->setAction({});
     store.reset();
     broker->shutdown();
-    ka::log::setStderrLevel(ka::log::Warning);
   }
 
   // They outlive the actions, which may still be there.
   ParkingGate gate;
   ParkingGate isDone;
-  CategoryLog log{"KXMemory"};
+  LogCapture log{"KXMemory"};
   boost::shared_ptr<KXBroker> const broker = KXBroker::createBroker("test");
   boost::shared_ptr<KXMemory> store = KXModule::createModule<KXMemory>(broker);
   boost::shared_ptr<Subscriber> const subscriber = Subscriber::create(broker);
 };
 
-std::size_t countDropped(std::vector<ka::log::Record> const& records) {
+std::size_t countDropped(std::vector<LogLine> const& records) {
   std::string const text = "the store ends, notifications not delivered: ";
   std::size_t count = 0;
   for (auto const& record : records) {
@@ -88,7 +87,7 @@ TEST_F(StoreShutdown, WaitsForTheCallInProgressAndCountsWhatIsDropped) {
   gate.open();
   ender.join();
 
-  EXPECT_EQ(subscriber->waitForNotified(1).size() + countDropped(log.get()), 5U);
+  EXPECT_EQ(subscriber->waitForNotified(1).size() + countDropped(log.lines()), 5U);
 }
 
 TEST_F(StoreShutdown, DropsAndCountsTheQueueBehindTheCallInProgress) {
@@ -121,7 +120,7 @@ TEST_F(StoreShutdown, CountsWhatIsDroppedOverAllSubscribersInOneLine) {
   gate.open();
   ender.join();
 
-  auto const records = log.get();
+  auto const records = log.lines();
   EXPECT_LE(records.size(), 1U);
   EXPECT_EQ(subscriber->waitForNotified(1).size() + second->waitForNotified(1).size() +
                 countDropped(records),

@@ -9,11 +9,14 @@
 
 #include <host/memory/kxmemory.hpp>
 #include <kxcommon/kxbroker.hpp>
+#include <tests/support/logcapture.hpp>
 
 #include "subscriber.hpp"
 
 namespace KX {
 namespace {
+
+using testing::LogCapture;
 
 constexpr int kThreads = 4;
 constexpr int kRaises = 20000;
@@ -144,6 +147,7 @@ TEST_F(StressStore, ReadsTheRightKeysWhileOthersComeAndGo) {
 }
 
 TEST_F(StressStore, SubscriptionsComeAndGoWhileEventsAreRaised) {
+  LogCapture const quiet;
   auto const steady = Subscriber::create(broker, "Steady");
   store->subscribeToEvent("e", "Steady", "onNotify");
   std::atomic<bool> isDone{false};
@@ -157,12 +161,10 @@ TEST_F(StressStore, SubscriptionsComeAndGoWhileEventsAreRaised) {
       broker->removeModule("Passing");
     }
   });
-  ka::log::setStderrLevel(0);
   for (int i = 0; i < kRaises; ++i) store->raiseEvent("e", i);
   auto const notified = steady->waitForNotified(kRaises);
   isDone = true;
   changer.join();
-  ka::log::setStderrLevel(ka::log::Warning);
 
   ASSERT_EQ(notified.size(), static_cast<std::size_t>(kRaises));
   for (int i = 0; i < kRaises; ++i) {
@@ -171,9 +173,8 @@ TEST_F(StressStore, SubscriptionsComeAndGoWhileEventsAreRaised) {
 }
 
 TEST(StressStoreEnd, DeliversOrCountsEveryRaise) {
-  ka::log::setStderrLevel(0);
   for (int round = 0; round < 100; ++round) {
-    CategoryLog log("KXMemory");
+    LogCapture log("KXMemory");
     auto const broker = KXBroker::createBroker("test");
     auto const store = KXModule::createModule<KXMemory>(broker);
     std::vector<boost::shared_ptr<Subscriber>> subscribers;
@@ -192,18 +193,17 @@ TEST(StressStoreEnd, DeliversOrCountsEveryRaise) {
 
     std::size_t count = 0;
     for (auto const& subscriber : subscribers) count += subscriber->waitForNotified(0).size();
-    for (auto const& record : log.get()) {
+    for (auto const& record : log.lines()) {
       std::string const text = "the store ends, notifications not delivered: ";
       ASSERT_TRUE(record.text.starts_with(text)) << record.text;
       count += std::stoul(record.text.substr(text.size()));
     }
     EXPECT_EQ(count, 3U * 2U * 200U);
   }
-  ka::log::setStderrLevel(ka::log::Warning);
 }
 
 TEST(StressStoreEnd, BySubscribersThemselvesIsSafe) {
-  ka::log::setStderrLevel(0);
+  LogCapture const quiet;
   std::ptrdiff_t const threadsBefore = countThreads();
   for (int round = 0; round < 200; ++round) {
     auto const broker = KXBroker::createBroker("test");
@@ -225,11 +225,10 @@ TEST(StressStoreEnd, BySubscribersThemselvesIsSafe) {
     store.reset();
   }
   EXPECT_TRUE(waitUntil([&] { return countThreads() == threadsBefore; }));
-  ka::log::setStderrLevel(ka::log::Warning);
 }
 
 TEST(StressStoreEnd, StartsAndEndsAmongRaises) {
-  ka::log::setStderrLevel(0);
+  LogCapture const quiet;
   for (int round = 0; round < 200; ++round) {
     auto const broker = KXBroker::createBroker("test");
     auto const store = KXModule::createModule<KXMemory>(broker);
@@ -248,7 +247,6 @@ TEST(StressStoreEnd, StartsAndEndsAmongRaises) {
     }
     EXPECT_EQ(store->getData("e"), KXValue(99));
   }
-  ka::log::setStderrLevel(ka::log::Warning);
 }
 
 }  // namespace

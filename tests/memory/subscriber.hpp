@@ -1,4 +1,4 @@
-// What the tests of the store share: a subscriber that records, and a watch over the log.
+// What the tests of the store share: a subscriber that records, and what they wait for.
 #pragma once
 
 #include <chrono>
@@ -15,7 +15,6 @@
 #include <boost/smart_ptr/shared_ptr.hpp>
 
 #include <binding/kxpublish.hpp>
-#include <ka/log.hpp>
 #include <kxcommon/kxmodule.hpp>
 #include <kxerror/kxerror.hpp>
 #include <kxvalue/kxvalue.hpp>
@@ -87,35 +86,6 @@ class Subscriber : public KXModule {
   std::vector<Notification> mNotified;
   std::vector<Notification> mOther;
   Action mAction;
-};
-
-/// Collects the log records of one category while it lives.
-class CategoryLog {
- public:
-  explicit CategoryLog(std::string const& category) {
-    ka::log::addHandler("CategoryLog", [this, category](ka::log::Record const& record) {
-      if (record.category != category) return;
-      std::lock_guard const lock(mMutex);
-      mRecords.push_back(record);
-      mChanged.notify_all();
-    });
-  }
-  ~CategoryLog() { ka::log::removeHandler("CategoryLog"); }
-  CategoryLog(CategoryLog const&) = delete;
-  CategoryLog& operator=(CategoryLog const&) = delete;
-
-  /// Waits for so many records, or 30 s, and gives what came.
-  std::vector<ka::log::Record> waitFor(std::size_t count) {
-    std::unique_lock lock(mMutex);
-    mChanged.wait_for(lock, std::chrono::seconds(30), [&] { return mRecords.size() >= count; });
-    return mRecords;
-  }
-  std::vector<ka::log::Record> get() { return waitFor(0); }
-
- private:
-  std::mutex mMutex;
-  std::condition_variable mChanged;
-  std::vector<ka::log::Record> mRecords;
 };
 
 /// The threads of this process.
