@@ -38,7 +38,7 @@ class KX_API KXMemoryProxy {
   void unsubscribeToEvent(std::string const& name, std::string const& callbackModule);
   void unsubscribeToMicroEvent(std::string const& name, std::string const& callbackModule);
 
-  /// As KXProxy::isRunning, for any parallel call of the store's process.
+  /// As KXProxy::isRunning, for any parallel call of the broker that this was made with.
   bool isRunning(int taskId);
   /// As KXProxy::wait.
   bool wait(int taskId, int timeoutMs);

@@ -93,7 +93,7 @@ void KXMemoryProxy::unsubscribeToMicroEvent(std::string const& name,
 }
 
 // Task ids are the broker's: no store is needed to ask for them. A broker that is gone has waited
-// for its parallel calls.
+// for its parallel calls, but for one that dropped it itself; nobody is left who knows of that one.
 bool KXMemoryProxy::isRunning(int taskId) {
   boost::shared_ptr<KXBroker> const broker = mBroker.lock();
   return broker && broker->isTaskRunning(taskId);

@@ -1,152 +1,87 @@
 #include <host/memory/kxdelivery.hpp>
 
-#include <utility>
+#include <time.h>
 
-#include <ka/runlogged.hpp>
-#include <kxerror/kxerror.hpp>
+#include <algorithm>
+#include <utility>
+#include <vector>
 
 namespace KX {
 
 namespace {
 
-// After a burst, a buffer larger than this is given back.
-constexpr std::size_t kKeptCapacity = 1 << 16;
-
-void logGone(KXSubscription const& subscription, KXValue const& name) {
-  ka::log::LogStream(ka::log::Warning, "KXMemory", "", "deliver", 0)
-      << "module '" << subscription.module << "' is gone, its subscription to key '"
-      << name.toString() << "' is dropped";
-}
-
-void logDropped(std::size_t count) {
-  ka::log::LogStream(ka::log::Warning, "KXMemory", "", "exit", 0)
-      << "the store ends, notifications not delivered: " << count;
+// Good for some milliseconds, and a quarter of the price of the exact clock: it is read at every
+// raise.
+std::int64_t coarseNowMs() {
+  ::timespec now{};
+  ::clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  return std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
 }
 
 }  // namespace
 
-std::shared_ptr<KXDelivery> KXDelivery::start(boost::shared_ptr<KXBroker> const& broker) {
-  std::shared_ptr<KXDelivery> delivery(new KXDelivery(broker));
-  std::lock_guard const lock(delivery->mMutex);
-  delivery->mThread = std::thread([delivery] { delivery->xRun(); });
-  return delivery;
+KXDelivery::KXDelivery(boost::shared_ptr<KXBroker> const& broker, std::int64_t (*nowMs)())
+    : mContext(std::make_shared<KXDeliveryContext>()) {
+  mContext->broker = broker;
+  mContext->nowMs = nowMs != nullptr ? nowMs : coarseNowMs;
 }
 
-bool KXDelivery::post(std::shared_ptr<KXSubscriptionList> const& subscribers,
-                      KXValue const& value) {
+KXDelivery::~KXDelivery() {
+  stop();
+  // Where a subscriber destroys the store: the threads end by themselves.
+  for (auto const& [module, queue] : mQueues) queue->detach();
+}
+
+std::shared_ptr<KXSubscription> KXDelivery::subscribe(std::string const& key,
+                                                      std::string const& module,
+                                                      std::string const& method,
+                                                      KXValue const& message) {
   std::lock_guard const lock(mMutex);
-  if (mIsStopping) return false;
-  mQueue.push_back({subscribers, value});
-  return std::exchange(mIsParked, false);
+  QueuePointer const queue = xQueueOf(module);
+  queue->hold();
+  // A share that releases its hold when the subscription has gone.
+  QueuePointer share(queue.get(), [queue](KXSubscriberQueue*) { queue->release(); });
+  return std::make_shared<KXSubscription>(std::move(share), key, method, message);
+}
+
+// Known or new; forgets those whose subscriptions have ended.
+KXDelivery::QueuePointer KXDelivery::xQueueOf(std::string const& module) {
+  if (mIsStopping) {
+    auto const queue = std::make_shared<KXSubscriberQueue>(module, mContext);
+    queue->stop();  // It takes nothing.
+    return queue;
+  }
+  std::erase_if(mQueues, [](auto const& entry) { return entry.second->joinIfOver(); });
+  auto const known = mQueues.find(module);
+  if (known != mQueues.end()) return known->second;
+  return mQueues.emplace(module, std::make_shared<KXSubscriberQueue>(module, mContext))
+      .first->second;
+}
+
+bool KXDelivery::post(KXSubscriptionList const& subscribers, KXValue const& value) {
+  bool isToAttend = false;
+  for (auto const& subscription : subscribers) {
+    isToAttend = subscription->queue->post(subscription, value) || isToAttend;
+  }
+  return isToAttend;
+}
+
+void KXDelivery::attend(KXSubscriptionList const& subscribers) {
+  for (auto const& subscription : subscribers) subscription->queue->attend();
 }
 
 void KXDelivery::stop() {
-  std::thread thread;
+  std::vector<QueuePointer> queues;
   {
     std::lock_guard const lock(mMutex);
+    for (auto const& [module, queue] : mQueues) queues.push_back(queue);
     mIsStopping = true;
-    thread.swap(mThread);
+    std::lock_guard const contextLock(mContext->mutex);
+    mContext->isStopping = true;
   }
-  wake();
-  if (!thread.joinable()) return;
-  if (thread.get_id() == std::this_thread::get_id()) {
-    thread.detach();
-  } else {
-    thread.join();
-  }
-}
-
-void KXDelivery::xRun() {
-  std::vector<Notification> batch;
-  std::size_t doneCount = 0;
-  while (xTake(batch)) {
-    // One array of arguments serves the whole batch, unless a subscriber keeps it.
-    KXValue arguments;
-    arguments.arraySetSize(3);
-    for (; doneCount < batch.size() && !mIsStopping; ++doneCount) {
-      xDeliver(batch[doneCount], arguments);
-    }
-    if (mIsStopping) break;
-    batch.clear();
-    doneCount = 0;
-    if (batch.capacity() > kKeptCapacity) batch.shrink_to_fit();
-  }
-  std::size_t droppedCount = batch.size() - doneCount;
-  {
-    std::lock_guard const lock(mMutex);
-    droppedCount += mQueue.size();
-  }
-  if (droppedCount > 0) logDropped(droppedCount);
-}
-
-// Swaps the queue against the empty batch; false when the thread is to end.
-bool KXDelivery::xTake(std::vector<Notification>& batch) {
-  std::unique_lock lock(mMutex);
-  while (mQueue.empty() && !mIsStopping) {
-    mIsParked = true;
-    mWakeUp.wait(lock);
-  }
-  mIsParked = false;
-  if (mIsStopping) return false;
-  batch.swap(mQueue);
-  return true;
-}
-
-void KXDelivery::xDeliver(Notification const& notification, KXValue& arguments) {
-  KXSubscriptionList& list = *notification.subscribers;
-  for (auto const& subscription : list.subscriptions) {
-    if (subscription->isGone.load(std::memory_order_relaxed)) continue;
-    auto const failure = [&] {
-      return "subscriber '" + subscription->module + "." + subscription->method + "' of key '" +
-             list.name.toString() + "' failed";
-    };
-    // A subscriber's failure concerns neither the raiser nor the other subscribers.
-    ka::log::runLogged("KXMemory", "deliver", failure, [&] {
-      KXValue* const argument = arguments.arrayData();
-      argument[0] = list.name;
-      argument[1] = notification.value;
-      argument[2] = subscription->message;
-      xCall(list, *subscription, arguments);
-    });
-  }
-}
-
-void KXDelivery::xCall(KXSubscriptionList& list, KXSubscription& subscription,
-                       KXValue const& arguments) {
-  if (subscription.remote) {
-    subscription.remote->genericCall(subscription.method, arguments);
-    return;
-  }
-  boost::shared_ptr<KXModule> module = subscription.local.lock();
-  if (!module || module->isClosing()) module = xFind(subscription);
-  if (module) {
-    KXValue ignored;
-    module->execute(subscription.method, arguments, ignored);
-  } else if (subscription.remote) {
-    subscription.remote->genericCall(subscription.method, arguments);
-  } else {
-    subscription.isGone = true;
-    list.hasGone = true;
-    logGone(subscription, list.name);
-  }
-}
-
-// The module if it is of this process; otherwise null, with `remote` set if there is a way to it.
-boost::shared_ptr<KXModule> KXDelivery::xFind(KXSubscription& subscription) {
-  boost::shared_ptr<KXBroker> const broker = mBroker.lock();
-  if (!broker) return {};
-  boost::shared_ptr<KXProxy> proxy;
-  try {
-    proxy = broker->getProxy(subscription.module, 0);
-  } catch (KXError const&) {
-    return {};  // Not there: the caller says so.
-  }
-  if (proxy->isLocal()) {
-    subscription.local = proxy->getModule();
-  } else {
-    subscription.remote = proxy;
-  }
-  return proxy->getModule();
+  for (auto const& queue : queues) queue->stop();
+  if (KXSubscriberQueue::isServing(*mContext)) return;
+  for (auto const& queue : queues) queue->join();
 }
 
 }  // namespace KX

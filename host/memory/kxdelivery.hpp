@@ -1,95 +1,61 @@
-// How the store's notifications reach their subscribers: one thread, one queue, in order of
-// raising. Any thread posts; the delivery thread alone calls subscribers.
+// How the store's notifications reach their subscribers: a queue and a thread for each subscribing
+// module, so that a slow one delays nobody else.
 #pragma once
 
-#include <atomic>
-#include <condition_variable>
+#include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include <boost/smart_ptr/shared_ptr.hpp>
-#include <boost/smart_ptr/weak_ptr.hpp>
 
 #include <kxcommon/kxbroker.hpp>
-#include <kxcommon/kxmodule.hpp>
-#include <kxcommon/kxproxy.hpp>
+#include <kxerror/kxapi.hpp>
 #include <kxvalue/kxvalue.hpp>
+
+#include <host/memory/kxsubscriberqueue.hpp>
 
 namespace KX {
 
-/// One subscriber of one key. Ownership: shared by the key's list and the notifications on their
-/// way. Threads: what is const is free for all; `isGone` is set by the delivery thread, which alone
-/// touches the rest.
-struct KXSubscription {
-  KXSubscription(std::string moduleName, std::string methodName, KXValue callbackMessage)
-      : module(std::move(moduleName)),
-        method(std::move(methodName)),
-        message(std::move(callbackMessage)) {}
-
-  std::string const module;
-  std::string const method;
-  KXValue const message;
-  std::atomic<bool> isGone{false};  ///< the module left service: nothing is delivered any more
-
-  // Where the module was found last. A module of this process is not kept alive by being watched.
-  boost::weak_ptr<KXModule> local;
-  boost::shared_ptr<KXProxy> remote;
-};
-
-/// The subscribers of one key, in the order of their subscribing. Never changed once it is posted:
-/// whoever subscribes or ends a subscription makes a new list.
-struct KXSubscriptionList {
-  KXValue name;  ///< the key's name, made once and not at each raise
-  std::vector<std::shared_ptr<KXSubscription>> subscriptions;
-  std::atomic<bool> hasGone{false};  ///< one of them is gone: the owner may drop it
-};
-
-/// The delivery thread and its queue.
-/// Ownership: held by the store; the thread shares it, so that a subscriber may destroy the store.
-/// The queue is unbounded: a subscriber that is slower than its events for ever uses up the memory.
+/// The queues of one store, by the subscribing module's name.
+/// Ownership: a member of the store. The queues' threads do not need it, so that a subscriber may
+/// destroy the store.
+/// A module's thread is made at its first subscription and ends when its last one has. The queues
+/// are unbounded: a subscriber that is slower than its events for ever uses up the memory.
 /// Threads: every operation may be called from any thread, subscribers included.
-/// Errors: what a subscriber throws is logged, and the others are served.
-class KXDelivery {
+class KX_API KXDelivery {
  public:
-  /// Starts the thread. Subscribers are looked up with the broker, which is not kept alive.
-  static std::shared_ptr<KXDelivery> start(boost::shared_ptr<KXBroker> const& broker);
+  /// Subscribers are looked up with the broker, which is not kept alive. The clock is a test's, or
+  /// one of the system's that is cheap to read.
+  explicit KXDelivery(boost::shared_ptr<KXBroker> const& broker, std::int64_t (*nowMs)() = nullptr);
+  /// Stops.
+  ~KXDelivery();
   KXDelivery(KXDelivery const&) = delete;
   KXDelivery& operator=(KXDelivery const&) = delete;
 
-  /// Queues one raise. True if the thread sleeps: the caller calls wake() once it holds no lock,
-  /// because waking costs more than queueing. Ignored after stop().
-  [[nodiscard]] bool post(std::shared_ptr<KXSubscriptionList> const& subscribers,
-                          KXValue const& value);
-  void wake() { mWakeUp.notify_one(); }
+  /// A subscription, with the module's queue behind it. It ends when nobody owns it any more.
+  std::shared_ptr<KXSubscription> subscribe(std::string const& key, std::string const& module,
+                                            std::string const& method, KXValue const& message);
 
-  /// Ends the thread after the call in progress; what is queued is dropped and counted in the log.
-  /// Waits for the thread, unless called by a subscriber on the thread itself.
+  /// Queues one raise for all subscribers. True if attend() is to be called, once the caller holds
+  /// no lock. The caller's calls must not overlap: their order is the order of delivery.
+  [[nodiscard]] static bool post(KXSubscriptionList const& subscribers, KXValue const& value);
+  static void attend(KXSubscriptionList const& subscribers);
+
+  /// Ends the threads after the calls in progress; what is queued is dropped and counted in the
+  /// log. Waits for the threads, unless called by a subscriber on one of them.
   void stop();
 
  private:
-  struct Notification {
-    std::shared_ptr<KXSubscriptionList> subscribers;
-    KXValue value;
-  };
+  using QueuePointer = std::shared_ptr<KXSubscriberQueue>;
 
-  explicit KXDelivery(boost::shared_ptr<KXBroker> const& broker) : mBroker(broker) {}
+  QueuePointer xQueueOf(std::string const& module);
 
-  void xRun();
-  bool xTake(std::vector<Notification>& batch);
-  void xDeliver(Notification const& notification, KXValue& arguments);
-  void xCall(KXSubscriptionList& list, KXSubscription& subscription, KXValue const& arguments);
-  boost::shared_ptr<KXModule> xFind(KXSubscription& subscription);
-
-  boost::weak_ptr<KXBroker> const mBroker;
-  std::atomic<bool> mIsStopping{false};
+  std::shared_ptr<KXDeliveryContext> const mContext;
   std::mutex mMutex;
-  std::condition_variable mWakeUp;
-  std::vector<Notification> mQueue;  // guarded by mMutex, as all below
-  bool mIsParked = false;
-  std::thread mThread;
+  bool mIsStopping = false;                     // guarded by mMutex
+  std::map<std::string, QueuePointer> mQueues;  // guarded by mMutex
 };
 
 }  // namespace KX

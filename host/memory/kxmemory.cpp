@@ -36,19 +36,15 @@ KXMemory::KXMemory(boost::shared_ptr<KXBroker> const& broker)
     : KXModule(broker, "KXMemory"),
       mMutex(KXMutex::createKXMutex()),
       mEmptyText(""),
-      mDelivery(KXDelivery::start(broker)) {
+      mDelivery(broker) {
   setModuleDescription("The shared store: values, events and micro-events under string keys.");
   xPublishWriting();
   xPublishReading();
   xPublishSubscribing();
 }
 
-KXMemory::~KXMemory() {
-  mDelivery->stop();
-}
-
 void KXMemory::exit() {
-  mDelivery->stop();
+  mDelivery.stop();
   KXModule::exit();  // Last: the store may die in it.
 }
 
@@ -184,16 +180,16 @@ void KXMemory::insertListData(KXValue const& pairs) {
 void KXMemory::xRaise(std::string const& name, KXValue const& value, KXKeyType kind,
                       char const* method) {
   KXValue swapped(value);
-  bool isToWake = false;
+  std::shared_ptr<KXSubscriptionList const> toAttend;
   {
     KXCriticalSection const lock(mMutex);
     KXMemorySlot& slot = mTable.slotToWrite(name, kind, method);
     if (kind == KXKeyType::Event) slot.value->swap(swapped);
-    // Queued under the lock: the order of raising is the order of the queue.
-    auto const& subscribers = mTable.currentSubscribers(slot, kind);
-    if (subscribers) isToWake = mDelivery->post(subscribers, value);
+    // Queued under the lock: the order of raising is the order of the queues.
+    auto const& subscribers = KXMemoryTable::currentSubscribers(slot, kind);
+    if (subscribers && KXDelivery::post(*subscribers, value)) toAttend = subscribers;
   }
-  if (isToWake) mDelivery->wake();
+  if (toAttend) KXDelivery::attend(*toAttend);
 }
 
 void KXMemory::raiseEvent(std::string const& name, KXValue const& value) {
@@ -242,7 +238,7 @@ std::string KXMemory::getType(std::string const& name) {
 
 void KXMemory::subscribeToEvent(std::string const& name, std::string const& callbackModule,
                                 std::string const& callbackMethod) {
-  auto subscription = std::make_shared<KXSubscription>(callbackModule, callbackMethod, mEmptyText);
+  auto subscription = mDelivery.subscribe(name, callbackModule, callbackMethod, mEmptyText);
   KXCriticalSection const lock(mMutex);
   mTable.subscribe(name, KXKeyType::Event, std::move(subscription), "subscribeToEvent");
 }
@@ -251,7 +247,7 @@ void KXMemory::subscribeToMicroEvent(std::string const& name, std::string const&
                                      std::string const& callbackMessage,
                                      std::string const& callbackMethod) {
   auto subscription =
-      std::make_shared<KXSubscription>(callbackModule, callbackMethod, KXValue(callbackMessage));
+      mDelivery.subscribe(name, callbackModule, callbackMethod, KXValue(callbackMessage));
   KXCriticalSection const lock(mMutex);
   mTable.subscribe(name, KXKeyType::MicroEvent, std::move(subscription), "subscribeToMicroEvent");
 }

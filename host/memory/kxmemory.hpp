@@ -1,5 +1,5 @@
 // The shared store: values, events and micro-events under string keys.
-// Any thread calls it; subscribers are called on its one delivery thread.
+// Any thread calls it; each subscribing module is called on a thread of its own.
 #pragma once
 
 #include <memory>
@@ -23,12 +23,11 @@ namespace KX {
 /// An event keeps its last value; a micro-event's value is delivered and not kept.
 /// Ownership: the broker's. Threads: all operations may overlap, and subscribers may call any of
 /// them; none waits for a subscriber, but exit() and destruction for the call in progress.
-/// Notifications go out in order of raising, outside the store's lock, through a queue without
-/// bound. Errors: KXError that names the key; nothing is changed then.
+/// Notifications reach each module in order of raising, outside the store's lock, through a queue
+/// without bound. Errors: KXError that names the key; nothing is changed then.
 class KX_API KXMemory : public KXModule {
  public:
   explicit KXMemory(boost::shared_ptr<KXBroker> const& broker);
-  ~KXMemory() override;
   /// Ends the delivery; notifications on their way are dropped.
   void exit() override;
 
@@ -68,7 +67,7 @@ class KX_API KXMemory : public KXModule {
   boost::shared_ptr<KXMutex> const mMutex;
   KXMemoryTable mTable KX_GUARDED_BY(*mMutex);
   KXValue const mEmptyText;  ///< the message of every event
-  std::shared_ptr<KXDelivery> const mDelivery;
+  KXDelivery mDelivery;      // ends first
 };
 
 }  // namespace KX

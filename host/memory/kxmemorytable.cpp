@@ -48,24 +48,33 @@ void checkNames(KXValue const& names, char const* method) {
   }
 }
 
+bool isCurrent(KXSubscription const& subscription) {
+  return !subscription.isGone.load(std::memory_order_relaxed);
+}
+
+bool isOf(std::string const& module, KXSubscription const& subscription) {
+  return subscription.queue->getModuleName() == module;
+}
+
 // A copy of the list without the subscription of `module` and without those that are gone.
-std::shared_ptr<KXSubscriptionList> copyWithout(KXSubscriptionList const* list,
-                                                std::string const& module) {
-  auto copy = std::make_shared<KXSubscriptionList>();
+KXSubscriptionList copyWithout(KXSubscriptionList const* list, std::string const& module) {
+  KXSubscriptionList copy;
   if (list == nullptr) return copy;
-  copy->name = list->name;
-  for (auto const& subscription : list->subscriptions) {
-    if (subscription->module != module && !subscription->isGone) {
-      copy->subscriptions.push_back(subscription);
-    }
+  for (auto const& subscription : *list) {
+    if (!isOf(module, *subscription) && isCurrent(*subscription)) copy.push_back(subscription);
   }
   return copy;
 }
 
 bool isSubscribed(KXSubscriptionList const* list, std::string const& module) {
-  return list != nullptr &&
-         std::any_of(list->subscriptions.begin(), list->subscriptions.end(),
-                     [&](auto const& one) { return one->module == module && !one->isGone; });
+  return list != nullptr && std::any_of(list->begin(), list->end(), [&](auto const& one) {
+           return isOf(module, *one) && isCurrent(*one);
+         });
+}
+
+std::shared_ptr<KXSubscriptionList const> share(KXSubscriptionList list) {
+  if (list.empty()) return {};
+  return std::make_shared<KXSubscriptionList const>(std::move(list));
 }
 
 }  // namespace
@@ -197,11 +206,10 @@ void KXMemoryTable::xEraseIfUnused(Slots::iterator place) {
 void KXMemoryTable::subscribe(std::string const& name, KXKeyType kind,
                               std::shared_ptr<KXSubscription> subscription, char const* method) {
   checkType(name, kind, method);
-  std::shared_ptr<KXSubscriptionList>& list = xFindOrMake(name)->second.subscribers(kind);
-  auto replacement = copyWithout(list.get(), subscription->module);
-  if (!replacement->name.isValid()) replacement->name = KXValue(name);
-  replacement->subscriptions.push_back(std::move(subscription));
-  list = std::move(replacement);
+  auto& list = xFindOrMake(name)->second.subscribers(kind);
+  KXSubscriptionList replacement = copyWithout(list.get(), subscription->queue->getModuleName());
+  replacement.push_back(std::move(subscription));
+  list = share(std::move(replacement));
 }
 
 void KXMemoryTable::unsubscribe(std::string const& name, KXKeyType kind, std::string const& module,
@@ -210,20 +218,18 @@ void KXMemoryTable::unsubscribe(std::string const& name, KXKeyType kind, std::st
   if (place == mSlots.end() || !isSubscribed(place->second.subscribers(kind).get(), module)) {
     fail(method, "module '" + module + "' has no subscription to key '" + name + "'");
   }
-  std::shared_ptr<KXSubscriptionList>& list = place->second.subscribers(kind);
-  list = copyWithout(list.get(), module);
-  if (list->subscriptions.empty()) list.reset();
+  auto& list = place->second.subscribers(kind);
+  list = share(copyWithout(list.get(), module));
   xEraseIfUnused(place);
 }
 
-std::shared_ptr<KXSubscriptionList> const& KXMemoryTable::currentSubscribers(KXMemorySlot& slot,
-                                                                             KXKeyType kind) {
-  std::shared_ptr<KXSubscriptionList>& list = slot.subscribers(kind);
-  if (list && list->hasGone) {
-    // No module can have an empty name, so this drops those that are gone and nobody else.
-    list = copyWithout(list.get(), "");
-    if (list->subscriptions.empty()) list.reset();
-  }
+std::shared_ptr<KXSubscriptionList const> const& KXMemoryTable::currentSubscribers(
+    KXMemorySlot& slot, KXKeyType kind) {
+  auto& list = slot.subscribers(kind);
+  bool const areCurrent = !list || std::all_of(list->begin(), list->end(),
+                                               [](auto const& one) { return isCurrent(*one); });
+  // No module can have an empty name, so this drops those that are gone and nobody else.
+  if (!areCurrent) list = share(copyWithout(list.get(), ""));
   return list;
 }
 

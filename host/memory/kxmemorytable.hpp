@@ -12,7 +12,7 @@
 
 #include <kxvalue/kxvalue.hpp>
 
-#include <host/memory/kxdelivery.hpp>
+#include <host/memory/kxsubscriberqueue.hpp>
 
 namespace KX {
 
@@ -25,10 +25,10 @@ struct KXMemorySlot {
   bool isReserved = false;           ///< of type None, and asked for by a batch read
   bool isInBatch = false;            ///< a remembered batch read may point here
   /// Null while nobody subscribed. A subscription outlives the key and waits for one of its type.
-  std::shared_ptr<KXSubscriptionList> eventSubscribers;
-  std::shared_ptr<KXSubscriptionList> microEventSubscribers;
+  std::shared_ptr<KXSubscriptionList const> eventSubscribers;
+  std::shared_ptr<KXSubscriptionList const> microEventSubscribers;
 
-  std::shared_ptr<KXSubscriptionList>& subscribers(KXKeyType kind) {
+  std::shared_ptr<KXSubscriptionList const>& subscribers(KXKeyType kind) {
     return kind == KXKeyType::MicroEvent ? microEventSubscribers : eventSubscribers;
   }
 };
@@ -61,7 +61,8 @@ class KXMemoryTable {
   void unsubscribe(std::string const& name, KXKeyType kind, std::string const& module,
                    char const* method);
   /// The subscribers to notify, without those that are gone; null if there are none.
-  std::shared_ptr<KXSubscriptionList> const& currentSubscribers(KXMemorySlot& slot, KXKeyType kind);
+  static std::shared_ptr<KXSubscriptionList const> const& currentSubscribers(KXMemorySlot& slot,
+                                                                             KXKeyType kind);
 
  private:
   // A list of names that was read, with the cells found for it. The copy of the names keeps their

@@ -30,8 +30,8 @@ struct KXHost::Impl {
 };
 
 KXHost::KXHost(Options const& options) : mImpl(std::make_unique<Impl>(options.name)) {
-  KXModule::createModule<KXLauncher>(mImpl->broker);
-  KXModule::createModule<KXMemory>(mImpl->broker);
+  if (options.withLauncher) KXModule::createModule<KXLauncher>(mImpl->broker);
+  if (options.withStore) KXModule::createModule<KXMemory>(mImpl->broker);
   if (options.withVsm) KXModule::createModule<KXVsm>(mImpl->broker);
 }
 

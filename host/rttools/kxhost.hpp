@@ -12,12 +12,19 @@
 namespace KX {
 
 /// A broker with the modules KXLauncher and KXMemory and, on request, VSM; loads module libraries.
+/// A module that is to stand in for one of these finds its name free where the host goes without:
+///
+///     KXHost host({.name = "mine", .withStore = false});
+///     KXModule::createModule<MyStore>(host.getBroker());
+///
 /// Ownership: a value of main() or of a test; owns the broker until shutdown() or destruction.
 /// Threads: one thread builds, loads and shuts down; calls through the broker come from any thread.
 class KX_API KXHost {
  public:
   struct Options {
     std::string name = "kxhost";  ///< the broker's name
+    bool withLauncher = true;     ///< tell over the broker which modules there are
+    bool withStore = true;        ///< keep the keys
     bool withVsm = false;         ///< run the 10 ms hardware cycle
   };
 

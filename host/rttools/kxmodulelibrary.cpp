@@ -12,6 +12,8 @@
 #include <kxcommon/kxbroker.hpp>
 #include <kxerror/kxerror.hpp>
 
+#include <host/rttools/kxelffile.hpp>
+
 namespace KX {
 namespace {
 
@@ -83,6 +85,8 @@ std::string findLibrary(std::string const& name) {
 KXModuleLibrary::KXModuleLibrary(std::string const& path) : mPath(absolutePath(path)) {
   std::error_code error;
   if (!fs::exists(mPath, error)) xFail("a module library", "there is no such file");
+  std::string const missing = missingPartOf(mPath);
+  if (!missing.empty()) xFail("a whole library", missing);
   void* const handle = ::dlopen(mPath.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (handle == nullptr)
     xFail("a library with all its symbols resolved", "it has a fault: " + lastLibraryError(mPath));

@@ -1,4 +1,5 @@
-// Module libraries: finding, opening and entering them. Used by the thread that builds a host.
+// Module libraries: finding, opening and entering them. Used by the thread that builds a host, be
+// it KXHost or one of another make.
 #pragma once
 
 #include <string>
@@ -23,8 +24,8 @@ KX_API std::string findLibrary(std::string const& name);
 class KX_API KXModuleLibrary {
  public:
   /// Opens the file with all symbols resolved. KXError that names it, what was expected and what
-  /// was found if there is no such file, it is no library, or a symbol or an entry point is
-  /// missing.
+  /// was found if there is no such file, it is no library or not a whole one, or a symbol or an
+  /// entry point is missing.
   explicit KXModuleLibrary(std::string const& path);
 
   /// Calls `_createModule`. KXError if it throws, whatever it throws, or returns anything but 0;

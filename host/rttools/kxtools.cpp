@@ -61,12 +61,12 @@ std::string describeProcess(std::string const& name) {
 
 constexpr char kFooter[] =
     "Signals:\n"
-    "  SIGINT (Ctrl-C), SIGTERM    shut down: the module first, then the libraries' modules, the\n"
-    "                              store and the launcher\n"
+    "  SIGINT (Ctrl-C), SIGTERM,   shut down: the module first, then the libraries' modules, the\n"
+    "  SIGHUP                      store and the launcher; nohup keeps SIGHUP away\n"
     "  SIGQUIT (Ctrl-\\)            end at once, if a shutdown should hang\n"
     "\n"
     "Exit codes:\n"
-    "  0  ended by SIGINT or SIGTERM, or --help or --version was asked for\n"
+    "  0  ended by SIGINT, SIGTERM or SIGHUP, or --help or --version was asked for\n"
     "  1  the module or a library's module could not be made; the reason is on stderr\n"
     "  2  the command line was wrong; the reason is on stderr\n"
     "\n"
@@ -113,6 +113,10 @@ std::optional<int> parse(std::string const& name, int argc, char** argv, Options
   ::sigemptyset(&signals);
   ::sigaddset(&signals, SIGINT);
   ::sigaddset(&signals, SIGTERM);
+  // Started by nohup it is ignored, and is to stay so; blocked, it would be waited for.
+  struct ::sigaction hangUp {};
+  ::sigaction(SIGHUP, nullptr, &hangUp);
+  if (hangUp.sa_handler != SIG_IGN) ::sigaddset(&signals, SIGHUP);
   ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   return signals;
 }

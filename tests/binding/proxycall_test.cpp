@@ -100,6 +100,34 @@ TEST_F(LocalCall, ChecksTheReturnTypeFirst) {
       [this] { mProxy->call<bool>("negate", std::string("VSM")); });
 }
 
+TEST_F(LocalCall, WithTooFewOrTooManyArgumentsIsRefusedBeforeItRuns) {
+  expectProxyError({"call", 0, "method 'takeInt' of module 'Called' takes 1 arguments, 0 given"},
+                   [this] { mProxy->call<bool>("takeInt"); });
+  expectProxyError({"call", 0, "method 'takeInt' of module 'Called' takes 1 arguments, 2 given"},
+                   [this] { mProxy->call<bool>("takeInt", 1, 2); });
+  expectProxyError({"call", 0, "method 'nothing' of module 'Called' takes 0 arguments, 1 given"},
+                   [this] { mProxy->call<void>("nothing", 1); });
+  EXPECT_EQ(mModule->enteredCount, 0);
+}
+
+TEST_F(LocalCall, GoesToTheBoundMethodAlsoIfTheModuleOverridesExecute) {
+  class Overriding : public KXModule {
+   public:
+    explicit Overriding(boost::shared_ptr<KXBroker> const& broker)
+        : KXModule(broker, "Overriding") {
+      publish(*this, {"answer"}, &Overriding::answer);
+    }
+    void execute(std::string const&, KXValue const&, KXValue& result) override { result = "own"; }
+    int answer() { return 42; }
+  };
+  mHost.publish<Overriding>();
+  auto const proxy = mHost.getProxy("Overriding");
+
+  EXPECT_EQ(proxy->genericCall("answer", KXValue()), KXValue(42));
+  EXPECT_EQ(proxy->call<int>("answer"), 42);
+  EXPECT_THROW(proxy->genericCall("anything", KXValue()), KXError);
+}
+
 TEST_F(LocalCall, OfAnUnknownMethodNamesWhatIsPublished) {
   try {
     mProxy->call<bool>("isknown", std::string("VSM"));
@@ -278,6 +306,14 @@ TEST_F(RemoteCall, WithoutAResultThrowsInsteadOfReturningFalse) {
   expectProxyError(
       {"call", 103, "Waiting for the result of a void function isModulePresent [\"VSM\"]   null"},
       [this] { mProxy->call<bool>("isModulePresent", std::string("VSM")); });
+}
+
+TEST_F(RemoteCall, WithoutAResultThrowsAlsoWhereAnyValueIsWanted) {
+  answer(KXValue());
+
+  expectProxyError({"call", 103, "Waiting for the result of a void function nothing []   null"},
+                   [this] { mProxy->call<KXValue>("nothing"); });
+  mProxy->call<void>("nothing");
 }
 
 TEST_F(RemoteCall, ConvertsTheResult) {

@@ -1,6 +1,7 @@
 // Many threads on one broker; each test ends by counting that nothing was lost.
 #include <atomic>
 #include <functional>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -111,6 +112,35 @@ TEST(StressBroker, ModulesComeAndGoWhileOthersCallThem) {
 
   EXPECT_EQ(served, counted);
   EXPECT_FALSE(host.getBroker()->isModulePresent("Changing"));
+}
+
+// Its method works on memory of the module's own, so that a sanitizer sees a call that comes late.
+class FragileModule : public KXModule {
+ public:
+  explicit FragileModule(boost::shared_ptr<KXBroker> const& broker) : KXModule(broker, "Fragile") {
+    publish(*this, {"tick"}, &FragileModule::tick);
+  }
+  ~FragileModule() override { endParallelCalls(); }
+  void tick() { ++*mTicks; }
+
+ private:
+  std::unique_ptr<std::atomic<int>> const mTicks = std::make_unique<std::atomic<int>>(0);
+};
+
+TEST(StressBroker, ModulesAreDroppedWhileParallelCallsOfThemBegin) {
+  testing::TestHost host;
+  for (int round = 0; round < 500; ++round) {
+    std::vector<int> ids;
+    {
+      auto const module = boost::make_shared<FragileModule>(host.getBroker());
+      host.publish(module);
+      auto const proxy = host.getProxy("Fragile");
+      for (int i = 0; i < 4; ++i) ids.push_back(proxy->pCall("tick"));
+      host.getBroker()->removeModule("Fragile");
+    }
+    for (int const id : ids) EXPECT_TRUE(host.getBroker()->waitForTask(id, 0));
+  }
+  EXPECT_TRUE(host.getLogged().empty());
 }
 
 TEST(StressBroker, ShutsDownWhileOthersCallAndStartParallelCalls) {

@@ -54,10 +54,11 @@ class HookedTask : public KXTask {
 class Task : public ::testing::Test {
  protected:
   int start(HookedTask::Hook onRun, HookedTask::Hook onRelease = {}) {
-    boost::shared_ptr<KXTask> const task(new HookedTask(std::move(onRun), std::move(onRelease)));
-    int const id = task->getInfo().getID();
-    mHost.getBroker()->addTask(task->getInfo().toString(), task);
-    return id;
+    boost::shared_ptr<KXTask> task(new HookedTask(std::move(onRun), std::move(onRelease)));
+    KXTaskInfo const info = task->getInfo();
+    // Moved: it is the pool that is to release it.
+    mHost.getBroker()->addTask(info.toString(), std::move(task));
+    return info.getID();
   }
   int park() {
     return start([this] { mGate.pass(); });
@@ -226,6 +227,7 @@ TEST_F(Task, ThatWaitsOnItselfGetsAnError) {
 
   EXPECT_EQ(error.get_future().get(),
             "parallel call " + std::to_string(id.get()) + " waits on itself");
+  broker().waitForTask(id.get(), 0);  // The promise is its own until then.
 }
 
 TEST_F(Task, MayWaitForAnotherTask) {
@@ -250,6 +252,19 @@ TEST_F(Task, HasEndedBeforeItsRecordIsReleased) {
                         }));
 
   EXPECT_FALSE(wasRunning.get_future().get());
+  broker().shutdown();  // The promise is the task's own until then.
+}
+
+TEST_F(Task, MayStartAndAwaitAnotherWhenItIsReleased) {
+  std::atomic<bool> hasOtherRun = false;
+  start([] {},
+        [&] {
+          broker().waitForTask(start([&] { hasOtherRun = true; }), 0);
+          mGate.open();
+        });
+
+  EXPECT_TRUE(mGate.waitUntilOpen());
+  EXPECT_TRUE(hasOtherRun);
 }
 
 TEST_F(Task, LogsWhatItThrowsAndHasEnded) {
@@ -314,8 +329,7 @@ TEST_F(Task, MayShutItsBrokerDown) {
 class LastTask : public ::testing::Test {
  protected:
   void start(HookedTask::Hook const& onRun, HookedTask::Hook const& onRelease) {
-    boost::shared_ptr<KXTask> const task(new HookedTask(onRun, onRelease));
-    mHeld->addTask("last", task);
+    mHeld->addTask("last", boost::shared_ptr<KXTask>(new HookedTask(onRun, onRelease)));
   }
   void drop() { mHeld.reset(); }
 

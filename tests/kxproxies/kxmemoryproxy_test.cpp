@@ -223,6 +223,22 @@ TEST_F(MemoryProxy, AsksTheBrokerForTasksAndNeedsNoStore) {
   EXPECT_TRUE(proxy.wait(task, 0));
 }
 
+TEST_F(MemoryProxy, AsksItsOwnBrokerForTasksAndNoOther) {
+  auto const other = KXBroker::createBroker("other");
+  KXMemoryProxy othersProxy(other);
+  auto const worker = KXModule::createModule<Worker>(other);
+  int const task = other->getProxy("Worker", 0)->pCall("work");
+  ASSERT_TRUE(worker->gate.waitUntilParked(1));
+
+  EXPECT_TRUE(othersProxy.isRunning(task));
+  EXPECT_FALSE(proxy.isRunning(task));
+  EXPECT_FALSE(othersProxy.wait(task, 1));
+  EXPECT_TRUE(proxy.wait(task, 0));
+
+  worker->gate.open();
+  EXPECT_TRUE(othersProxy.wait(task, 0));
+}
+
 using StressMemoryProxy = MemoryProxy;
 
 TEST_F(StressMemoryProxy, AnswersOrSaysThatThereIsNoStoreWhileStoresAreReplaced) {

@@ -197,6 +197,29 @@ TEST_F(ReservedName, BoundIsKeptAndNamesBeyondItStillWork) {
   EXPECT_EQ(store->getListData(names)[last], KXValue(7));
 }
 
+TEST_F(ReservedName, BeyondTheBoundDoesNotLendItsValuesToTheListThatItDisplaces) {
+  Texts texts;
+  for (std::size_t i = 0; i < KXMemoryTable::kMaxReserved; ++i) {
+    texts.push_back("r" + std::to_string(i));
+  }
+  store->getListData(KXValue(texts));
+  std::vector<KXValue> lists;
+  for (int i = 0; i < 8; ++i) {
+    store->insertData("k" + std::to_string(i), i);
+    lists.emplace_back(Texts{"k" + std::to_string(i), "k0"});
+    store->getListData(lists.back());
+  }
+  KXValue const beyond(Texts{"k7", "beyond"});
+
+  EXPECT_EQ(store->getListData(beyond), KXValue::arrayOf(7, KXValue()));
+
+  for (int i = 0; i < 8; ++i) {
+    EXPECT_EQ(store->getListData(lists[static_cast<std::size_t>(i)]), KXValue::arrayOf(i, 0));
+  }
+  store->insertData("beyond", 9);
+  EXPECT_EQ(store->getListData(beyond), KXValue::arrayOf(7, 9));
+}
+
 TEST_F(ReservedName, WrittenMakesRoomForAnotherReservation) {
   Texts texts;
   for (std::size_t i = 0; i < KXMemoryTable::kMaxReserved; ++i) {

@@ -7,8 +7,10 @@
 #include <gtest/gtest.h>
 
 #include <host/memory/kxmemory.hpp>
+#include <ka/log.hpp>
 #include <kxcommon/kxbroker.hpp>
 #include <kxerror/kxerror.hpp>
+#include <tests/support/logcapture.hpp>
 #include <tests/support/parkinggate.hpp>
 
 #include "subscriber.hpp"
@@ -16,6 +18,7 @@
 namespace KX {
 namespace {
 
+using testing::LogCapture;
 using testing::ParkingGate;
 using Notifications = std::vector<Notification>;
 
@@ -39,13 +42,13 @@ class KeepingScript : public KXModule {
 };
 
 struct Delivery : ::testing::Test {
-  Delivery() { ka::log::setStderrLevel(0); }
   ~Delivery() override {
+    gate.open();
     broker->shutdown();
-    ka::log::setStderrLevel(ka::log::Warning);
   }
 
-  CategoryLog log{"KXMemory"};
+  ParkingGate gate;  ///< outlives the actions, which may be waiting there
+  LogCapture log{"KXMemory"};
   boost::shared_ptr<KXBroker> const broker = KXBroker::createBroker("test");
   boost::shared_ptr<KXMemory> const store = KXModule::createModule<KXMemory>(broker);
   boost::shared_ptr<Subscriber> subscriber = Subscriber::create(broker);
@@ -129,8 +132,7 @@ TEST_F(Delivery, ReachesAScriptAndLeavesAloneTheArgumentsThatItKeeps) {
 }
 
 TEST_F(Delivery, DoesNotHoldUpTheRaiser) {
-  ParkingGate gate;
-  subscriber->setAction([&](auto const&) { gate.pass(); });
+  subscriber->setAction([this](auto const&) { gate.pass(); });
   store->subscribeToEvent("e", "Subscriber", "onNotify");
 
   for (int i = 0; i < 100; ++i) store->raiseEvent("e", i);
@@ -294,7 +296,7 @@ TEST_F(GoneSubscriber, IsDroppedWithOneLineAndTheOthersAreServed) {
   for (int i = 1; i < 4; ++i) store->raiseEvent("e", i);
 
   EXPECT_EQ(second->waitForNotified(4).size(), 4U);
-  auto const records = log.get();
+  auto const records = log.lines();
   ASSERT_EQ(records.size(), 1U);
   EXPECT_EQ(records[0].level, ka::log::Warning);
   EXPECT_EQ(records[0].text, "module 'Subscriber' is gone, its subscription to key 'e' is dropped");
@@ -320,8 +322,7 @@ TEST_F(GoneSubscriber, IsNotQueuedForAnyMore) {
   store->raiseEvent("e", 0);
   log.waitFor(1);
   // What is queued behind the call that ends the store is counted.
-  ParkingGate gate;
-  subscriber->setAction([&](auto const&) {
+  subscriber->setAction([this](auto const&) {
     gate.pass();
     store->exit();
   });
@@ -361,7 +362,7 @@ TEST_F(GoneSubscriber, IsFoundAgainIfAnotherTookItsNameMeanwhile) {
   store->raiseEvent("e", 1);
 
   EXPECT_EQ(successor->waitForNotified(1), (Notifications{{"e", 1, ""}}));
-  EXPECT_EQ(log.get().size(), 0U);
+  EXPECT_EQ(log.lines().size(), 0U);
 }
 
 TEST_F(GoneSubscriber, IsNotKeptAliveByItsSubscription) {

@@ -9,11 +9,14 @@
 
 #include <host/memory/kxmemory.hpp>
 #include <kxcommon/kxbroker.hpp>
+#include <tests/support/logcapture.hpp>
 
 #include "subscriber.hpp"
 
 namespace KX {
 namespace {
+
+using testing::LogCapture;
 
 constexpr int kThreads = 4;
 constexpr int kRaises = 20000;
@@ -61,6 +64,32 @@ TEST_F(StressStore, DeliversEveryRaiseOnceAndInOrderPerThread) {
   }
   EXPECT_EQ(second->waitForNotified(kThreads * kRaises - microCount).size(),
             kThreads * kRaises - microCount);
+}
+
+TEST_F(StressStore, DeliversTheKeptValueOfEachKeyLast) {
+  auto const first = Subscriber::create(broker, "First");
+  auto const second = Subscriber::create(broker, "Second");
+  std::vector<std::string> const keys = {"e0", "e1", "e2"};
+  for (std::string const& key : keys) {
+    store->subscribeToEvent(key, "First", "onNotify");
+    store->subscribeToEvent(key, "Second", "onNotify");
+  }
+
+  std::vector<std::thread> raisers;
+  for (int thread = 0; thread < kThreads; ++thread) {
+    raisers.emplace_back([&, thread] {
+      for (int i = 0; i < kRaises; ++i) {
+        store->raiseEvent(keys[static_cast<std::size_t>(i) % keys.size()], thread * kRaises + i);
+      }
+    });
+  }
+  for (std::thread& raiser : raisers) raiser.join();
+
+  auto const ofFirst = first->waitForNotified(kThreads * kRaises);
+  EXPECT_EQ(ofFirst, second->waitForNotified(kThreads * kRaises));
+  std::map<std::string, KXValue> last;
+  for (Notification const& one : ofFirst) last[one.name] = one.value;
+  for (std::string const& key : keys) EXPECT_EQ(last[key], store->getData(key)) << key;
 }
 
 TEST_F(StressStore, ReadsOneMomentWhileListsAreWritten) {
@@ -118,6 +147,7 @@ TEST_F(StressStore, ReadsTheRightKeysWhileOthersComeAndGo) {
 }
 
 TEST_F(StressStore, SubscriptionsComeAndGoWhileEventsAreRaised) {
+  LogCapture const quiet;
   auto const steady = Subscriber::create(broker, "Steady");
   store->subscribeToEvent("e", "Steady", "onNotify");
   std::atomic<bool> isDone{false};
@@ -131,12 +161,10 @@ TEST_F(StressStore, SubscriptionsComeAndGoWhileEventsAreRaised) {
       broker->removeModule("Passing");
     }
   });
-  ka::log::setStderrLevel(0);
   for (int i = 0; i < kRaises; ++i) store->raiseEvent("e", i);
   auto const notified = steady->waitForNotified(kRaises);
   isDone = true;
   changer.join();
-  ka::log::setStderrLevel(ka::log::Warning);
 
   ASSERT_EQ(notified.size(), static_cast<std::size_t>(kRaises));
   for (int i = 0; i < kRaises; ++i) {
@@ -144,8 +172,63 @@ TEST_F(StressStore, SubscriptionsComeAndGoWhileEventsAreRaised) {
   }
 }
 
+TEST(StressStoreEnd, DeliversOrCountsEveryRaise) {
+  for (int round = 0; round < 100; ++round) {
+    LogCapture log("KXMemory");
+    auto const broker = KXBroker::createBroker("test");
+    auto const store = KXModule::createModule<KXMemory>(broker);
+    std::vector<boost::shared_ptr<Subscriber>> subscribers;
+    for (char const* name : {"First", "Second", "Third"}) {
+      subscribers.push_back(Subscriber::create(broker, name));
+      store->subscribeToEvent("e", name, "onNotify");
+    }
+    std::vector<std::thread> raisers;
+    for (int thread = 0; thread < 2; ++thread) {
+      raisers.emplace_back([&] {
+        for (int i = 0; i < 200; ++i) store->raiseEvent("e", i);
+      });
+    }
+    for (std::thread& raiser : raisers) raiser.join();
+    store->exit();
+
+    std::size_t count = 0;
+    for (auto const& subscriber : subscribers) count += subscriber->waitForNotified(0).size();
+    for (auto const& record : log.lines()) {
+      std::string const text = "the store ends, notifications not delivered: ";
+      ASSERT_TRUE(record.text.starts_with(text)) << record.text;
+      count += std::stoul(record.text.substr(text.size()));
+    }
+    EXPECT_EQ(count, 3U * 2U * 200U);
+  }
+}
+
+TEST(StressStoreEnd, BySubscribersThemselvesIsSafe) {
+  LogCapture const quiet;
+  std::ptrdiff_t const threadsBefore = countThreads();
+  for (int round = 0; round < 200; ++round) {
+    auto const broker = KXBroker::createBroker("test");
+    auto store = KXModule::createModule<KXMemory>(broker);
+    std::vector<boost::shared_ptr<Subscriber>> subscribers;
+    for (char const* name : {"First", "Second", "Third"}) {
+      subscribers.push_back(Subscriber::create(broker, name));
+      // Holds neither the broker nor the store, which are to die here or there.
+      subscribers.back()->setAction([weak = boost::weak_ptr<KXBroker>(broker), name](auto const&) {
+        auto const locked = weak.lock();
+        if (!locked) return;
+        locked->removeModule(name);
+        locked->removeModule("KXMemory");
+      });
+      store->subscribeToEvent("e", name, "onNotify");
+    }
+    for (int i = 0; i < 5; ++i) store->raiseEvent("e", i);
+    subscribers.clear();
+    store.reset();
+  }
+  EXPECT_TRUE(waitUntil([&] { return countThreads() == threadsBefore; }));
+}
+
 TEST(StressStoreEnd, StartsAndEndsAmongRaises) {
-  ka::log::setStderrLevel(0);
+  LogCapture const quiet;
   for (int round = 0; round < 200; ++round) {
     auto const broker = KXBroker::createBroker("test");
     auto const store = KXModule::createModule<KXMemory>(broker);
@@ -164,7 +247,6 @@ TEST(StressStoreEnd, StartsAndEndsAmongRaises) {
     }
     EXPECT_EQ(store->getData("e"), KXValue(99));
   }
-  ka::log::setStderrLevel(ka::log::Warning);
 }
 
 }  // namespace

@@ -1,18 +1,22 @@
-// What the tests of the store share: a subscriber that records, and a watch over the log.
+// What the tests of the store share: a subscriber that records, and what they wait for.
 #pragma once
 
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
+#include <filesystem>
 #include <functional>
+#include <iterator>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <boost/smart_ptr/shared_ptr.hpp>
 
 #include <binding/kxpublish.hpp>
-#include <ka/log.hpp>
 #include <kxcommon/kxmodule.hpp>
+#include <kxerror/kxerror.hpp>
 #include <kxvalue/kxvalue.hpp>
 
 namespace KX {
@@ -26,7 +30,7 @@ struct Notification {
 };
 
 /// A module with two callbacks, "onNotify" and "onOther", that record, and then do what the test
-/// says. Threads: called by the store's delivery thread, looked at by the test.
+/// says. Threads: called by the store's thread for it, looked at by the test.
 class Subscriber : public KXModule {
  public:
   using Action = std::function<void(Notification const&)>;
@@ -84,34 +88,22 @@ class Subscriber : public KXModule {
   Action mAction;
 };
 
-/// Collects the log records of one category while it lives.
-class CategoryLog {
- public:
-  explicit CategoryLog(std::string const& category) {
-    ka::log::addHandler("CategoryLog", [this, category](ka::log::Record const& record) {
-      if (record.category != category) return;
-      std::lock_guard const lock(mMutex);
-      mRecords.push_back(record);
-      mChanged.notify_all();
-    });
-  }
-  ~CategoryLog() { ka::log::removeHandler("CategoryLog"); }
-  CategoryLog(CategoryLog const&) = delete;
-  CategoryLog& operator=(CategoryLog const&) = delete;
+/// The threads of this process.
+inline std::ptrdiff_t countThreads() {
+  std::filesystem::directory_iterator const threads("/proc/self/task");
+  return std::distance(begin(threads), end(threads));
+}
 
-  /// Waits for so many records, or 30 s, and gives what came.
-  std::vector<ka::log::Record> waitFor(std::size_t count) {
-    std::unique_lock lock(mMutex);
-    mChanged.wait_for(lock, std::chrono::seconds(30), [&] { return mRecords.size() >= count; });
-    return mRecords;
+/// False if the condition does not come true within 30 s.
+template <class Condition>
+bool waitUntil(Condition const& condition) {
+  auto const end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::yield();
   }
-  std::vector<ka::log::Record> get() { return waitFor(0); }
-
- private:
-  std::mutex mMutex;
-  std::condition_variable mChanged;
-  std::vector<ka::log::Record> mRecords;
-};
+  return true;
+}
 
 /// The description of the KXError that `action` throws; "no KXError" if it throws none.
 inline std::string errorOf(std::function<void()> const& action) {

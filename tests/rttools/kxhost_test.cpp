@@ -1,5 +1,6 @@
 #include <host/rttools/kxhost.hpp>
 
+#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <optional>
@@ -16,6 +17,8 @@
 #include <ka/log.hpp>
 #include <kxcommon/kxbrokermanager.hpp>
 #include <kxerror/kxerror.hpp>
+#include <tests/support/fakememory.hpp>
+#include <tests/support/logcapture.hpp>
 
 namespace KX {
 namespace {
@@ -24,6 +27,7 @@ namespace fs = std::filesystem;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using testing::LogCapture;
 using ::testing::StartsWith;
 
 std::string library(std::string const& name) {
@@ -33,17 +37,7 @@ std::string library(std::string const& name) {
 /// A host, what the libraries of the test tell in the log, and what the host complains of.
 class Host : public ::testing::Test {
  protected:
-  Host() {
-    ka::log::addHandler("Host", [this](ka::log::Record const& record) {
-      if (record.category == "testmodule") mTold.push_back(record.text);
-      if (record.category == "KXHost") mErrors.push_back(record);
-    });
-    mHost.emplace(KXHost::Options{.name = "test"});
-  }
-  ~Host() override {
-    mHost.reset();
-    ka::log::removeHandler("Host");
-  }
+  Host() { mHost.emplace(KXHost::Options{.name = "test"}); }
 
   std::string failureOfLoading(std::string const& path) {
     try {
@@ -60,8 +54,8 @@ class Host : public ::testing::Test {
     return mHost->getBroker()->getProxy(module, 0)->call<int>("twice", number);
   }
 
-  std::vector<std::string> mTold;
-  std::vector<ka::log::Record> mErrors;
+  LogCapture mTold{"testmodule"};
+  LogCapture mErrors{"KXHost"};
   std::optional<KXHost> mHost;
 };
 
@@ -74,6 +68,34 @@ TEST_F(Host, HasTheHardwareCycleOnRequest) {
   KXHost const host({.name = "paced", .withVsm = true});
 
   EXPECT_THAT(host.getBroker()->getModuleNames(), ElementsAre("KXLauncher", "KXMemory", "VSM"));
+}
+
+TEST_F(Host, GoesWithoutItsOwnStoreOrLauncherOnRequest) {
+  struct {
+    KXHost::Options options;
+    std::vector<std::string> modules;
+  } const variants[] = {
+      {{.name = "no store", .withStore = false}, {"KXLauncher"}},
+      {{.name = "no launcher", .withLauncher = false}, {"KXMemory"}},
+      {{.name = "neither", .withLauncher = false, .withStore = false}, {}},
+      {{.name = "cycle only", .withLauncher = false, .withStore = false, .withVsm = true}, {"VSM"}},
+  };
+  for (auto const& variant : variants) {
+    SCOPED_TRACE(variant.options.name);
+    KXHost const host(variant.options);
+
+    EXPECT_EQ(host.getBroker()->getModuleNames(), variant.modules);
+  }
+}
+
+TEST_F(Host, LetsAnotherStoreStandInForItsOwn) {
+  KXHost host({.name = "stand-in", .withStore = false});
+
+  auto const store = KXModule::createModule<FakeMemory>(host.getBroker());
+  store->set("key", "Data", 5);
+
+  auto const proxy = host.getBroker()->getProxy("KXMemory", 0);
+  EXPECT_EQ(proxy->call<KXValue>("getData", std::string("key")), KXValue(5));
 }
 
 TEST_F(Host, HasALauncherThatKnowsItsModules) {
@@ -111,8 +133,8 @@ TEST_F(Host, ShutsDownInReverseOrderAndClosesTheLibrariesLast) {
 
   mHost->shutdown();
 
-  EXPECT_THAT(mTold, ElementsAre("exit of second", "destroyed second", "exit of good",
-                                 "destroyed good", "closed second", "closed good"));
+  EXPECT_THAT(mTold.texts(), ElementsAre("exit of second", "destroyed second", "exit of good",
+                                         "destroyed good", "closed second", "closed good"));
   EXPECT_THAT(moduleNames(), IsEmpty());
 }
 
@@ -124,7 +146,7 @@ TEST_F(Host, ShutsDownOnce) {
   mHost->shutdown();
   mHost.reset();
 
-  EXPECT_THAT(mTold, IsEmpty());
+  EXPECT_THAT(mTold.texts(), IsEmpty());
 }
 
 TEST_F(Host, ShutsDownWhenItIsDestroyed) {
@@ -133,7 +155,7 @@ TEST_F(Host, ShutsDownWhenItIsDestroyed) {
 
   mHost.reset();
 
-  EXPECT_THAT(mTold, ElementsAre("exit of good", "destroyed good", "closed good"));
+  EXPECT_THAT(mTold.texts(), ElementsAre("exit of good", "destroyed good", "closed good"));
 }
 
 TEST_F(Host, KeepsLibrariesLoaded) {
@@ -168,7 +190,7 @@ TEST_F(Host, RefusesTheSameModuleTwiceAndKeepsTheFirst) {
   EXPECT_EQ(42, twice("good", 21));
   mTold.clear();
   mHost->shutdown();
-  EXPECT_THAT(mTold, ElementsAre("exit of good", "destroyed good", "closed good"));
+  EXPECT_THAT(mTold.texts(), ElementsAre("exit of good", "destroyed good", "closed good"));
 }
 
 TEST_F(Host, SaysWhatIsWrongWithALibrary) {
@@ -207,13 +229,11 @@ TEST_F(Host, SaysWhatIsWrongWithAFileThatIsNoLibrary) {
   fs::create_directories(folder);
   std::ofstream(folder / "text.so") << std::string(5000, 'x');
   std::ofstream(folder / "short.so") << "x";
-  fs::copy_file(library("good"), folder / "cut.so", fs::copy_options::overwrite_existing);
-  fs::resize_file(folder / "cut.so", 100);
   std::string const fault =
       "': expected a library with all its symbols resolved, but it has a "
       "fault: ";
 
-  for (auto const* name : {"text.so", "short.so", "cut.so", "."}) {
+  for (auto const* name : {"text.so", "short.so", "."}) {
     SCOPED_TRACE(name);
     std::string const path = (folder / name).string();
     std::string const failure = failureOfLoading(path);
@@ -221,6 +241,33 @@ TEST_F(Host, SaysWhatIsWrongWithAFileThatIsNoLibrary) {
     EXPECT_GT(failure.size(), ("cannot load '" + path + fault).size());
   }
   fs::remove_all(folder);
+}
+
+TEST_F(Host, RefusesALibraryThatIsCutOffWhereverItIs) {
+  fs::path const path =
+      fs::path(::testing::TempDir()) / ("host" + std::to_string(::getpid()) + "cut.so");
+  auto const whole = fs::file_size(library("good"));
+  std::string const start = "cannot load '" + path.string() + "': expected a";
+  for (auto const size : {std::uintmax_t{0}, std::uintmax_t{20}, std::uintmax_t{64},
+                          std::uintmax_t{100}, std::uintmax_t{1000}, std::uintmax_t{4096},
+                          whole / 4, whole / 2, whole * 3 / 4, whole - 4096, whole - 1}) {
+    SCOPED_TRACE(size);
+    fs::copy_file(library("good"), path, fs::copy_options::overwrite_existing);
+    fs::resize_file(path, size);
+
+    std::string const failure = failureOfLoading(path.string());
+
+    if (size < 64) {  // Less than the header: the system's own words.
+      EXPECT_THAT(failure, StartsWith(start + " library with all its symbols resolved, but it"));
+    } else {
+      EXPECT_EQ(start + " whole library, but it is cut off: by its headers it has " +
+                    std::to_string(whole) + " bytes, the file has " + std::to_string(size),
+                failure);
+    }
+  }
+  fs::copy_file(library("good"), path, fs::copy_options::overwrite_existing);
+  EXPECT_EQ("no failure", failureOfLoading(path.string()));
+  fs::remove(path);
 }
 
 TEST_F(Host, SaysThatAnEmptyPathIsNoFile) {
@@ -240,14 +287,14 @@ TEST_F(Host, IsAsBeforeAfterEachFailure) {
   EXPECT_EQ(42, twice("good", 21));
   mTold.clear();
   mHost->shutdown();
-  EXPECT_THAT(mTold, ElementsAre("exit of good", "destroyed good", "closed good"));
+  EXPECT_THAT(mTold.texts(), ElementsAre("exit of good", "destroyed good", "closed good"));
 }
 
 TEST_F(Host, DestroysWhatAFailedLibraryHadPublishedLastFirst) {
   failureOfLoading(library("returns3"));
 
-  EXPECT_THAT(mTold, ElementsAre("made first of two", "made second of two",
-                                 "destroyed second of two", "destroyed first of two"));
+  EXPECT_THAT(mTold.texts(), ElementsAre("made first of two", "made second of two",
+                                         "destroyed second of two", "destroyed first of two"));
 }
 
 TEST_F(Host, LogsALibraryThatDoesNotCloseWellAndClosesTheOthers) {
@@ -258,13 +305,14 @@ TEST_F(Host, LogsALibraryThatDoesNotCloseWellAndClosesTheOthers) {
   mHost->shutdown();
 
   std::string const expected = "': expected '_closeModule' to return 0, but it ";
-  ASSERT_EQ(2U, mErrors.size());
+  auto const errors = mErrors.lines();
+  ASSERT_EQ(2U, errors.size());
   EXPECT_EQ("module library '" + library("closethrows") + expected +
                 "threw a std::exception: cannot close",
-            mErrors[0].text);
-  EXPECT_EQ("module library '" + library("closefails") + expected + "returned 4", mErrors[1].text);
-  EXPECT_EQ(ka::log::Error, mErrors[0].level);
-  EXPECT_EQ("closed good", mTold.back());
+            errors[0].text);
+  EXPECT_EQ("module library '" + library("closefails") + expected + "returned 4", errors[1].text);
+  EXPECT_EQ(ka::log::Error, errors[0].level);
+  EXPECT_EQ("closed good", mTold.texts().back());
 }
 
 TEST_F(Host, RefusesToLoadAfterShutdown) {

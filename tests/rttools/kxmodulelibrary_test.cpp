@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <binding/kxproxycall.hpp>
+#include <kxcommon/kxbroker.hpp>
 #include <kxerror/kxerror.hpp>
 
 namespace KX {
@@ -32,6 +34,25 @@ TEST(FindLibrary, TellsWhereItLooked) {
               error.getDescription());
     EXPECT_EQ("findLibrary", error.getMethodName());
   }
+}
+
+TEST(ModuleLibrary, ServesAHostOfAnotherMake) {
+  auto const broker = KXBroker::createBroker("other");
+  KXModuleLibrary const library(KX_TEST_LIBRARY_DIR "/good.so");
+
+  library.createModule(broker);
+  EXPECT_EQ(42, broker->getProxy("good", 0)->call<int>("twice", 21));
+
+  broker->shutdown();
+  library.closeModule();
+}
+
+TEST(ModuleLibrary, ThatCannotServeLeavesTheBrokerAsItWas) {
+  auto const broker = KXBroker::createBroker("other");
+
+  EXPECT_THROW(KXModuleLibrary(KX_TEST_LIBRARY_DIR "/returns3.so").createModule(broker), KXError);
+
+  EXPECT_TRUE(broker->getModuleNames().empty());
 }
 
 }  // namespace

@@ -1,4 +1,6 @@
 #include <csignal>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -11,6 +13,7 @@ namespace KX::testing {
 namespace {
 
 using ::testing::AllOf;
+using ::testing::ContainsRegex;
 using ::testing::ElementsAre;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
@@ -57,8 +60,8 @@ Ended run(std::vector<std::string> const& arguments,
   return {exitCode, child.getOutput(), child.getErrors()};
 }
 
-TEST(Process, ServesUntilSigintOrSigtermAndEndsWell) {
-  for (int const signal : {SIGINT, SIGTERM}) {
+TEST(Process, ServesUntilItIsToldToEndAndEndsWell) {
+  for (int const signal : {SIGINT, SIGTERM, SIGHUP}) {
     SCOPED_TRACE(signal);
     ChildProcess child(commandLine({}));
     child.waitForErrorText("\n");
@@ -95,11 +98,42 @@ TEST(Process, ASignalWhileTheModuleIsMadeEndsItAfterwards) {
   EXPECT_THAT(told(ended.errors), ElementsAre("made own", "exit of own", "destroyed own"));
 }
 
+TEST(Process, ShutsDownWhenItsTerminalHangsUp) {
+  ChildProcess child(commandLine({"--log-level", "info", "--load", library("good")}));
+  child.waitForErrorText("serving");
+
+  child.sendSignal(SIGHUP);
+
+  EXPECT_EQ(0, child.waitForEnd());
+  EXPECT_THAT(told(child.getErrors()),
+              ElementsAre("made good", "made own", "exit of own", "destroyed own", "exit of good",
+                          "destroyed good", "closed good"));
+}
+
+TEST(Process, LeavesTheHangUpToNohup) {
+  ChildProcess child({"/usr/bin/nohup", KX_TEST_PROGRAM});
+  child.waitForErrorText("; Ctrl-C");
+  std::string const& errors = child.getErrors();
+  std::string const mark = "as process ";
+  auto const at = errors.find(mark) + mark.size();
+  std::string const pid = errors.substr(at, errors.find(';', at) - at);
+
+  std::ifstream file("/proc/" + pid + "/status");
+  std::string const status(std::istreambuf_iterator<char>(file), {});
+
+  // Ignored, and neither blocked nor waited for: the masks' lowest bit stands for SIGHUP.
+  EXPECT_THAT(status, ContainsRegex("SigBlk:\t[0-9a-f]{15}[02468ace]\n"));
+  EXPECT_THAT(status, ContainsRegex("SigIgn:\t[0-9a-f]{15}[13579bdf]\n"));
+  child.sendSignal(SIGTERM);
+  EXPECT_EQ(0, child.waitForEnd());
+}
+
 TEST(Process, FurtherSignalsLeaveTheShutdownAlone) {
   ChildProcess child(commandLine({"--log-level", "info"}));
   child.waitForErrorText("serving");
 
-  for (int i = 0; i < 20; ++i) child.sendSignal(i % 2 == 0 ? SIGTERM : SIGINT);
+  for (int i = 0; i < 20; ++i)
+    child.sendSignal(i % 3 == 0 ? SIGHUP : i % 3 == 1 ? SIGTERM : SIGINT);
 
   EXPECT_EQ(0, child.waitForEnd());
   EXPECT_THAT(told(child.getErrors()), ElementsAre("made own", "exit of own", "destroyed own"));
@@ -170,8 +204,8 @@ TEST(Options, HelpSaysAll) {
     for (auto const* part :
          {"Runs the module 'testprogram' as a process of its own", "KXLauncher", "KXMemory",
           "Usage: testprogram [OPTIONS]", "-h,--help", "--version", "--log-level LEVEL=warning",
-          "none, fatal, error, warning", "--load LIBRARY", "SIGINT (Ctrl-C), SIGTERM", "SIGQUIT",
-          "Exit codes:", "\n  0  ", "\n  1  ", "\n  2  "}) {
+          "none, fatal, error, warning", "--load LIBRARY", "SIGINT (Ctrl-C), SIGTERM", "SIGHUP",
+          "SIGQUIT", "Exit codes:", "\n  0  ", "\n  1  ", "\n  2  "}) {
       EXPECT_THAT(ended.output, HasSubstr(part));
     }
   }

@@ -69,10 +69,19 @@ ChildProcess::ChildProcess(std::vector<std::string> arguments,
   ::posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
   ::posix_spawn_file_actions_adddup2(&actions, output.writing, STDOUT_FILENO);
   ::posix_spawn_file_actions_adddup2(&actions, errors.writing, STDERR_FILENO);
+  // However the tests were started: what they ignore, the child would too.
+  ::posix_spawnattr_t attributes;
+  ::posix_spawnattr_init(&attributes);
+  ::sigset_t defaults;
+  ::sigemptyset(&defaults);
+  for (int const signal : {SIGHUP, SIGINT, SIGTERM}) ::sigaddset(&defaults, signal);
+  ::posix_spawnattr_setsigdefault(&attributes, &defaults);
+  ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
   auto variables = environmentWith(environment);
-  int const error = ::posix_spawn(&mPid, arguments.at(0).c_str(), &actions, nullptr,
+  int const error = ::posix_spawn(&mPid, arguments.at(0).c_str(), &actions, &attributes,
                                   pointersTo(arguments).data(), pointersTo(variables).data());
   ::posix_spawn_file_actions_destroy(&actions);
+  ::posix_spawnattr_destroy(&attributes);
   closePipe(output.writing);
   closePipe(errors.writing);
   mOutputPipe = output.reading;

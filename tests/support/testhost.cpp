@@ -1,17 +1,11 @@
 #include <tests/support/testhost.hpp>
 
-#include <atomic>
 #include <utility>
 
 #include <host/launcher/kxlauncher.hpp>
 
 namespace KX::testing {
 namespace {
-
-std::string nextHandlerName() {
-  static std::atomic<int> count{0};
-  return "TestHost" + std::to_string(++count);
-}
 
 class ScriptModule : public KXModule {
  public:
@@ -31,18 +25,12 @@ class ScriptModule : public KXModule {
 
 }  // namespace
 
-TestHost::TestHost(std::string const& brokerName)
-    : mLogHandler(nextHandlerName()), mBroker(KXBroker::createBroker(brokerName)) {
-  ka::log::addHandler(mLogHandler, [this](ka::log::Record const& record) {
-    std::lock_guard<std::mutex> const lock(mMutex);
-    mLogged.push_back(record);
-  });
+TestHost::TestHost(std::string const& brokerName) : mBroker(KXBroker::createBroker(brokerName)) {
   publish<KXLauncher>();
 }
 
 TestHost::~TestHost() {
   mBroker->shutdown();
-  ka::log::removeHandler(mLogHandler);
 }
 
 void TestHost::publish(boost::shared_ptr<KXModule> const& module) {
@@ -56,11 +44,6 @@ void TestHost::publishScript(std::string const& name, Script script) {
 
 boost::shared_ptr<KXProxy> TestHost::getProxy(std::string const& module) const {
   return mBroker->getProxy(module, 0);
-}
-
-std::vector<ka::log::Record> TestHost::getLogged() const {
-  std::lock_guard<std::mutex> const lock(mMutex);
-  return mLogged;
 }
 
 }  // namespace KX::testing

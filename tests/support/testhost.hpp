@@ -2,17 +2,16 @@
 #pragma once
 
 #include <functional>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include <boost/smart_ptr/shared_ptr.hpp>
 
 #include <binding/kxproxycall.hpp>
-#include <ka/log.hpp>
 #include <kxcommon/kxbroker.hpp>
 #include <kxcommon/kxmodule.hpp>
 #include <kxvalue/kxvalue.hpp>
+#include <tests/support/logcapture.hpp>
 
 namespace KX::testing {
 
@@ -54,14 +53,12 @@ class TestHost {
     return getProxy(module)->genericCall(method, KXValue::arrayOf(KXValue(arguments)...));
   }
 
-  /// What this process has logged since the host was made.
-  std::vector<ka::log::Record> getLogged() const;
+  /// What this process has logged since the host was made; none of it goes to stderr.
+  std::vector<LogLine> getLogged() const { return mLog.lines(); }
 
  private:
-  std::string const mLogHandler;
+  LogCapture const mLog;
   boost::shared_ptr<KXBroker> const mBroker;
-  mutable std::mutex mMutex;
-  std::vector<ka::log::Record> mLogged;  // guarded by mMutex
 };
 
 }  // namespace KX::testing
