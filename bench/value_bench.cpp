@@ -1,6 +1,6 @@
-// The value alone: a copy that comes and goes, and an array of samples [[s, us], v] built and
-// freed. The floor knows what it holds and needs no tag to find out: blocks with an atomic counter,
-// one allocation per array.
+// The value alone: a copy that comes and goes, an array of samples [[s, us], v] built and
+// freed, and the rows of a fetch. The floor knows what it holds and needs no tag to find out:
+// blocks with an atomic counter, one allocation per array.
 
 #include <atomic>
 #include <cstdint>
@@ -10,6 +10,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <kxvalue/kxrows.hpp>
 #include <kxvalue/kxvalue.hpp>
 
 namespace KX::bench {
@@ -113,11 +114,39 @@ void samplesFloor(benchmark::State& state) {
   }
 }
 
+// A fetch: for each key an array of [time, value] rows, the times those of all keys.
+void rowsOurs(benchmark::State& state) {
+  auto const keyCount = static_cast<std::size_t>(state.range(0));
+  auto const rowCount = static_cast<std::size_t>(state.range(1));
+  for (auto _ : state) {
+    KXRows times(rowCount);
+    for (std::size_t i = 0; i < rowCount; ++i) times.push(static_cast<int>(i), 5);
+    KXValue const shared = times.take();
+    KXValue result;
+    result.arrayReserve(static_cast<int>(keyCount));
+    for (std::size_t key = 0; key < keyCount; ++key) {
+      KXRows rows(rowCount, shared);
+      for (std::size_t i = 0; i < rowCount; ++i) rows.pushShared(i, 2.5);
+      result.arrayPush(rows.take());
+    }
+    benchmark::DoNotOptimize(result);
+  }
+  state.counters["per row"] =
+      benchmark::Counter(static_cast<double>(state.iterations() * keyCount * rowCount),
+                         benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+}
+
 BENCHMARK(copyNumberOurs)->Name("value/copy number/ours");
 BENCHMARK(copyNumberFloor)->Name("value/copy number/floor");
 BENCHMARK(copyTextOurs)->Name("value/copy text/ours");
 BENCHMARK(copyTextFloor)->Name("value/copy text/floor");
 BENCHMARK(samplesOurs)->Name("value/samples/ours")->Unit(benchmark::kMillisecond);
+BENCHMARK(rowsOurs)
+    ->Name("value/rows/ours")
+    ->ArgNames({"keys", "rows"})
+    ->Args({1000, 1000})
+    ->Args({10'000, 100})
+    ->Unit(benchmark::kMillisecond);
 BENCHMARK(samplesFloor)->Name("value/samples/floor")->Unit(benchmark::kMillisecond);
 
 }  // namespace

@@ -81,35 +81,49 @@ class KXFunctor_3
   using KXBoundFunctor<R (T::*)(P1 const&, P2 const&, P3 const&), T, R, P1, P2, P3>::KXBoundFunctor;
 };
 
-/// Binds a member function. The functor keeps the plain pointer: it must not outlive the object.
+/// The object as the class that has the member.
+template <class Owner, class T>
+Owner* asOwner(T* object) {
+  static_assert(
+      std::is_convertible_v<T*, Owner*>,
+      "the object is not known to be of the member's class: a helper of a base class takes "
+      "the object as well as the member, or casts: static_cast<Derived*>(this)");
+  return object;
+}
+
+/// Binds a member function. The object may be of a class derived from the member's. The functor
+/// keeps the plain pointer: it must not outlive the object.
 template <class T, class C, class R>
 boost::shared_ptr<KXFunctorBase> createFunctor(T* object, R (C::*member)()) {
-  return boost::shared_ptr<KXFunctorBase>(new KXFunctor_0<C, R>(object, member));
+  return boost::shared_ptr<KXFunctorBase>(new KXFunctor_0<C, R>(asOwner<C>(object), member));
 }
 template <class T, class C, class R, class P1>
 boost::shared_ptr<KXFunctorBase> createFunctor(T* object, R (C::*member)(P1 const&)) {
-  return boost::shared_ptr<KXFunctorBase>(new KXFunctor_1<C, P1, R>(object, member));
+  return boost::shared_ptr<KXFunctorBase>(new KXFunctor_1<C, P1, R>(asOwner<C>(object), member));
 }
 template <class T, class C, class R, class P1, class P2>
 boost::shared_ptr<KXFunctorBase> createFunctor(T* object, R (C::*member)(P1 const&, P2 const&)) {
-  return boost::shared_ptr<KXFunctorBase>(new KXFunctor_2<C, P1, P2, R>(object, member));
+  return boost::shared_ptr<KXFunctorBase>(
+      new KXFunctor_2<C, P1, P2, R>(asOwner<C>(object), member));
 }
 template <class T, class C, class R, class P1, class P2, class P3>
 boost::shared_ptr<KXFunctorBase> createFunctor(T* object,
                                                R (C::*member)(P1 const&, P2 const&, P3 const&)) {
-  return boost::shared_ptr<KXFunctorBase>(new KXFunctor_3<C, P1, P2, P3, R>(object, member));
+  return boost::shared_ptr<KXFunctorBase>(
+      new KXFunctor_3<C, P1, P2, P3, R>(asOwner<C>(object), member));
 }
 /// The other shapes: more parameters, parameters by value, const members.
 template <class T, class C, class R, class... P>
 boost::shared_ptr<KXFunctorBase> createFunctor(T* object, R (C::*member)(P...)) {
   return boost::shared_ptr<KXFunctorBase>(
-      new KXBoundFunctor<R (C::*)(P...), C, R, std::remove_cvref_t<P>...>(object, member));
+      new KXBoundFunctor<R (C::*)(P...), C, R, std::remove_cvref_t<P>...>(asOwner<C>(object),
+                                                                          member));
 }
 template <class T, class C, class R, class... P>
 boost::shared_ptr<KXFunctorBase> createFunctor(T* object, R (C::*member)(P...) const) {
   return boost::shared_ptr<KXFunctorBase>(
-      new KXBoundFunctor<R (C::*)(P...) const, C const, R, std::remove_cvref_t<P>...>(object,
-                                                                                      member));
+      new KXBoundFunctor<R (C::*)(P...) const, C const, R, std::remove_cvref_t<P>...>(
+          asOwner<C const>(object), member));
 }
 
 }  // namespace detail

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include <binding/kxerrorplaces.hpp>
 #include <kxerror/kxerror.hpp>
 #include <kxvalue/kxvalue.hpp>
 
@@ -14,7 +15,7 @@ namespace detail {
 [[noreturn]] inline void throwConversionError(KXValue const& value, char const* suffix, int line) {
   throw KXError("convertFromKXValue", "convertFromKXValue",
                 "Parameter type is " + KXValue::TypeToString(value.getType()) + suffix,
-                "kxvalue/detail/kxfunctorconvert", line);
+                kConvertFile, line);
 }
 
 /// converter<T>::convertFromKXValue(value) gives the value as a T. A value of a type that is not
@@ -25,7 +26,8 @@ struct converter;
 template <>
 struct converter<int> {
   static int convertFromKXValue(KXValue const& value) {
-    if (value.getType() != KXValue::TypeInt) throwConversionError(value, " instead of int", 45);
+    if (value.getType() != KXValue::TypeInt)
+      throwConversionError(value, " instead of int", kNoIntLine);
     return static_cast<int>(value);
   }
 };
@@ -34,7 +36,7 @@ template <>
 struct converter<std::string> {
   static std::string convertFromKXValue(KXValue const& value) {
     if (value.getType() != KXValue::TypeString) {
-      throwConversionError(value, " instead of string", 88);
+      throwConversionError(value, " instead of string", kNoStringLine);
     }
     return static_cast<std::string const&>(value);
   }
@@ -45,7 +47,7 @@ struct converter<bool> {
   static bool convertFromKXValue(KXValue const& value) {
     if (value.getType() == KXValue::TypeBool) return static_cast<bool>(value);
     if (value.getType() == KXValue::TypeInt) return static_cast<int>(value) != 0;
-    throwConversionError(value, " instead of bool", 137);
+    throwConversionError(value, " instead of bool", kNoBoolLine);
   }
 };
 
@@ -53,7 +55,7 @@ template <>
 struct converter<std::vector<std::string>> {
   static std::vector<std::string> convertFromKXValue(KXValue const& value) {
     if (value.getType() != KXValue::TypeArray) {
-      throwConversionError(value, " instead of vector", 184);
+      throwConversionError(value, " instead of vector", kNoVectorLine);
     }
     std::vector<std::string> texts;
     value.ToStringArray(texts, false);
@@ -66,7 +68,7 @@ template <>
 struct converter<double> {
   static double convertFromKXValue(KXValue const& value) {
     if (value.getType() != KXValue::TypeFloat && value.getType() != KXValue::TypeInt) {
-      throwConversionError(value, " instead of float", 0);
+      throwConversionError(value, " instead of float", kNoLine);
     }
     return static_cast<double>(value);
   }

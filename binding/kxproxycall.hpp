@@ -5,6 +5,7 @@
 #include <string>
 #include <type_traits>
 
+#include <binding/kxerrorplaces.hpp>
 #include <binding/kxfunctor.hpp>
 #include <binding/kxfunctorconvert.hpp>
 #include <binding/kxsignature.hpp>
@@ -16,7 +17,9 @@
 namespace KX {
 namespace detail {
 
-inline constexpr char const* kProxyFile = "kxcommon/kxproxy";
+/// The type that an argument is passed as: texts in quotes are strings.
+template <class P>
+using KXArgument = std::conditional_t<std::is_convertible_v<P const&, char const*>, std::string, P>;
 
 /// A result that came as a value, as an R; a call that wants nothing ignores what came.
 template <class R>
@@ -36,7 +39,7 @@ void checkParameters(KXMethodInfo const& info, std::string const& moduleName) {
                   "When trying to call module '" + moduleName + "' function '" + info.name +
                       "' parameter #" + std::to_string(i) + " is of type " + given +
                       " instead of type " + declared,
-                  kProxyFile, 93);
+                  kProxyFile, kWrongParameterTypeLine);
   };
   (check(getParamStrType<P>()), ...);
   if (info.parameters.size() != sizeof...(P)) {
@@ -44,7 +47,7 @@ void checkParameters(KXMethodInfo const& info, std::string const& moduleName) {
                   "method '" + info.name + "' of module '" + moduleName + "' takes " +
                       std::to_string(info.parameters.size()) + " arguments, " +
                       std::to_string(sizeof...(P)) + " given",
-                  kProxyFile, 0);
+                  kProxyFile, kNoLine);
   }
 }
 
@@ -52,7 +55,9 @@ void checkParameters(KXMethodInfo const& info, std::string const& moduleName) {
 
 template <class R, class... P>
 R KXProxy::call(std::string const& method, P const&... arguments) {
-  if (isLocal() && !isScript()) return xCallLocal<R, P...>(method, arguments...);
+  if (isLocal() && !isScript()) {
+    return xCallLocal<R, detail::KXArgument<P>...>(method, arguments...);
+  }
 
   KXValue const params = KXValue::arrayOf(KXValue(arguments)...);
   KXValue result;
@@ -65,7 +70,7 @@ R KXProxy::call(std::string const& method, P const&... arguments) {
     throw KXError("KXProxy", "call",
                   "Waiting for the result of a void function " + method + " " + params.toString(1) +
                       "   " + result.toString(1),
-                  detail::kProxyFile, 103);
+                  detail::kProxyFile, detail::kVoidResultLine);
   }
   return detail::convertResult<R>(result);
 }
@@ -82,7 +87,7 @@ R KXProxy::xCallLocal(std::string const& method, P const&... arguments) {
       throw KXError("KXProxy", "call",
                     "wrong return type for function '" + method + "' type is '" +
                         info->result.type + "' instead of '" + expected,
-                    detail::kProxyFile, 92);
+                    detail::kProxyFile, detail::kWrongReturnTypeLine);
     }
   }
   detail::checkParameters<P...>(*info, xGetModuleName());

@@ -1,5 +1,7 @@
 #include <memorywatcher/kxgates.hpp>
 
+#include <utility>
+
 namespace KX {
 
 void KXCycleGate::lock() noexcept {
@@ -13,26 +15,32 @@ void KXCycleGate::unlock() noexcept {
 }
 
 void KXSleepGate::lock() {
-  boost::unique_lock<boost::mutex> guard(mMutex);
-  while (mIsLocked) mUnlocked.wait(guard);
+  boost::unique_lock<boost::mutex> guard(*mMutex);
+  while (mIsLocked) mChanged.wait(guard);
   mIsLocked = true;
+  mIsInterrupted = false;
 }
 
 void KXSleepGate::unlock() {
-  {
-    boost::lock_guard<boost::mutex> const guard(mMutex);
-    mIsLocked = false;
-  }
-  mUnlocked.notify_one();
+  boost::lock_guard<boost::mutex> const guard(*mMutex);
+  mIsLocked = false;
+  // Within the lock: the next holder may end, and the gate with it, before we are out of here.
+  mChanged.notify_all();
 }
 
-bool KXSleepGate::lockUntil(boost::posix_time::ptime const& deadline) {
-  boost::unique_lock<boost::mutex> guard(mMutex);
-  // This form looks at the wall clock first and every 100 ms: the plain one refuses a deadline from
-  // before the machine's start, which is what a clock that is set while we sleep makes of ours.
-  if (!mUnlocked.timed_wait(guard, deadline, [this] { return !mIsLocked; })) return false;
-  mIsLocked = true;
-  return true;
+void KXSleepGate::interrupt() {
+  boost::lock_guard<boost::mutex> const guard(*mMutex);
+  if (!mIsLocked) return;
+  mIsInterrupted = true;
+  mChanged.notify_all();
+}
+
+bool KXSleepGate::sleepUntil(std::int64_t deadlineNs) {
+  boost::unique_lock<boost::mutex> guard(*mMutex);
+  while (!mIsInterrupted && mClock.monotonicNs() < deadlineNs) {
+    mClock.waitUntil(mChanged, guard, deadlineNs);
+  }
+  return std::exchange(mIsInterrupted, false);
 }
 
 }  // namespace KX

@@ -2,12 +2,13 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
+#include <optional>
 
-#include <boost/date_time/posix_time/posix_time_types.hpp>
 #include <boost/thread/condition_variable.hpp>
 #include <boost/thread/mutex.hpp>
 
-#include <kxthread/kxcallbackguard.hpp>
+#include <kxthread/kxclock.hpp>
 
 namespace KX {
 
@@ -25,22 +26,34 @@ class KXCycleGate {
   std::atomic<int> mIsOpen{1};
 };
 
-/// The interruptible sleep, initially unlocked: a lock that can be waited for until a moment of the
-/// UTC wall clock, and that any thread may unlock.
+/// The interruptible sleep of one loop at a time: the loop locks it for its whole run, and sleeps
+/// by waiting within for a moment of the monotonic clock or for an interruption.
 class KXSleepGate {
  public:
   /// Throws boost::thread_resource_error if the system is out of mutexes or condition variables.
-  KXSleepGate() = default;
+  explicit KXSleepGate(KXClock& clock) : mMutex(std::in_place), mClock(clock) {}
+  /// The mutex goes before the condition variable.
+  ~KXSleepGate() { mMutex.reset(); }
+  KXSleepGate(KXSleepGate const&) = delete;
+  KXSleepGate& operator=(KXSleepGate const&) = delete;
 
+  /// Waits while another loop has it. Forgets interruptions from before.
   void lock();
+  /// The loop's end.
   void unlock();
-  /// True if the gate could be locked before the deadline; false when the deadline has passed.
-  bool lockUntil(boost::posix_time::ptime const& deadline);
+  /// Ends the sleep that the gate's holder is in or will next begin: one, however often it is
+  /// called until then. Does nothing if no loop has the gate.
+  void interrupt();
+  /// For the loop that has the gate. True if it was interrupted, false when the deadline has
+  /// passed.
+  bool sleepUntil(std::int64_t deadlineNs);
 
  private:
-  boost::mutex mMutex;
-  boost::condition_variable mUnlocked;
+  std::optional<boost::mutex> mMutex;
+  boost::condition_variable mChanged;
   bool mIsLocked = false;
+  bool mIsInterrupted = false;
+  KXClock& mClock;
 };
 
 }  // namespace KX

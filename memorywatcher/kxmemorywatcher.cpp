@@ -1,6 +1,7 @@
 #include <memorywatcher/kxmemorywatcher.hpp>
 
 #include <algorithm>
+#include <cstdlib>
 #include <exception>
 
 #include <boost/function.hpp>
@@ -10,38 +11,39 @@
 #include <binding/kxsignature.hpp>
 #include <ka/log.hpp>
 #include <ka/os.hpp>
+#include <kxcommon/kxmodulescope.hpp>
 #include <kxerror/kxerror.hpp>
 #include <kxthread/kxcriticalsection.hpp>
+#include <memorywatcher/kxfetch.hpp>
 
 namespace KX {
 
 namespace {
 
-using boost::posix_time::microsec_clock;
 using boost::posix_time::milliseconds;
 using boost::posix_time::ptime;
+
+using boost::posix_time::microseconds;
 
 constexpr int kCycleMs = 10;
 constexpr char const* kModuleName = "KXMemoryWatcher";
 constexpr char const* kEventMethod = "_onEventNotify";
 
-// Natures that mean something here; any other is plain data.
-constexpr char const* kEvent = "Event";
-constexpr char const* kMicroEvent = "MicroEvent";
-constexpr char const* kUnknownData = "Unknown data";
+// Events wait in front of their table until somebody looks at it. More than so many of them the
+// update cycle takes in, so that they do not keep the next client waiting.
+constexpr std::size_t kManyEvents = 65536;
 
 bool isEventNature(std::string const& nature) {
   return nature == kEvent || nature == kMicroEvent;
 }
 
-void appendEntries(KXListenerMap const& map, KXTimePairs& pairs, KXValue& result) {
-  for (auto const& [key, item] : map) {
-    result.arrayPush(KXValue::arrayOf(KXValue(key), item.newSamples(pairs)));
-  }
+ptime const& epoch() {
+  static ptime const value(boost::gregorian::date(1970, 1, 1));
+  return value;
 }
 
-void clearAll(KXListenerMap& map) {
-  for (auto& [key, item] : map) item.clear();
+ptime utcTime(ka::os::timeval time) {
+  return epoch() + boost::posix_time::seconds(time.tv_sec) + microseconds(time.tv_usec);
 }
 
 // Runs a step that nobody is above of to catch what it throws: that would end the whole host.
@@ -58,17 +60,40 @@ void runLogged(char const* function, char const* stepName, Step&& step) {
   }
 }
 
+// What came out of the loop, being handled. No cycle catches it, so nobody samples any more.
+void warnStandstill(char const* function) {
+  auto const warn = [&](char const* what) {
+    ka::log::LogStream(ka::log::Warning, kModuleName, "", function, 0)
+        << "the watch stands still after an exception: " << what
+        << "; stopWatching and startWatching set it going again";
+  };
+  try {
+    throw;
+  } catch (std::exception const& error) {
+    warn(messageOf(error));
+  } catch (...) {
+    warn("of unknown type");
+  }
+}
+
 }  // namespace
 
 // ---- construction, method table, tear-down
 
-KXMemoryWatcher::KXMemoryWatcher(boost::shared_ptr<KXBroker> broker)
+KXMemoryWatcher::KXMemoryWatcher(boost::shared_ptr<KXBroker> broker, KXClock& clock)
     : KXModule(broker, kModuleName),
+      mClock(clock),
       mDataMutex(KXMutex::createKXMutex()),
       mEventMutex(KXMutex::createKXMutex()),
+      mSleepGate(clock),
+      mDataItems(mDataMutex),
+      mEventItems(mEventMutex),
       mMemoryProxy(new KXMemoryProxy(broker)),
       mPacingMutex(KXMutex::createKXMutex()),
-      mControlMutex(KXMutex::createKXMutex()) {
+      mClockWatch(clock),
+      mControlMutex(KXMutex::createKXMutex()),
+      mLoops(std::make_shared<KXCallbackGuard>()) {
+  onClosing([this] { mSleepGate.interrupt(); });
   setModuleDescription("This is a module design to buffer and log values from KXMemory");
   xPublishMethods();
   mUseTimedSleep =
@@ -81,10 +106,8 @@ KXMemoryWatcher::~KXMemoryWatcher() {
     runLogged("~KXMemoryWatcher", name, run);
   };
   step("stopWatching", [this] { stopWatching(); });
-  // What stopWatching() may have left: a loop that stopped the watch itself and so could not wait
-  // for its own end, and parallel calls of _mainThread that clients made.
-  if (mWatchThread.joinable()) step("join", [this] { mWatchThread.join(); });
-  endParallelCalls();
+  // A loop that stopped the watch itself, and so could not wait for its own end.
+  mLoops->close();
   step("clearBufferData", [this] { clearBufferData(); });
   step("clearBufferEvent", [this] { clearBufferEvent(); });
   step("removeAllListeners", [this] { removeAllListeners(); });
@@ -195,31 +218,19 @@ void KXMemoryWatcher::addListener(std::string const& name) {
   ka::os::timeval firstTime;
   if (mIsWatching) {
     if (item.getNature() != kUnknownData) firstValue = mMemoryProxy->getData(name);
-    ka::os::gettimeofday(&firstTime);
+    firstTime = mClock.wallTime();
   }
 
-  // In both halves the inbox is filed once more before the entry is written: what a callback for
-  // the new key left behind since the subscription gives way to the entry.
-  if (isEventNature(item.getNature())) {
-    KXCriticalSection const lock(mEventMutex);
-    xFileEvents();
-    if (mEventItems.contains(name)) return;
-    if (mIsWatching) {
-      item.addData(firstTime, firstValue);
-      xSubscribe(name, item.getNature());
-    }
-    xFileEvents();
-    mEventList.isCurrent = false;
-    mEventItems.insert_or_assign(name, item);
-  } else {
-    KXCriticalSection const lock(mDataMutex);
-    xFileData();
-    if (mDataItems.contains(name)) return;
-    if (mIsWatching) item.addData(firstTime, firstValue);
-    xFileData();
-    mDataList.isCurrent = false;
-    mDataItems.insert_or_assign(name, item);
+  bool const isEvent = isEventNature(item.getNature());
+  KXListenerTable::Access items(isEvent ? mEventItems : mDataItems);
+  if (items.find(name) != nullptr) return;
+  if (mIsWatching) {
+    item.addData(firstTime, firstValue);
+    if (isEvent) xSubscribe(name, item.getNature());
   }
+  // What a callback for the new key left behind since the subscription gives way to the entry.
+  items.takeIn();
+  items.insert(name, item);
 }
 
 void KXMemoryWatcher::addListeners(std::vector<std::string> const& listNames) {
@@ -227,22 +238,20 @@ void KXMemoryWatcher::addListeners(std::vector<std::string> const& listNames) {
 }
 
 void KXMemoryWatcher::removeListener(std::string const& name) {
+  KXListenerTable::Dropped droppedData;  // destroyed without a lock, as all that is dropped
+  KXListenerTable::Dropped droppedEvents;
   {
-    KXCriticalSection const lock(mDataMutex);
-    xFileData();
-    if (mDataItems.erase(name) > 0) mDataList.isCurrent = false;
+    KXListenerTable::Access data(mDataItems);
+    droppedData = data.erase(name);
   }
-  KXCriticalSection const lock(mEventMutex);
-  xFileEvents();
-  auto const entry = mEventItems.find(name);
-  if (entry == mEventItems.end()) return;
-  std::string const nature = entry->second.getNature();
+  KXListenerTable::Access events(mEventItems);
+  KXMemoryWatcherItem const* const item = events.find(name);
+  if (item == nullptr) return;
   // Before the entry goes: if the store fails, the key must still be there. What was raised until
   // then belongs to the entry and goes with it.
-  xUnsubscribe(name, nature);
-  xFileEvents();
-  mEventItems.erase(name);
-  mEventList.isCurrent = false;
+  xUnsubscribe(name, std::string(item->getNature()));
+  events.takeIn();
+  droppedEvents = events.erase(name);
 }
 
 void KXMemoryWatcher::removeListeners(std::vector<std::string> const& listNames) {
@@ -250,28 +259,31 @@ void KXMemoryWatcher::removeListeners(std::vector<std::string> const& listNames)
 }
 
 void KXMemoryWatcher::removeAllListeners() {
+  KXListenerTable::Dropped droppedData;
+  KXListenerTable::Dropped droppedEvents;
   {
-    KXCriticalSection const lock(mDataMutex);
-    xFileData();
-    mDataItems.clear();
-    mDataList.isCurrent = false;
+    KXListenerTable::Access data(mDataItems);
+    droppedData = data.eraseAll();
   }
-  KXCriticalSection const lock(mEventMutex);
-  for (auto const& [key, nature] : xEventNatures()) xUnsubscribe(key, nature);
-  xFileEvents();
-  mEventItems.clear();
-  mEventList.isCurrent = false;
+  KXListenerTable::Access events(mEventItems);
+  for (auto const& [key, nature] : events.natures()) xUnsubscribe(key, nature);
+  events.takeIn();
+  droppedEvents = events.eraseAll();
 }
 
 std::vector<std::string> KXMemoryWatcher::listeners() {
-  KXCriticalSection const eventLock(mEventMutex);
-  KXCriticalSection const dataLock(mDataMutex);
-  xFileEvents();
-  xFileData();
+  KXKeyListPtr dataList;
+  KXKeyListPtr eventList;
+  {
+    KXListenerTable::Access events(mEventItems);
+    KXListenerTable::Access data(mDataItems);
+    dataList = data.list();
+    eventList = events.list();
+  }
   std::vector<std::string> names;
-  names.reserve(mDataItems.size() + mEventItems.size());
-  for (auto const& [key, item] : mDataItems) names.push_back(key);
-  for (auto const& [key, item] : mEventItems) names.push_back(key);
+  names.reserve(dataList->since.size() + eventList->since.size());
+  dataList->keys.ToStringArray(names, false);
+  eventList->keys.ToStringArray(names, false);
   return names;
 }
 
@@ -305,7 +317,7 @@ void KXMemoryWatcher::unsubscribeFromMicroEvent(std::string const& name) {
 
 // The two walks make their calls to the store without any lock, over a copy of keys and natures.
 void KXMemoryWatcher::subscribeToEvents() {
-  xUpdateValues(xEventItems());
+  xUpdateValues(mEventItems);
   for (auto const& [key, nature] : xEventNatures()) xSubscribe(key, nature);
 }
 
@@ -322,12 +334,7 @@ void KXMemoryWatcher::xUnsubscribe(std::string const& name, std::string const& n
 }
 
 std::vector<std::pair<std::string, std::string>> KXMemoryWatcher::xEventNatures() {
-  KXCriticalSection const lock(mEventMutex);
-  xFileEvents();
-  std::vector<std::pair<std::string, std::string>> natures;
-  natures.reserve(mEventItems.size());
-  for (auto const& [key, item] : mEventItems) natures.emplace_back(key, item.getNature());
-  return natures;
+  return KXListenerTable::Access(mEventItems).natures();
 }
 
 // ---- event capture
@@ -335,40 +342,23 @@ std::vector<std::pair<std::string, std::string>> KXMemoryWatcher::xEventNatures(
 void KXMemoryWatcher::onEventNotify(std::string const& dataName, KXValue const& dataValue,
                                     KXValue const&) {
   if (!mIsWatching) return;
-  ka::os::timeval time;
-  ka::os::gettimeofday(&time);
-  mEventInbox.postSample(dataName, time, dataValue);
+  mEventItems.postSample(dataName, mClock.wallTime(), dataValue);
 }
 
 // ---- retrieval and clearing
 
 KXValue KXMemoryWatcher::getData() {
-  KXValue result;
-  result.arraySetSize(0);
-  KXTimePairs pairs;
-  // On purpose copied in one hold of the lock and cleared in another. What is filed in between is
-  // returned by the next fetch: only what was handed out is cleared.
-  {
-    KXCriticalSection const lock(mDataMutex);
-    xFileData();
-    appendEntries(mDataItems, pairs, result);
-    for (auto& [key, item] : mDataItems) item.markHandedOut();
+  KXTaken data = KXListenerTable::Access(mDataItems).take();
+  KXTaken events;
+  try {
+    events = KXListenerTable::Access(mEventItems).take();
+    return buildFetch(data, events);
+  } catch (...) {
+    // Nothing is lost for want of memory.
+    mDataItems.putBack(std::move(data));
+    mEventItems.putBack(std::move(events));
+    throw;
   }
-  {
-    KXCriticalSection const lock(mDataMutex);
-    for (auto& [key, item] : mDataItems) item.clearHandedOut();
-  }
-  {
-    KXCriticalSection const lock(mEventMutex);
-    xFileEvents();
-    appendEntries(mEventItems, pairs, result);
-    for (auto& [key, item] : mEventItems) item.markHandedOut();
-  }
-  {
-    KXCriticalSection const lock(mEventMutex);
-    for (auto& [key, item] : mEventItems) item.clearHandedOut();
-  }
-  return result;
 }
 
 void KXMemoryWatcher::clearBuffer() {
@@ -376,16 +366,13 @@ void KXMemoryWatcher::clearBuffer() {
   clearBufferEvent();
 }
 
+// What is taken is dropped behind the access, without a lock.
 void KXMemoryWatcher::clearBufferData() {
-  KXCriticalSection const lock(mDataMutex);
-  xFileData();
-  clearAll(mDataItems);
+  KXTaken const dropped = KXListenerTable::Access(mDataItems).take();
 }
 
 void KXMemoryWatcher::clearBufferEvent() {
-  KXCriticalSection const lock(mEventMutex);
-  xFileEvents();
-  clearAll(mEventItems);
+  KXTaken const dropped = KXListenerTable::Access(mEventItems).take();
 }
 
 // ---- watch control, period and pacing
@@ -395,21 +382,20 @@ bool KXMemoryWatcher::isWatching() {
 }
 
 void KXMemoryWatcher::setPeriodMs(int const& period) {
-  int const truncated = period / kCycleMs * kCycleMs;
-  int newPeriod = period;
-  if (period != truncated || period <= 9) {
-    newPeriod = truncated >= 11 ? truncated : kCycleMs;
+  int const newPeriod = std::max(period / kCycleMs * kCycleMs, kCycleMs);
+  if (newPeriod != period) {
     ka::log::LogStream(ka::log::Warning, kModuleName, "", "setPeriodMs", 0)
         << "Period have to be multiple of 10 ms, Value will be truncated to " << newPeriod;
   }
+  bool const hasDeadline = mIsWatching && mUseTimedSleep;
+  if (hasDeadline) xFollowClock();
   KXCriticalSection const lock(mPacingMutex);
-  if (mIsWatching && mUseTimedSleep) {
+  if (hasDeadline) {
     // Before the period changes: the pending deadline was computed with the old one.
     ptime const candidate =
         mNextWakeTime - milliseconds(mPeriodMs.load()) + milliseconds(newPeriod);
-    ptime const now = microsec_clock::universal_time();
-    mNextWakeTime = now > candidate ? now : candidate;
-    mSleepGate.unlock();
+    mNextWakeTime = std::max(utcTime(mClock.wallTime()), candidate);
+    mSleepGate.interrupt();
   }
   mPeriodMs = newPeriod;
   mCyclesPerPeriod = newPeriod / kCycleMs;
@@ -417,18 +403,24 @@ void KXMemoryWatcher::setPeriodMs(int const& period) {
 
 void KXMemoryWatcher::startWatching(int const& period) {
   if (mIsStarting || mIsWatching || isClosing()) return;
-  // A start that meets a stop in progress waits for it, so that there is never a second loop.
   KXCriticalSection const control(mControlMutex);
-  if (mIsStarting || mIsWatching || isClosing()) return;
+  // A stop in progress is not waited for: it may wait for the very cycle that calls here.
+  if (mIsStarting || mIsWatching || mIsStopping || isClosing()) return;
   mIsStarting = true;
   setPeriodMs(period);
-  if (mUseTimedSleep) {
+  {
     KXCriticalSection const lock(mPacingMutex);
-    mNextWakeTime = microsec_clock::universal_time() + milliseconds(mPeriodMs.load());
+    mClockWatch.restart();
+    if (mUseTimedSleep) xSetNextWakeTime();
   }
+  ++mRun;
   mIsWatching = true;
   mUseTimedSleep ? xStartTimedPacing() : xStartCyclePacing();
   mIsStarting = false;
+}
+
+void KXMemoryWatcher::xSetNextWakeTime() {
+  mNextWakeTime = utcTime(mClock.wallTime()) + milliseconds(mPeriodMs.load());
 }
 
 void KXMemoryWatcher::xStartCyclePacing() {
@@ -444,7 +436,8 @@ void KXMemoryWatcher::xStartCyclePacing() {
     guard->leave();
   };
   mVsmConnection = vsm->cycleSignal().connect(slot);
-  mWatchThread = boost::thread([this] { xRunWatchThread(); });
+  if (mWatchThread.joinable()) mWatchThread.detach();  // that of a run that ended itself
+  mWatchThread = boost::thread([this, run = mRun.load()] { xRunWatchThread(run); });
 }
 
 void KXMemoryWatcher::xStartTimedPacing() {
@@ -453,23 +446,33 @@ void KXMemoryWatcher::xStartTimedPacing() {
 
 void KXMemoryWatcher::stopWatching() {
   if (!mIsWatching) return;
-  KXCriticalSection const control(mControlMutex);
-  if (!mIsWatching.exchange(false)) return;
-  // Also after a start that failed half-way.
-  mIsStarting = false;
+  {
+    KXCriticalSection const control(mControlMutex);
+    if (!mIsWatching.exchange(false)) return;
+    // Also after a start that failed half-way.
+    mIsStarting = false;
+    mIsStopping = true;
+  }
+  // Whatever comes out of waiting, the next start must not be ignored for it.
+  auto const end = [](KXMemoryWatcher* watcher) {
+    KXCriticalSection const control(watcher->mControlMutex);
+    watcher->mMainThreadTaskId = 0;
+    watcher->mIsStopping = false;
+  };
+  std::unique_ptr<KXMemoryWatcher, decltype(end)> const stopping(this, end);
+  // In both pacings: a client's own call of _mainThread sleeps here too.
+  mSleepGate.interrupt();
   mUseTimedSleep ? xStopTimedPacing() : xStopCyclePacing();
-  mMainThreadTaskId = 0;
 }
 
 void KXMemoryWatcher::xStopTimedPacing() {
-  mSleepGate.unlock();
   int const taskId = mMainThreadTaskId;
   // On purpose asked of the store's proxy, although the call was made through our own.
   if (taskId == 0 || !mMemoryProxy->isRunning(taskId)) return;
   try {
     mMemoryProxy->wait(taskId, 0);
   } catch (KXError const&) {
-    // The watch is off all the same; the loop leaves at its next look.
+    // The loop itself stops the watch: it leaves at its next look.
   }
 }
 
@@ -479,7 +482,9 @@ void KXMemoryWatcher::xStopCyclePacing() {
   // Disconnecting does not wait for a callback that is just running.
   if (mVsmGuard != nullptr) mVsmGuard->close();
   mCycleCount = 1;
-  if (mWatchThread.joinable()) mWatchThread.join();
+  // A loop that stops the watch itself cannot wait for its own end.
+  if (!mWatchThread.joinable() || mWatchThread.get_id() == boost::this_thread::get_id()) return;
+  mWatchThread.join();
 }
 
 void KXMemoryWatcher::xOnVSMUpdate() {
@@ -491,20 +496,41 @@ void KXMemoryWatcher::xOnVSMUpdate() {
   }
 }
 
-void KXMemoryWatcher::xRunWatchThread() noexcept {
-  runLogged("xUpdateDataLoop", "the watch loop", [this] { xUpdateDataLoop(); });
+void KXMemoryWatcher::xRunWatchThread(int run) noexcept {
+  std::shared_ptr<KXCallbackGuard> const loops = mLoops;
+  KXModuleScope const scope(*this);
+  if (!loops->enter()) return;
+  try {
+    xUpdateDataLoop(run);
+  } catch (...) {
+    warnStandstill("xUpdateDataLoop");
+  }
+  loops->leave();
 }
 
-void KXMemoryWatcher::xUpdateDataLoop() {
+void KXMemoryWatcher::xUpdateDataLoop(int run) {
   for (;;) {
     mCycleGate.lock();
-    if (!mIsWatching) break;
-    xUpdateValues(xDataItems());
+    if (!xGoesOn(run)) break;
+    xUpdateValues(mDataItems);
+    // The last reference fell in this cycle: the module waits for this thread to leave, to end.
+    if (weak_from_this().expired()) break;
+    xFollowClock();
   }
   mCycleGate.unlock();
 }
 
 void KXMemoryWatcher::xMainThread() {
+  try {
+    xRunMainThread();
+  } catch (...) {
+    // A client that called this itself gets what came; of a parallel call nobody does.
+    if (!KXModuleScope::isInside(*this)) throw;
+    warnStandstill("xMainThread");
+  }
+}
+
+void KXMemoryWatcher::xRunMainThread() {
   ka::os::FineTimers const fineTimers;
   mSleepGate.lock();
   // Unlocked on every way out: a store that fails must not lock out the next run.
@@ -512,101 +538,101 @@ void KXMemoryWatcher::xMainThread() {
     gate->unlock();
   };
   std::unique_ptr<KXSleepGate, decltype(unlock)> const held(&mSleepGate, unlock);
+  int const run = mRun;
   if (!mUseTimedSleep) {
     // A client's own call beside the hardware cycle: no start has set a deadline for it.
     KXCriticalSection const lock(mPacingMutex);
-    mNextWakeTime = microsec_clock::universal_time() + milliseconds(mPeriodMs.load());
+    xSetNextWakeTime();
   }
-  while (mIsWatching) {
+  while (xGoesOn(run)) {
     if (isClosing()) break;
-    xUpdateValues(xDataItems());
+    xUpdateValues(mDataItems);
     xSleepForPeriod();
   }
 }
 
 void KXMemoryWatcher::xSleepForPeriod() {
-  auto const deadline = [this] {
-    KXCriticalSection const lock(mPacingMutex);
-    return mNextWakeTime;
-  };
-  while (mSleepGate.lockUntil(deadline()) && mIsWatching) {
+  while (mSleepGate.sleepUntil(xWakeTimeNs()) && mIsWatching && !isClosing()) {
   }
   // From the deadline, not from now: the schedule does not drift.
   KXCriticalSection const lock(mPacingMutex);
   mNextWakeTime += milliseconds(mPeriodMs.load());
 }
 
+// The deadline on the clock that waits: however the wall clock is set meanwhile, the sleep lasts as
+// long as it should.
+std::int64_t KXMemoryWatcher::xWakeTimeNs() {
+  xFollowClock();
+  KXCriticalSection const lock(mPacingMutex);
+  KXMoment const& now = mClockWatch.moment();
+  std::int64_t const wakeTimeUs = (mNextWakeTime - epoch()).total_microseconds();
+  return now.monotonicNs + (wakeTimeUs - now.wallUs) * 1000;
+}
+
+// If the wall clock was set, the pending deadline moves with it: no silence after a step back, no
+// burst after a step forward.
+void KXMemoryWatcher::xFollowClock() {
+  std::int64_t setUs = 0;
+  {
+    KXCriticalSection const lock(mPacingMutex);
+    setUs = mClockWatch.look(mPeriodMs);
+    if (setUs == 0) return;
+    if (!mNextWakeTime.is_special()) mNextWakeTime += microseconds(setUs);
+  }
+  ka::log::LogStream(ka::log::Warning, kModuleName, "", "xFollowClock", 0)
+      << "the wall clock was set " << (setUs > 0 ? "forward" : "back") << " by "
+      << (std::abs(setUs) + 500) / 1000 << " ms; sampling keeps its rhythm";
+}
+
 // ---- update cycle
 
-void KXMemoryWatcher::xUpdateValues(KXListenerMap& items) {
-  bool const isData = &items == &xDataItems();
-  Cycle cycle;
-  if (!xBeginCycle(isData, cycle)) return;
+void KXMemoryWatcher::xUpdateValues(KXListenerTable& items) {
+  bool const resolvesNatures = &items == &mDataItems;
+  KXKeyListPtr list;
+  {
+    bool wasLocked = false;
+    KXCriticalTrueIfLocked const probe(items.mutex(), wasLocked);
+    if (wasLocked) return;
+    list = KXListenerTable::Access(items, probe).list();
+  }
   try {
-    xReadBatch(isData, cycle);
+    xReadBatch(items, list, resolvesNatures);
   } catch (KXError const& error) {
     // The period is lost for the keys that were not filed; the next one goes on.
     ka::log::LogStream(ka::log::Warning, "memoryWatcher", "", "xUpdateValues", 0)
         << "Error caught getting data: " << messageOf(error);
   }
-  if (mDataInbox.isFilingDue()) xFileDueBatches();
+  if (mEventItems.waiting() > kManyEvents) xTakeInManyEvents();
 }
 
-// After the read, so that filing never delays the moment at which values are taken. Whoever holds
-// the mutex here files by himself, or leaves it to the next cycle.
-void KXMemoryWatcher::xFileDueBatches() {
-  bool wasLocked = false;
-  KXCriticalTrueIfLocked const probe(mDataMutex, wasLocked);
-  if (wasLocked) return;
-  mDataMutex->assertHeld();
-  xFileData();
-}
+void KXMemoryWatcher::xReadBatch(KXListenerTable& items, KXKeyListPtr const& list,
+                                 bool resolvesNatures) {
+  ka::os::timeval const time = mClock.wallTime();
+  KXValue values = mMemoryProxy->getListData(list->names);
 
-// Probes the map's mutex; false if somebody holds it. While the probe lives, and only then, the
-// cycle takes what it needs of the map.
-bool KXMemoryWatcher::xBeginCycle(bool isData, Cycle& cycle) {
-  bool wasLocked = false;
-  KXCriticalTrueIfLocked const probe(isData ? mDataMutex : mEventMutex, wasLocked);
-  if (wasLocked) return false;
-  if (isData) {
-    mDataMutex->assertHeld();
-    mDataList.refresh(mDataItems);
-    cycle = {mDataList.names, mDataList.keys, mDataList.unknown};
-  } else {
-    mEventMutex->assertHeld();
-    xFileEvents();
-    mEventList.refresh(mEventItems);
-    // Event keys have their nature from the start.
-    cycle = {mEventList.names, mEventList.keys, {}};
-  }
-  return true;
-}
-
-void KXMemoryWatcher::xReadBatch(bool isData, Cycle const& cycle) {
-  ka::os::timeval time;
-  ka::os::gettimeofday(&time);
-  KXValue const values = mMemoryProxy->getListData(cycle.names);
-
-  KXSampleInbox& inbox = isData ? mDataInbox : mEventInbox;
-  std::size_t const wanted = static_cast<std::size_t>(cycle.keys.getSize());
+  std::size_t const wanted = list->since.size();
   std::size_t const given =
       values.getType() == KXValue::TypeArray ? static_cast<std::size_t>(values.getSize()) : 0;
-  std::size_t filed = 0;
-  auto const fileUpTo = [&](std::size_t end) {
+  std::size_t posted = 0;
+  auto const postUpTo = [&](std::size_t end) {
     std::size_t const reached = std::min(end, given);
-    if (reached > filed) inbox.postBatch(time, cycle.keys, values, filed, reached);
-    filed = reached;
+    if (reached > posted) items.postBatch(list, time, values, posted, reached);
+    posted = reached;
     // A store that answers short: what it gave is kept, the first missing value is the error.
-    if (reached < end) static_cast<void>(values[static_cast<int>(reached)]);
+    if (reached < end) static_cast<void>(std::as_const(values)[static_cast<int>(reached)]);
   };
 
   std::vector<std::string> promoted;
-  for (std::uint32_t const place : cycle.unknown) {
-    // A key's own sample is filed before its kind is asked, so that a failure does not lose it.
-    fileUpTo(place + 1);
-    xResolveNature(static_cast<std::string const&>(cycle.keys[static_cast<int>(place)]), promoted);
+  if (resolvesNatures) {
+    for (std::uint32_t const place : list->unknown) {
+      // A key's own sample is posted before its kind is asked, so that a failure does not lose it.
+      postUpTo(place + 1);
+      xResolveNature(static_cast<std::string const&>(list->keys[static_cast<int>(place)]),
+                     promoted);
+    }
   }
-  fileUpTo(wanted);
+  postUpTo(wanted);
+  values = KXValue();  // whoever fetches it may take it apart
   xErasePromoted(promoted);
 }
 
@@ -615,36 +641,36 @@ void KXMemoryWatcher::xResolveNature(std::string const& name, std::vector<std::s
   if (nature == kUnknownData) return;
   KXMemoryWatcherItem item;
   {
-    KXCriticalSection const lock(mDataMutex);
-    xFileData();
-    auto const entry = mDataItems.find(name);
+    KXListenerTable::Access data(mDataItems);
+    KXMemoryWatcherItem const* const known = data.find(name);
     // Removed by a client meanwhile, or resolved by another cycle.
-    if (entry == mDataItems.end() || entry->second.getNature() != kUnknownData) return;
-    entry->second.setNature(nature);
-    mDataList.isCurrent = false;
+    if (known == nullptr || known->getNature() != kUnknownData) return;
+    data.retype(name, nature);
     if (!isEventNature(nature)) return;
-    item = entry->second;
+    item = data.itemWithSamples(name);
   }
   promoted.push_back(name);
-  KXCriticalSection const lock(mEventMutex);
-  xFileEvents();
-  mEventList.isCurrent = false;
-  mEventItems.insert_or_assign(name, item);
+  KXListenerTable::Access events(mEventItems);
+  events.insert(name, std::move(item));
   xSubscribe(name, nature);
 }
 
 void KXMemoryWatcher::xErasePromoted(std::vector<std::string> const& promoted) {
   if (promoted.empty()) return;
-  KXCriticalSection const lock(mDataMutex);
-  xFileData();
+  std::vector<KXListenerTable::Dropped> dropped;
+  dropped.reserve(promoted.size());
+  KXListenerTable::Access data(mDataItems);
   for (std::string const& name : promoted) {
-    auto const entry = mDataItems.find(name);
+    KXMemoryWatcherItem const* const item = data.find(name);
     // A client may have put a new key of that name there since: that one stays.
-    if (entry != mDataItems.end() && isEventNature(entry->second.getNature())) {
-      mDataItems.erase(entry);
-    }
+    if (item != nullptr && isEventNature(item->getNature())) dropped.push_back(data.erase(name));
   }
-  mDataList.isCurrent = false;
+}
+
+void KXMemoryWatcher::xTakeInManyEvents() {
+  bool wasLocked = false;
+  KXCriticalTrueIfLocked const probe(mEventMutex, wasLocked);
+  if (!wasLocked) KXListenerTable::Access(mEventItems, probe);
 }
 
 }  // namespace KX

@@ -17,28 +17,33 @@
 #include <kxcommon/kxmodule.hpp>
 #include <kxproxies/kxmemoryproxy.hpp>
 #include <kxthread/kxannotations.hpp>
+#include <kxthread/kxcallbackguard.hpp>
+#include <kxthread/kxclock.hpp>
 #include <kxthread/kxmutex.hpp>
 #include <kxvalue/kxvalue.hpp>
+#include <memorywatcher/kxclockwatch.hpp>
 #include <memorywatcher/kxgates.hpp>
-#include <memorywatcher/kxmemorywatcheritem.hpp>
-#include <memorywatcher/kxsampleinbox.hpp>
+#include <memorywatcher/kxlistenertable.hpp>
 
 namespace KX {
 
 /// Published as "KXMemoryWatcher". Samples plain data keys of the store "KXMemory" once per period,
 /// in one batch with one wall-clock time, and captures the events that the store pushes.
 ///
-/// Ownership: held by a boost::shared_ptr that the broker keeps. The destructor stops the watch and
-/// waits for its loop.
+/// Ownership: held by a boost::shared_ptr that the broker keeps; made by KXModule::createModule.
+/// The destructor stops the watch and waits for its loop.
 ///
-/// Threads: clients call on any thread, several at once. The store calls onEventNotify() on its
-/// delivery thread. One loop runs the update cycles: xUpdateDataLoop() on mWatchThread where the
+/// Threads: clients call on any thread, several at once. The store calls onEventNotify() on a
+/// thread of its own. One loop runs the update cycles: xUpdateDataLoop() on mWatchThread where the
 /// host has a hardware cycle (VSM), whose thread runs xOnVSMUpdate(); else xMainThread() as a
-/// parallel call. startWatching() and stopWatching() may not be called from within that loop.
+/// parallel call. All operations may also be called from within that loop, where they wait for
+/// nothing that the loop itself would have to do: a stop returns at once and the loop ends after
+/// its cycle.
 ///
 /// Locks: mDataMutex guards mDataItems, mEventMutex guards mEventItems; who needs both takes
-/// mEventMutex first. The update cycle and onEventNotify() wait for neither: they post to the inbox
-/// in front of the map, and whoever holds the mutex files what is waiting before anything else.
+/// mEventMutex first. The update cycle and onEventNotify() wait for neither: they post, and whoever
+/// holds the mutex takes in what waits before anything else. Clients hold the mutexes for moments,
+/// however much is buffered: what is taken out under them is worked on without them.
 /// The two gates are signals, not locks.
 ///
 /// Errors: what the store or the host throws reaches the caller, but where an operation says that
@@ -47,7 +52,8 @@ class KXMemoryWatcher : public KXModule {
  public:
   /// Asks the launcher for "VSM" once; its answer fixes the pacing. KXError if it does not answer,
   /// boost::thread_resource_error if the system is out of mutexes.
-  explicit KXMemoryWatcher(boost::shared_ptr<KXBroker> broker);
+  /// `clock` must outlive the module.
+  explicit KXMemoryWatcher(boost::shared_ptr<KXBroker> broker, KXClock& clock = KXClock::system());
   ~KXMemoryWatcher() override;
 
   /// The watched keys: data keys in byte order, then event keys in byte order.
@@ -71,7 +77,8 @@ class KXMemoryWatcher : public KXModule {
   void clearBufferEvent();
 
   bool isWatching();
-  /// Starts with a period in milliseconds; does nothing if already watching.
+  /// Starts with a period in milliseconds; does nothing if already watching, or while a stop still
+  /// waits for the loop.
   void startWatching(int const& period);
   /// Stops and waits until the loop has ended; does nothing if not watching.
   void stopWatching();
@@ -94,42 +101,34 @@ class KXMemoryWatcher : public KXModule {
  private:
   friend struct KXMemoryWatcherForTest;
 
-  /// What one update cycle works on, taken while the map's mutex was free.
-  struct Cycle {
-    KXValue names;
-    KXValue keys;
-    std::vector<std::uint32_t> unknown;
-  };
-
   void xPublishMethods();
 
   void xMainThread();
+  void xRunMainThread();
   void xSleepForPeriod();
+  std::int64_t xWakeTimeNs();
+  void xFollowClock();
+  void xSetNextWakeTime() KX_REQUIRES(*mPacingMutex);
   void xOnVSMUpdate();
-  void xUpdateDataLoop();
-  void xRunWatchThread() noexcept;
+  void xUpdateDataLoop(int run);
+  void xRunWatchThread(int run) noexcept;
+  bool xGoesOn(int run) const { return mIsWatching && mRun == run; }
   void xStartCyclePacing();
   void xStartTimedPacing();
   void xStopTimedPacing();
   void xStopCyclePacing();
 
-  void xUpdateValues(KXListenerMap& items);
-  bool xBeginCycle(bool isData, Cycle& cycle);
-  void xFileDueBatches();
-  void xReadBatch(bool isData, Cycle const& cycle);
+  void xUpdateValues(KXListenerTable& items);
+  void xReadBatch(KXListenerTable& items, KXKeyListPtr const& list, bool resolvesNatures);
   void xResolveNature(std::string const& name, std::vector<std::string>& promoted);
   void xErasePromoted(std::vector<std::string> const& promoted);
-  // Names the map without touching it.
-  KXListenerMap& xDataItems() KX_NO_THREAD_SAFETY_ANALYSIS { return mDataItems; }
-  KXListenerMap& xEventItems() KX_NO_THREAD_SAFETY_ANALYSIS { return mEventItems; }
+  void xTakeInManyEvents();
 
   void xSubscribe(std::string const& name, std::string const& nature);
   void xUnsubscribe(std::string const& name, std::string const& nature);
-  /// Key and nature of every event item.
   std::vector<std::pair<std::string, std::string>> xEventNatures();
-  void xFileData() KX_REQUIRES(*mDataMutex) { mDataInbox.fileInto(mDataItems, mDataList); }
-  void xFileEvents() KX_REQUIRES(*mEventMutex) { mEventInbox.fileInto(mEventItems, mEventList); }
 
+  KXClock& mClock;
   boost::shared_ptr<KXMutex> mDataMutex;
   boost::shared_ptr<KXMutex> mEventMutex;
   KXCycleGate mCycleGate;
@@ -144,17 +143,17 @@ class KXMemoryWatcher : public KXModule {
   std::atomic<int> mCyclesPerPeriod{0};
   bool mUseTimedSleep = true;  // constant once the constructor has run
   boost::signals2::connection mVsmConnection;
-  KXListenerMap mDataItems KX_GUARDED_BY(*mDataMutex);
-  KXListenerMap mEventItems KX_GUARDED_BY(*mEventMutex);
+  KXListenerTable mDataItems;   // guards itself by mDataMutex
+  KXListenerTable mEventItems;  // guards itself by mEventMutex
   boost::shared_ptr<KXMemoryProxy> mMemoryProxy;
 
-  KXSampleInbox mDataInbox;   // emptied only under mDataMutex
-  KXSampleInbox mEventInbox;  // emptied only under mEventMutex
-  KXWatchList mDataList KX_GUARDED_BY(*mDataMutex);
-  KXWatchList mEventList KX_GUARDED_BY(*mEventMutex);
-  boost::shared_ptr<KXMutex> mPacingMutex;   // mNextWakeTime and the period that belongs to it
-  boost::shared_ptr<KXMutex> mControlMutex;  // one start or stop at a time
+  boost::shared_ptr<KXMutex> mPacingMutex;  // mNextWakeTime and what belongs to it
+  KXClockWatch mClockWatch KX_GUARDED_BY(*mPacingMutex);
+  boost::shared_ptr<KXMutex> mControlMutex;  // a start, and the beginning and end of a stop
+  bool mIsStopping KX_GUARDED_BY(*mControlMutex) = false;
+  std::atomic<int> mRun{0};  // counts the starts: the loop of an earlier one ends
   std::shared_ptr<KXCallbackGuard> mVsmGuard;
+  std::shared_ptr<KXCallbackGuard> const mLoops;  // entered by every watch thread
 };
 
 }  // namespace KX

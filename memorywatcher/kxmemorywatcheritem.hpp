@@ -1,34 +1,29 @@
 // The records that hold what was sampled: one sample, and one watched key with its samples.
-// Plain values without locks; whoever owns the map that holds them sees to exclusion.
+// Plain values without locks; whoever owns the table that holds them sees to exclusion.
 #pragma once
 
-#include <cstddef>
-#include <span>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include <ka/os.hpp>
+#include <kxvalue/kxrows.hpp>
 #include <kxvalue/kxvalue.hpp>
 
 namespace KX {
 
-/// What was read at one time: the values of many keys, each at its place.
-struct KXBatchColumn {
-  ka::os::timeval time;
-  KXValue const* values;
-};
+// Natures that mean something here, as the store calls them; any other is plain data.
+inline constexpr char const* kEvent = "Event";
+inline constexpr char const* kMicroEvent = "MicroEvent";
+inline constexpr char const* kUnknownData = "Unknown data";
 
 /// One sample: a value and the wall-clock time at which it was taken.
-class KXMemoryWatcherData final {
+class KXMemoryWatcherData {
  public:
   /// Time zero, invalid value.
   KXMemoryWatcherData() = default;
   KXMemoryWatcherData(ka::os::timeval time, KXValue value)
       : mTime(time), mValue(std::move(value)) {}
-  /// Copies straight from where the values were read: this is the hot line of a watch.
-  KXMemoryWatcherData(KXBatchColumn const& column, std::size_t place)
-      : mTime(column.time), mValue(column.values[place]) {}
   KXMemoryWatcherData(KXMemoryWatcherData const&) = default;
   KXMemoryWatcherData(KXMemoryWatcherData&&) noexcept = default;
   KXMemoryWatcherData& operator=(KXMemoryWatcherData const&) = default;
@@ -43,26 +38,13 @@ class KXMemoryWatcherData final {
   KXValue mValue;
 };
 
-/// The [seconds, microseconds] values of a fetch. The samples of one cycle carry one time, so their
-/// entries can share one block: give the times of each key in ascending order, after rewind().
-class KXTimePairs {
- public:
-  void rewind() noexcept { mNext = 0; }
-  /// The pair for a time, cut to 32-bit ints; one that was made before if it is the next in order.
-  KXValue get(ka::os::timeval time);
-
- private:
-  struct Pair {
-    ka::os::timeval time;
-    KXValue value;
-  };
-  std::vector<Pair> mPairs;
-  std::size_t mNext = 0;
-};
+/// Appends a time as clients receive it, [seconds, microseconds], both cut to their low 32 bits.
+void pushTime(KXRows& times, ka::os::timeval time) noexcept;
 
 /// One watched key with the samples taken since the last fetch, oldest first.
-/// Ownership: a value, held in the module's listener maps. Unbounded: only clear() empties it.
-/// Threads: not synchronised; the caller holds the mutex of the map that owns the item.
+/// Ownership: a value, held in the module's listener tables. Unbounded. What the update cycle reads
+/// does not come here: it stays in batches, beside the items (KXListenerTable).
+/// Threads: not synchronised; the caller holds the mutex of the table that owns the item.
 /// Times are wall clock, seconds and microseconds; they may step when the system clock is set.
 class KXMemoryWatcherItem {
  public:
@@ -71,7 +53,9 @@ class KXMemoryWatcherItem {
   KXMemoryWatcherItem(std::string const& name, std::string const& nature,
                       std::string const& fileName);
   KXMemoryWatcherItem(KXMemoryWatcherItem const&) = default;
+  KXMemoryWatcherItem(KXMemoryWatcherItem&&) noexcept = default;
   KXMemoryWatcherItem& operator=(KXMemoryWatcherItem const&) = default;
+  KXMemoryWatcherItem& operator=(KXMemoryWatcherItem&&) noexcept = default;
   virtual ~KXMemoryWatcherItem() = default;
 
   std::string const& getName() const { return mName; }
@@ -82,15 +66,13 @@ class KXMemoryWatcherItem {
   void addData(ka::os::timeval time, KXValue value) {
     mSamples.emplace_back(time, std::move(value));
   }
-  /// Adds one sample for each column: what it holds at `place`. Adds all or, if memory for them
-  /// is missing, none.
-  void addColumns(std::span<KXBatchColumn const> columns, std::size_t place);
-  /// Ask the caches for what addColumns() will touch: first where the buffer stands, and once that
-  /// is there, the buffer's end. Both only cost time if called too late or in vain.
-  void prefetchBuffer() const { __builtin_prefetch(&mSamples); }
-  void prefetchEnd() const { __builtin_prefetch(mSamples.data() + mSamples.size(), 1); }
+  bool hasSamples() const { return !mSamples.empty(); }
+  /// Moves the samples out, oldest first, and their memory with them.
+  std::vector<KXMemoryWatcherData> takeSamples() { return std::exchange(mSamples, {}); }
+  /// Puts samples before those that are there.
+  void putSamplesInFront(std::vector<KXMemoryWatcherData> samples);
   /// Drops all samples; keeps names, nature and the memory for new samples.
-  void clear();
+  void clear() { mSamples.clear(); }
 
   /// The whole buffer as an array of [[seconds, microseconds], value], oldest first. Seconds and
   /// microseconds are cut to their low 32 bits.
@@ -101,22 +83,11 @@ class KXMemoryWatcherItem {
   /// item has no file name or the file cannot be opened; throws nothing of its own.
   bool writeToFile() const;
 
-  /// For a fetch, which copies under the lock and clears in a later hold of it: the samples that
-  /// no other fetch has handed out yet, in the form of toKXValue().
-  KXValue newSamples(KXTimePairs& pairs) const;
-  /// All samples in the buffer now count as handed out.
-  void markHandedOut() { mHandedOut = mSamples.size(); }
-  /// Drops the samples that were handed out and keeps those that came since.
-  void clearHandedOut();
-
  private:
-  KXValue xToKXValue(std::size_t first, KXTimePairs& pairs) const;
-
   std::string mName;
   std::string mFileName;
   std::string mNature = "Unknown data";
   std::vector<KXMemoryWatcherData> mSamples;
-  std::size_t mHandedOut = 0;
 };
 
 }  // namespace KX

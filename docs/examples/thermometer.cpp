@@ -3,46 +3,34 @@
 #include <atomic>
 #include <string>
 
-#include <boost/smart_ptr/shared_ptr.hpp>
-
-#include <binding/kxfunctor.hpp>
-#include <binding/kxproxycall.hpp>
-#include <binding/kxsignature.hpp>
-#include <kxcommon/kxbroker.hpp>
-#include <kxcommon/kxmodule.hpp>
+#include <binding/kx.hpp>
 
 class Thermometer : public KX::KXModule {
  public:
   explicit Thermometer(boost::shared_ptr<KX::KXBroker> const& broker)
       : KXModule(broker, "Thermometer") {
     setModuleDescription("Tells the temperature of the room.");
-    functionName("getCelsius", getName(), "Tells the last temperature.", 0);
-    setReturn("celsius", "degrees Celsius");
-    bind(&Thermometer::getCelsius);
-    functionName("setCelsius", getName(), "Takes a new temperature.", 0);
-    addParam("celsius", "degrees Celsius");
-    bind(&Thermometer::setCelsius);
+    KX::publish(*this,
+                {"getCelsius", "Tells the last temperature.", {}, {"celsius", "degrees Celsius"}},
+                &Thermometer::getCelsius);
+    KX::publish(*this, {"setCelsius", "Takes a new temperature.", {{"celsius", "degrees Celsius"}}},
+                &Thermometer::setCelsius);
   }
 
   // Called once the methods are published. A KXError thrown here refuses service.
-  void init() override { store()->call<void>("declareEvent", std::string("Room/TooHot")); }
+  void init() override { store()->call<void>("declareEvent", "Room/TooHot"); }
 
   float getCelsius() { return mCelsius; }
 
   void setCelsius(float const& celsius) {
     mCelsius = celsius;
-    store()->call<void>("insertData", std::string("Room/Celsius"), KX::KXValue(celsius));
+    store()->call<void>("insertData", "Room/Celsius", KX::KXValue(celsius));
     if (celsius > 30) {
-      store()->call<void>("raiseEvent", std::string("Room/TooHot"), KX::KXValue(celsius));
+      store()->call<void>("raiseEvent", "Room/TooHot", KX::KXValue(celsius));
     }
   }
 
  private:
-  template <class Member>
-  void bind(Member member) {
-    KX::completeAndCheck(member, getCurrentMethodDescription());
-    bindMethod(KX::createFunctor(this, member));
-  }
   boost::shared_ptr<KX::KXProxy> store() { return getParentBroker()->getProxy("KXMemory", 0); }
 
   std::atomic<float> mCelsius{20};  // calls come on any thread, several at once

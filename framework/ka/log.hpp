@@ -24,15 +24,19 @@ struct Record {
   std::string text;
 };
 
-/// Called on the logging thread, one record at a time over all threads. It may log, add and remove
-/// handlers; what it throws is dropped. What handlers log is handed out at once, nested up to eight
-/// deep, and no deeper.
+/// Called on the logging thread, by several threads at once if several log: a handler guards its
+/// own data. No lock of the log's is held meanwhile, so it may log, call modules, add and remove
+/// handlers, and wait for threads that do. What it throws is dropped. What handlers log is handed
+/// out at once, nested up to eight deep on one thread, and no deeper.
 using Handler = std::function<void(Record const&)>;
 
-/// Adds a handler, or replaces the one of that name. Handlers get every record, whatever its level.
+/// Adds a handler; one of that name is removed as by removeHandler(), and misses no record before
+/// the new one gets its first. Handlers get every record, whatever its level.
 KX_API void addHandler(std::string const& name, Handler handler);
-/// When this returns, the handler runs no more (unless it is the caller). Unknown names are
-/// ignored.
+/// Waits for the calls of the handler that are in progress: when this returns, it runs no more and
+/// is destroyed. Called from within that handler, it returns at once; the handler is not called any
+/// more, but calls on other threads may still be in progress. Two handlers must not remove each
+/// other: both would wait for ever. Unknown names are ignored.
 KX_API void removeHandler(std::string const& name);
 
 /// The least severe level that is written to stderr; 0 writes nothing. Initially Warning.

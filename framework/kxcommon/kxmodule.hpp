@@ -3,6 +3,7 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 
 #include <boost/signals2/signal.hpp>
 #include <boost/smart_ptr/shared_ptr.hpp>
@@ -42,11 +43,14 @@ class KX_API KXModule : public KXModuleCore {
   /// Raised once per hardware cycle by modules that have one, on their cycle thread.
   CycleSignal& cycleSignal() { return *mCycleSignal; }
 
-  /// Makes a module, publishes it and calls init(). If init() fails with a KXError, exit() is
-  /// called and a copy of the error thrown. The broker keeps the module; the result may be dropped.
-  template <class T>
-  static boost::shared_ptr<T> createModule(boost::shared_ptr<KXBroker> const& broker) {
-    boost::shared_ptr<T> module(new T(broker));
+  /// Makes a module from the broker and further arguments, publishes it and calls init(). If init()
+  /// fails with a KXError, exit() is called and a copy of the error thrown. The broker keeps the
+  /// module; the result may be dropped. Whoever drops the last reference ends it by KXModuleEnd.
+  template <class T, class... Arguments>
+  static boost::shared_ptr<T> createModule(boost::shared_ptr<KXBroker> const& broker,
+                                           Arguments&&... arguments) {
+    boost::shared_ptr<T> module(new T(broker, std::forward<Arguments>(arguments)...),
+                                KXModuleEnd());
     module->initModule();
     try {
       module->init();

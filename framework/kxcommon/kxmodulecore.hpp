@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <string>
 #include <unordered_map>
@@ -22,9 +23,9 @@ namespace KX {
 class KXBroker;
 
 /// The part of a module that the broker knows.
-/// Ownership: held by boost::shared_ptr, first of all by the broker that it is registered with; a
-/// parallel call in progress does not own it, so the destructor of a module whose methods may be
-/// called in parallel begins by ending its loops and calling endParallelCalls().
+/// Ownership: held by boost::shared_ptr, first of all by the broker that it is registered with.
+/// A parallel call in progress does not own it: KXModule::createModule sees to it that the module's
+/// end waits for those (KXModuleEnd).
 /// Threads: registration calls belong into the constructor; the others are free for all.
 class KX_API KXModuleCore : public boost::enable_shared_from_this<KXModuleCore> {
  public:
@@ -44,8 +45,8 @@ class KX_API KXModuleCore : public boost::enable_shared_from_this<KXModuleCore> 
 
   /// Publishes the module under its name. KXError if the broker has a module of that name.
   void initModule();
-  /// From now on isClosing(); called by the broker.
-  void markClosing() noexcept { mIsClosing.store(true, std::memory_order_release); }
+  /// From now on isClosing(). The first time, the closing hooks run; what they throw is logged.
+  void markClosing() noexcept;
 
   /// What every parallel call of a bound method enters while it runs.
   std::shared_ptr<KXCallbackGuard> const& getParallelCalls() const noexcept {
@@ -76,8 +77,10 @@ class KX_API KXModuleCore : public boost::enable_shared_from_this<KXModuleCore> 
   KXMethodInfo& getCurrentMethodDescription();
   /// Closes the current description with its functor and adds it to the table.
   void bindMethod(boost::shared_ptr<KXFunctorBase> functor);
-  /// Waits until no parallel call of a bound method runs; none begins any more. For destructors.
-  void endParallelCalls() noexcept;
+  /// Adds what is to be done when the module is taken out of service or is about to be destroyed:
+  /// once, on the thread that does it, before anybody waits for the module's parallel calls. A loop
+  /// that sleeps is woken here, so that it sees isClosing(). Belongs into the constructor.
+  void onClosing(std::function<void()> hook);
   /// Makes this a script module.
   void setScript() noexcept { mIsScript = true; }
 
@@ -90,8 +93,16 @@ class KX_API KXModuleCore : public boost::enable_shared_from_this<KXModuleCore> 
   KXMethodInfo mCurrentMethod;
   bool mHasCurrentMethod = false;
   bool mIsScript = false;
+  std::vector<std::function<void()>> mClosingHooks;
   std::atomic<bool> mIsClosing{false};
   std::shared_ptr<KXCallbackGuard> const mParallelCalls = std::make_shared<KXCallbackGuard>();
+};
+
+/// How a module ends, whoever drops its last reference: it is marked as closing, which runs its
+/// hooks; its parallel calls are waited for, and none begins any more; it is destroyed. On a thread
+/// that is inside the module this waits for that thread's way out (KXModuleScope).
+struct KX_API KXModuleEnd {
+  void operator()(KXModuleCore* module) const noexcept;
 };
 
 }  // namespace KX

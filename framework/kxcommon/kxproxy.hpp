@@ -41,7 +41,7 @@ class KX_API KXProxy {
   boost::shared_ptr<KXModuleCore> getModuleCore() const;
 
   /// Calls a method with arguments that are converted to its parameters, and waits for its result,
-  /// as `proxy->call<bool>("isModulePresent", std::string("VSM"))`. For a module of this process
+  /// as `proxy->call<bool>("isModulePresent", "VSM")`. For a module of this process
   /// the types must be the declared ones.
   template <class R, class... P>
   R call(std::string const& method, P const&... arguments);

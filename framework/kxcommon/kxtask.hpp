@@ -9,7 +9,6 @@
 #include <kxcommon/kxfunctorbase.hpp>
 #include <kxcommon/kxmodulecore.hpp>
 #include <kxerror/kxapi.hpp>
-#include <kxthread/kxcallbackguard.hpp>
 
 namespace KX {
 
@@ -50,17 +49,14 @@ class KX_API _pcall0 : public KXTask {
   _pcall0(boost::shared_ptr<KXFunctorBase> functor, KXTaskInfo info,
           boost::shared_ptr<KXModuleCore> const& core);
   /// Does nothing if the module is gone or going. Owning it meanwhile would keep a module that the
-  /// broker has dropped alive for as long as its own loop runs; instead the module's destructor
-  /// waits (KXModuleCore::endParallelCalls).
+  /// broker has dropped alive for as long as its own loop runs; instead the module's end waits
+  /// (KXModuleEnd).
   void run() override;
 
  private:
   boost::shared_ptr<KXFunctorBase> const mFunctor;
   boost::weak_ptr<KXModuleCore> const mCore;
 };
-
-/// True on the thread of a parallel call that has entered this guard.
-KX_API bool isInParallelCall(KXCallbackGuard const& guard) noexcept;
 
 }  // namespace detail
 }  // namespace KX

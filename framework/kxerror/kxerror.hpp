@@ -41,4 +41,8 @@ inline char const* messageOf(std::exception const& error) noexcept {
   return error.what() == nullptr ? "" : error.what();
 }
 
+/// What the exception that is being handled says; "an exception of unknown type" for one that is no
+/// std::exception. To be called in a catch block: there is no other exception to describe.
+KX_API std::string describeCurrentException();
+
 }  // namespace KX

@@ -16,8 +16,11 @@
 
 namespace KX {
 
+class KXRows;
+
 /// A value of one of seven types, or an array of such values.
-/// Ownership: a value type. Copying never allocates, moving never touches a counter.
+/// Ownership: a value type. Copying never allocates; moving touches no counter, but for the first
+/// element of a row that KXRows filled from its shared array.
 /// Threads: values that share a block may be used from different threads at once; one value object
 /// may not be changed while another thread reads it.
 /// Errors: a wrong type or index is a KXError that names both types, or the index and the size.
@@ -64,9 +67,10 @@ class KX_API KXValue {
   static KXValue arrayFrom(std::size_t size, F element);
 
   KXValue(KXValue const& other) noexcept : mHead(other.mHead), mPayload(other.mPayload) {
-    if (hasBlock()) mPayload.asBlock->references.fetch_add(1, std::memory_order_relaxed);
+    if (hasBlock()) xTakeShare();
   }
   KXValue(KXValue&& other) noexcept : mHead(other.mHead), mPayload(other.mPayload) {
+    if ((mHead & kBorrowed) != 0) xTakeShare();
     other.mHead = TypeInvalid;
   }
   /// By value, on purpose: in `array[0] = array` the right side is then copied before the left side
@@ -76,9 +80,11 @@ class KX_API KXValue {
     return *this;
   }
   ~KXValue() {
-    if (hasBlock() && xDropShare(mPayload.asBlock)) xFree(mPayload.asBlock, getType());
+    if (xHoldsShare() && xDropShare(mPayload.asBlock)) xFree(mHead, mPayload.asBlock);
   }
   void swap(KXValue& other) noexcept {
+    if ((mHead & kBorrowed) != 0) xTakeShare();
+    if ((other.mHead & kBorrowed) != 0) other.xTakeShare();
     std::swap(mHead, other.mHead);
     std::swap(mPayload, other.mPayload);
   }
@@ -98,7 +104,7 @@ class KX_API KXValue {
   void arrayReserve(int capacity);
   /// Appends; an invalid value first becomes an empty array, any other type is a KXError.
   void arrayPush(KXValue element) {
-    if (!xIsAloneArray() || xArray()->size == xCapacity()) xMakeRoom();
+    if (!xIsAloneArray() || xIsInPiece() || xArray()->size == xCapacity()) xMakeRoom();
     new (xArray()->elements() + xArray()->size) KXValue(std::move(element));
     ++xArray()->size;
   }
@@ -160,6 +166,43 @@ class KX_API KXValue {
   bool operator==(KXValue const& other) const;
 
  private:
+  friend class KXRows;
+
+  // Heads. A value is a head and a payload; the head holds, from its lowest bit on:
+  //   0-7    the type
+  //   8      kHoldsShare: the payload is a block, and one of its shares is this value's
+  //   9      kBorrowed: the payload is a block, and this value has no share of it
+  //   10     kInPiece: the block lies in a piece
+  //   11     kAsBuilt: the block is that of an array from KXRows; nothing was written through it
+  //   12-63  of a block in a piece: its distance in bytes from the piece's start
+  //   32-63  of another array: the number of elements for which its block has room. It never
+  //          changes during the block's life, so it stands here and not in the block.
+  //
+  // Blocks. A block counts its shares and goes with the last one.
+  //
+  // Pieces. An array of rows [first, second] that KXRows builds is one allocation, the piece: in it
+  // lie the array's own block and that of each row. They count their shares and are changed in
+  // place like other blocks; only growing moves an array's elements to a block elsewhere. The piece
+  // counts its blocks that are not gone yet and goes with the last one.
+  //
+  // As built. Where nobody wrote to an array of rows and no row of it was copied, which the piece
+  // remembers, the rows need not be looked at to know that they go with the array.
+  //
+  // Borrowing. The first elements of the rows may be values of another array, which all arrays of a
+  // fetch have in common. One count up and down for each would cost more than the row itself, so
+  // the piece holds one share of that array, and thereby of all that is in it, and the elements
+  // borrow from it. A borrowed value is only ever an element of a row in a piece. A copy of it
+  // takes a share; moving or swapping it takes one first; destroying it drops none. Its array is
+  // never alone, whatever the count says, so it is copied before it is changed.
+  static constexpr std::uint64_t kTypeMask = 0xff;
+  static constexpr std::uint64_t kHoldsShare = 0x100;
+  static constexpr std::uint64_t kBorrowed = 0x200;
+  static constexpr std::uint64_t kHasBlock = kHoldsShare | kBorrowed;
+  static constexpr std::uint64_t kInPiece = 0x400;
+  static constexpr std::uint64_t kAsBuilt = 0x800;
+  static constexpr unsigned kPlaceShift = 12;
+  static constexpr unsigned kCapacityShift = 32;
+
   // A block starts with its counter; an array's size and elements, or a text, follow.
   struct Block {
     std::atomic<std::int32_t> references{1};
@@ -172,6 +215,8 @@ class KX_API KXValue {
     explicit TextBlock(std::string content) noexcept : text(std::move(content)) {}
     std::string text;
   };
+  struct Piece;
+  class Freeing;
   union Payload {
     std::uint64_t bits;
     bool asBool;
@@ -180,35 +225,37 @@ class KX_API KXValue {
     Block* asBlock;
   };
 
-  static constexpr std::uint64_t kTypeMask = 0xff;
-  static constexpr std::uint64_t kHasBlock = 0x100;
-  static constexpr unsigned kCapacityShift = 32;
-
-  KXValue(Type type, TextBlock* block) noexcept : mHead(type | kHasBlock), mPayload{0} {
+  KXValue(Type type, TextBlock* block) noexcept : mHead(type | kHoldsShare), mPayload{0} {
     mPayload.asBlock = block;
   }
+  KXValue(std::uint64_t head, Payload payload) noexcept : mHead(head), mPayload(payload) {}
 
   bool hasBlock() const noexcept { return (mHead & kHasBlock) != 0; }
+  bool xIsInPiece() const noexcept { return (mHead & kInPiece) != 0; }
+  bool xHoldsShare() const noexcept { return (mHead & kHoldsShare) != 0; }
   ArrayBlock* xArray() const noexcept { return static_cast<ArrayBlock*>(mPayload.asBlock); }
   TextBlock* xText() const noexcept { return static_cast<TextBlock*>(mPayload.asBlock); }
-  // The number of elements for which an array's block has room never changes during the block's
-  // life, so it stands in the value and leaves the block eight bytes of head.
-  std::uint32_t xCapacity() const noexcept {
-    return static_cast<std::uint32_t>(mHead >> kCapacityShift);
+  std::size_t xCapacity() const noexcept {
+    return xIsInPiece() ? xArray()->size : mHead >> kCapacityShift;
   }
   bool xHasIndex(int index) const noexcept {
     return getType() == TypeArray && static_cast<std::uint32_t>(index) < xArray()->size;
   }
   bool xIsAloneArray() const noexcept {
-    return getType() == TypeArray &&
+    return (mHead & (kTypeMask | kBorrowed | kAsBuilt)) == TypeArray &&
            mPayload.asBlock->references.load(std::memory_order_acquire) == 1;
   }
   static ArrayBlock* xNewBlock(std::size_t capacity) {
     return new (::operator new(sizeof(ArrayBlock) + capacity * sizeof(KXValue))) ArrayBlock;
   }
   void xSetArray(ArrayBlock* block, std::size_t capacity) noexcept {
-    mHead = TypeArray | kHasBlock | (static_cast<std::uint64_t>(capacity) << kCapacityShift);
+    mHead = TypeArray | kHoldsShare | (static_cast<std::uint64_t>(capacity) << kCapacityShift);
     mPayload.asBlock = block;
+  }
+  void xTakeShare() noexcept {
+    mPayload.asBlock->references.fetch_add(1, std::memory_order_relaxed);
+    mHead = (mHead & ~kBorrowed) | kHoldsShare;
+    if ((mHead & (kInPiece | kAsBuilt)) == kInPiece) xMarkCopied();
   }
   // The last owner needs no atomic write: nobody else can take a share any more.
   static bool xDropShare(Block* block) noexcept {
@@ -216,8 +263,8 @@ class KX_API KXValue {
            block->references.fetch_sub(1, std::memory_order_acq_rel) == 1;
   }
   // By value, so that a value whose address is not taken elsewhere can live in registers.
-  static void xFree(Block* block, Type type) noexcept;
-  static ArrayBlock* xDropElements(ArrayBlock* array, std::int32_t& next) noexcept;
+  void xMarkCopied() const noexcept;
+  static void xFree(std::uint64_t head, Block* block) noexcept;
   void xOwnArray(std::size_t capacity);
   void xMakeRoom();
   [[noreturn]] void xFailType(char const* method, Type expected) const;

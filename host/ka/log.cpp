@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdlib>
 #include <locale>
 #include <memory>
@@ -54,59 +55,116 @@ class StderrWriter {
   spdlog::logger mLogger;
 };
 
-/// The handlers, and one record at a time to each of them.
+/// The handlers. They are called without the lock, so each counts its calls in progress: whoever
+/// removes one waits for those.
 class Handlers {
  public:
   void add(std::string const& name, Handler handler) {
     auto entry = std::make_shared<Entry>(Entry{name, std::move(handler)});
-    std::lock_guard const lock(mMutex);
-    remove(name);
+    std::unique_lock lock(mMutex);
+    Entries const former = xMarkRemoved(name);
     mEntries.push_back(std::move(entry));
+    xEnd(former, lock);
   }
 
   void remove(std::string const& name) {
-    std::lock_guard const lock(mMutex);
-    auto const found = std::find_if(mEntries.begin(), mEntries.end(),
-                                    [&](auto const& entry) { return entry->name == name; });
-    if (found == mEntries.end()) return;
-    (*found)->isRemoved = true;
-    mEntries.erase(found);
+    std::unique_lock lock(mMutex);
+    xEnd(xMarkRemoved(name), lock);
   }
 
   void call(Record const& record) {
-    std::lock_guard const lock(mMutex);
-    if (mDepth == kMaxDepth) return;
-    // A copy: handlers may add and remove handlers, themselves too.
-    auto const entries = mEntries;
-    ++mDepth;
+    if (xDepth() == kMaxDepth) return;
+    Entries entries;
+    std::unique_lock lock(mMutex);
+    // A copy: handlers come and go meanwhile. It dies without the lock, since what a handler holds
+    // may log as it goes.
+    entries = mEntries;
     for (auto const& entry : entries) {
-      if (!entry->isRemoved) xCall(*entry, record);
+      if (!entry->isRemoved) xCall(*entry, record, lock);
     }
-    --mDepth;
   }
 
  private:
   struct Entry {
-    std::string name;
+    std::string const name;
     Handler handler;
+    int callCount = 0;  ///< how many threads are in it
     bool isRemoved = false;
   };
+  using Entries = std::vector<std::shared_ptr<Entry>>;
+
+  /// A call in progress on this thread, and the one around it.
+  struct Call {
+    Entry const* entry;
+    Call const* outer;
+  };
+  static thread_local Call const* tInnermost;
 
   /// A handler that logs whenever it is called would otherwise end in a full stack.
   static constexpr int kMaxDepth = 8;
 
-  static void xCall(Entry const& entry, Record const& record) {
+  static int xDepth() {
+    int depth = 0;
+    for (Call const* call = tInnermost; call != nullptr; call = call->outer) ++depth;
+    return depth;
+  }
+  static bool xIsWithin(Entry const& entry) {
+    Call const* call = tInnermost;
+    while (call != nullptr && call->entry != &entry) call = call->outer;
+    return call != nullptr;
+  }
+
+  /// The entries of that name: besides the current one those that are removed and still running,
+  /// so that everybody who removes the name waits for them.
+  Entries xMarkRemoved(std::string const& name) {
+    Entries removed;
+    for (auto const& entry : mEntries) {
+      if (entry->name == name) removed.push_back(entry);
+    }
+    for (auto const& entry : removed) entry->isRemoved = true;
+    return removed;
+  }
+
+  /// Waits for the calls of removed entries and destroys their handlers, behind the lock. A thread
+  /// does not wait for what it is in itself: the end of that call drops the entry.
+  void xEnd(Entries const& removed, std::unique_lock<std::mutex>& lock) {
+    std::vector<Handler> dying;
+    for (auto const& entry : removed) {
+      if (xIsWithin(*entry)) continue;
+      mHasReturned.wait(lock, [&] { return entry->callCount == 0; });
+      dying.push_back(std::exchange(entry->handler, {}));
+      xDrop(*entry);
+    }
+    lock.unlock();
+  }
+
+  void xDrop(Entry const& entry) {
+    std::erase_if(mEntries, [&](auto const& one) { return one.get() == &entry; });
+  }
+
+  void xCall(Entry& entry, Record const& record, std::unique_lock<std::mutex>& lock) {
+    ++entry.callCount;
+    lock.unlock();
+    Call const call{&entry, tInnermost};
+    tInnermost = &call;
     try {
       entry.handler(record);
     } catch (...) {
       // Whoever logs can neither know nor mend the handler.
     }
+    tInnermost = call.outer;
+    lock.lock();
+    if (--entry.callCount > 0 || !entry.isRemoved) return;
+    xDrop(entry);
+    mHasReturned.notify_all();
   }
 
-  std::recursive_mutex mMutex;
-  std::vector<std::shared_ptr<Entry>> mEntries;
-  int mDepth = 0;
+  std::mutex mMutex;
+  std::condition_variable mHasReturned;
+  Entries mEntries;
 };
+
+thread_local Handlers::Call const* Handlers::tInnermost = nullptr;
 
 struct Log {
   StderrWriter stderrWriter;

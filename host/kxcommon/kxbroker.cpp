@@ -1,10 +1,9 @@
 #include <kxcommon/kxbroker.hpp>
 
 #include <algorithm>
-#include <exception>
 #include <utility>
 
-#include <ka/log.hpp>
+#include <ka/runlogged.hpp>
 #include <kxcommon/kxbrokermanager.hpp>
 #include <kxcommon/kxmodule.hpp>
 #include <kxerror/kxerror.hpp>
@@ -23,17 +22,10 @@ using Module = boost::shared_ptr<KXModule>;
 
 // What keeps one module from leaving must not keep the others in service.
 void exitLogged(KXModule& module) {
-  auto const logFailure = [&](std::string const& what) {
-    ka::log::LogStream(ka::log::Warning, "KXBroker", "", "shutdown", 0)
-        << "exit of module '" << module.getName() << "' failed: " << what;
+  auto const failure = [&] {
+    return "exit of module '" + module.getName() + "' failed";
   };
-  try {
-    module.exit();
-  } catch (std::exception const& error) {
-    logFailure(messageOf(error));
-  } catch (...) {
-    logFailure("unknown exception");
-  }
+  ka::log::runLogged("KXBroker", "shutdown", failure, [&] { module.exit(); });
 }
 
 }  // namespace

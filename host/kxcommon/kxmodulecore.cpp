@@ -4,8 +4,9 @@
 #include <set>
 #include <utility>
 
+#include <ka/log.hpp>
 #include <kxcommon/kxbroker.hpp>
-#include <kxcommon/kxtask.hpp>
+#include <kxcommon/kxmodulescope.hpp>
 #include <kxerror/kxerror.hpp>
 
 namespace KX {
@@ -13,6 +14,11 @@ namespace {
 
 [[noreturn]] void fail(char const* method, std::string const& text) {
   throw KXError("KXModuleCore", method, text, "kxcommon/kxmodulecore", 0);
+}
+
+void logHookFailure(std::string const& module, char const* what) noexcept {
+  ka::log::LogStream(ka::log::Warning, "KXModuleCore", "", "markClosing", 0)
+      << "a closing hook of module '" << module << "' failed: " << what;
 }
 
 bool hasTypes(KXMethodInfo const& info, std::vector<std::string> const& types) {
@@ -126,8 +132,30 @@ void KXModuleCore::bindMethod(boost::shared_ptr<KXFunctorBase> functor) {
   mHasCurrentMethod = false;
 }
 
-void KXModuleCore::endParallelCalls() noexcept {
-  mParallelCalls->close(detail::isInParallelCall(*mParallelCalls) ? 1 : 0);
+void KXModuleCore::onClosing(std::function<void()> hook) {
+  mClosingHooks.push_back(std::move(hook));
+}
+
+void KXModuleCore::markClosing() noexcept {
+  if (mIsClosing.exchange(true, std::memory_order_acq_rel)) return;
+  for (std::function<void()> const& hook : mClosingHooks) {
+    try {
+      hook();
+    } catch (std::exception const& error) {
+      // One hook that fails must not keep the next sleeper asleep.
+      logHookFailure(mName, messageOf(error));
+    } catch (...) {
+      logHookFailure(mName, "an exception of unknown type");
+    }
+  }
+}
+
+void KXModuleEnd::operator()(KXModuleCore* module) const noexcept {
+  if (module == nullptr) return;
+  module->markClosing();
+  if (KXModuleScope::takeOver(*module)) return;
+  module->getParallelCalls()->close();
+  delete module;
 }
 
 }  // namespace KX

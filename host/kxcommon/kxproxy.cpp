@@ -2,14 +2,13 @@
 
 #include <utility>
 
+#include <binding/kxerrorplaces.hpp>
 #include <kxcommon/kxbroker.hpp>
 #include <kxcommon/kxmodule.hpp>
 #include <kxerror/kxerror.hpp>
 
 namespace KX {
 namespace {
-
-constexpr char const* kProxyFile = "kxcommon/kxproxy";
 
 // The parallel call of a script module. It owns the module: execute() needs it to the end, and a
 // script has no destructor that waits for its parallel calls.
@@ -38,7 +37,7 @@ boost::shared_ptr<KXBroker> lockBroker(boost::weak_ptr<KXBroker> const& broker,
   boost::shared_ptr<KXBroker> locked = broker.lock();
   if (!locked) {
     throw KXError("KXProxy", method, "the broker of the proxy to '" + moduleName + "' is gone",
-                  kProxyFile, 0);
+                  detail::kProxyFile, detail::kNoLine);
   }
   return locked;
 }
@@ -75,7 +74,7 @@ int KXProxy::pCall(std::string const& method) {
   if (info == nullptr) {
     throw KXError("KXProxy", "getMethodInfo",
                   "Function " + method + " does not exist in module " + xGetModuleName(),
-                  kProxyFile, 625);
+                  detail::kProxyFile, detail::kNoMethodLine);
   }
   KXTaskInfo const taskInfo = xCreateTaskInfo(method);
   xAddTask(taskInfo.toString(), boost::shared_ptr<KXTask>(

@@ -6,6 +6,9 @@
 #include <memory>
 #include <utility>
 
+#include <kxcommon/kxmodulecore.hpp>
+#include <kxcommon/kxmodulescope.hpp>
+
 namespace KX {
 namespace {
 
@@ -16,20 +19,13 @@ int nextTaskId() {
   return static_cast<int>(count.fetch_add(1, std::memory_order_relaxed) % kLargest) + 1;
 }
 
-// The guard that the parallel call on this thread has entered; null if there is none.
-thread_local KXCallbackGuard const* tEntered = nullptr;
-
-// Keeps a module's destructor waiting for its lifetime.
+// Keeps a module's end waiting for its lifetime, and its own thread's from coming under its feet.
 class InParallelCall {
  public:
-  explicit InParallelCall(std::shared_ptr<KXCallbackGuard> guard) : mGuard(std::move(guard)) {
-    mHasEntered = mGuard->enter();
-    if (mHasEntered) tEntered = mGuard.get();
-  }
+  explicit InParallelCall(KXModuleCore& core)
+      : mScope(core), mGuard(core.getParallelCalls()), mHasEntered(mGuard->enter()) {}
   ~InParallelCall() {
-    if (!mHasEntered) return;
-    tEntered = nullptr;
-    mGuard->leave();
+    if (mHasEntered) mGuard->leave();
   }
   InParallelCall(InParallelCall const&) = delete;
   InParallelCall& operator=(InParallelCall const&) = delete;
@@ -37,8 +33,9 @@ class InParallelCall {
   bool hasEntered() const noexcept { return mHasEntered; }
 
  private:
+  KXModuleScope const mScope;  // ends last: the module may die in it, which waits for the guard
   std::shared_ptr<KXCallbackGuard> const mGuard;
-  bool mHasEntered;
+  bool const mHasEntered;
 };
 
 }  // namespace
@@ -61,16 +58,12 @@ _pcall0::_pcall0(boost::shared_ptr<KXFunctorBase> functor, KXTaskInfo info,
 void _pcall0::run() {
   boost::shared_ptr<KXModuleCore> core = mCore.lock();
   if (!core) return;
-  InParallelCall const call(core->getParallelCalls());
-  // If this was the last reference, the module dies here and the call is not made.
+  InParallelCall const call(*core);
+  // If this was the last reference, the module dies at the end of `call`, and the call is not made.
   core.reset();
   if (!call.hasEntered() || mCore.expired()) return;
   KXValue result;
   mFunctor->call(KXValue::arrayOf(), result);
-}
-
-bool isInParallelCall(KXCallbackGuard const& guard) noexcept {
-  return tEntered == &guard;
 }
 
 }  // namespace detail

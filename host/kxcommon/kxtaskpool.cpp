@@ -3,7 +3,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <deque>
-#include <exception>
 #include <mutex>
 #include <unordered_set>
 #include <utility>
@@ -11,7 +10,7 @@
 
 #include <boost/thread/thread.hpp>
 
-#include <ka/log.hpp>
+#include <ka/runlogged.hpp>
 #include <kxerror/kxerror.hpp>
 
 namespace KX {
@@ -29,21 +28,13 @@ thread_local int tCurrentTaskId = 0;
   throw KXError("KXBroker", method, text, "kxcommon/kxbroker", 0);
 }
 
-void logFailure(std::string const& key, std::string const& what) {
-  ka::log::LogStream(ka::log::Warning, "KXBroker", "", "addTask", 0)
-      << "parallel call '" << key << "' failed: " << what;
-}
-
 // Nobody waits for what a parallel call throws, so the log is the only place left for it.
 void runLogged(Job const& job) {
   tCurrentTaskId = job.task->getInfo().getID();
-  try {
-    job.task->run();
-  } catch (std::exception const& error) {
-    logFailure(job.key, messageOf(error));
-  } catch (...) {
-    logFailure(job.key, "unknown exception");
-  }
+  auto const failure = [&] {
+    return "parallel call '" + job.key + "' failed";
+  };
+  ka::log::runLogged("KXBroker", "addTask", failure, [&] { job.task->run(); });
   tCurrentTaskId = 0;
 }
 

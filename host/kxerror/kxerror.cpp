@@ -18,4 +18,14 @@ char const* KXError::what() const noexcept {
   return mDescription.c_str();
 }
 
+std::string describeCurrentException() {
+  try {
+    throw;
+  } catch (std::exception const& error) {
+    return messageOf(error);
+  } catch (...) {
+    return "an exception of unknown type";
+  }
+}
+
 }  // namespace KX

@@ -90,51 +90,10 @@ KXValue::KXValue(std::vector<KXValue> elements) : KXValue() {
     new (block->elements() + block->size++) KXValue(std::move(element));
 }
 
-// Frees a block that has lost its last owner, and what an array was the last to own. A loop and not
-// a recursion, so that no depth of nesting can overflow the stack: the way back up stands in the
-// elements that have been dropped.
-void KXValue::xFree(Block* block, Type type) noexcept {
-  if (type != TypeArray) {
-    delete static_cast<TextBlock*>(block);
-    return;
-  }
-  ArrayBlock* array = static_cast<ArrayBlock*>(block);
-  ArrayBlock* parent = nullptr;
-  std::int32_t next = 0;
-  for (;;) {
-    if (ArrayBlock* const child = xDropElements(array, next); child != nullptr) {
-      // Where to go on: the index in the dead counter, the way up in the dead element.
-      array->references.store(next, std::memory_order_relaxed);
-      array->elements()[next - 1].mPayload.asBlock = parent;
-      parent = array;
-      array = child;
-      next = 0;
-      continue;
-    }
-    ::operator delete(array);
-    if (parent == nullptr) return;
-    array = parent;
-    next = array->references.load(std::memory_order_relaxed);
-    parent = array->elements()[next - 1].xArray();
-  }
-}
-
-// Drops elements from `next` on up to the first array that loses its last owner by it, and gives
-// that array's block; null when no element is left.
-KXValue::ArrayBlock* KXValue::xDropElements(ArrayBlock* array, std::int32_t& next) noexcept {
-  std::int32_t const size = static_cast<std::int32_t>(array->size);
-  while (next < size) {
-    KXValue const& element = array->elements()[next++];
-    if (!element.hasBlock() || !xDropShare(element.mPayload.asBlock)) continue;
-    if (element.getType() == TypeArray) return element.xArray();
-    delete element.xText();
-  }
-  return nullptr;
-}
-
 // Makes this an array whose block nobody shares, with room for `capacity` elements: its elements
 // are kept, a value that was no array becomes an empty one.
 void KXValue::xOwnArray(std::size_t capacity) {
+  mHead &= ~kAsBuilt;  // only arrays have it, and what follows lets elements be written
   bool const isAlone = xIsAloneArray();
   if (isAlone && capacity <= xCapacity()) return;
 

@@ -1,9 +1,8 @@
 #include <host/memory/kxdelivery.hpp>
 
-#include <exception>
 #include <utility>
 
-#include <ka/log.hpp>
+#include <ka/runlogged.hpp>
 #include <kxerror/kxerror.hpp>
 
 namespace KX {
@@ -12,12 +11,6 @@ namespace {
 
 // After a burst, a buffer larger than this is given back.
 constexpr std::size_t kKeptCapacity = 1 << 16;
-
-void logFailure(KXSubscription const& subscription, KXValue const& name, char const* what) {
-  ka::log::LogStream(ka::log::Warning, "KXMemory", "", "deliver", 0)
-      << "subscriber '" << subscription.module << "." << subscription.method << "' of key '"
-      << name.toString() << "' failed: " << what;
-}
 
 void logGone(KXSubscription const& subscription, KXValue const& name) {
   ka::log::LogStream(ka::log::Warning, "KXMemory", "", "deliver", 0)
@@ -103,18 +96,18 @@ void KXDelivery::xDeliver(Notification const& notification, KXValue& arguments) 
   KXSubscriptionList& list = *notification.subscribers;
   for (auto const& subscription : list.subscriptions) {
     if (subscription->isGone.load(std::memory_order_relaxed)) continue;
-    try {
+    auto const failure = [&] {
+      return "subscriber '" + subscription->module + "." + subscription->method + "' of key '" +
+             list.name.toString() + "' failed";
+    };
+    // A subscriber's failure concerns neither the raiser nor the other subscribers.
+    ka::log::runLogged("KXMemory", "deliver", failure, [&] {
       KXValue* const argument = arguments.arrayData();
       argument[0] = list.name;
       argument[1] = notification.value;
       argument[2] = subscription->message;
       xCall(list, *subscription, arguments);
-    } catch (std::exception const& error) {
-      // A subscriber's failure concerns neither the raiser nor the other subscribers.
-      logFailure(*subscription, list.name, messageOf(error));
-    } catch (...) {
-      logFailure(*subscription, list.name, "an exception of unknown type");
-    }
+    });
   }
 }
 

@@ -2,8 +2,7 @@
 
 #include <utility>
 
-#include <binding/kxfunctor.hpp>
-#include <binding/kxsignature.hpp>
+#include <binding/kxpublish.hpp>
 #include <kxerror/kxerror.hpp>
 #include <kxthread/kxmutex.hpp>
 
@@ -53,97 +52,109 @@ void KXMemory::exit() {
   KXModule::exit();  // Last: the store may die in it.
 }
 
-template <class Member>
-void KXMemory::xBind(Member member) {
-  completeAndCheck(member, getCurrentMethodDescription());
-  bindMethod(createFunctor(this, member));
-}
-
 void KXMemory::xPublishWriting() {
-  functionName("insertData", getName(), "Writes the value of a data key.", 0);
-  addParam("name", "name of the key");
-  addParam("value", "its new value");
-  xBind(&KXMemory::insertData);
+  publish(*this,
+          {"insertData",
+           "Writes the value of a data key.",
+           {{"name", "name of the key"}, {"value", "its new value"}}},
+          &KXMemory::insertData);
 
-  functionName("insertListData", getName(), "Writes several data keys at one moment.", 0);
-  addParam("pairs", "array of [name, value]; all are written, or none if one cannot be");
-  xBind(&KXMemory::insertListData);
+  publish(*this,
+          {"insertListData",
+           "Writes several data keys at one moment.",
+           {{"pairs", "array of [name, value]; all are written, or none if one cannot be"}}},
+          &KXMemory::insertListData);
 
-  functionName("raiseEvent", getName(),
-               "Gives an event key a new value and notifies its subscribers.", 0);
-  addParam("name", "name of the key");
-  addParam("value", "its new value, kept until the next raise");
-  xBind(&KXMemory::raiseEvent);
+  publish(*this,
+          {"raiseEvent",
+           "Gives an event key a new value and notifies its subscribers.",
+           {{"name", "name of the key"}, {"value", "its new value, kept until the next raise"}}},
+          &KXMemory::raiseEvent);
 
-  functionName("raiseMicroEvent", getName(), "Notifies the subscribers of a micro-event key.", 0);
-  addParam("name", "name of the key");
-  addParam("value", "the value to deliver; it is not kept");
-  xBind(&KXMemory::raiseMicroEvent);
+  publish(*this,
+          {"raiseMicroEvent",
+           "Notifies the subscribers of a micro-event key.",
+           {{"name", "name of the key"}, {"value", "the value to deliver; it is not kept"}}},
+          &KXMemory::raiseMicroEvent);
 
-  functionName("declareEvent", getName(), "Makes a key an event before it is first raised.", 0);
-  addParam("name", "name of the key");
-  xBind(&KXMemory::declareEvent);
+  publish(*this,
+          {"declareEvent",
+           "Makes a key an event before it is first raised.",
+           {{"name", "name of the key"}}},
+          &KXMemory::declareEvent);
 
-  functionName("declareMicroEvent", getName(),
-               "Makes a key a micro-event before it is first raised.", 0);
-  addParam("name", "name of the key");
-  xBind(&KXMemory::declareMicroEvent);
+  publish(*this,
+          {"declareMicroEvent",
+           "Makes a key a micro-event before it is first raised.",
+           {{"name", "name of the key"}}},
+          &KXMemory::declareMicroEvent);
 
-  functionName("removeData", getName(),
-               "Removes a key of any type; its subscriptions wait for it to come back.", 0);
-  addParam("name", "name of the key");
-  xBind(&KXMemory::removeData);
+  publish(*this,
+          {"removeData",
+           "Removes a key of any type; its subscriptions wait for it to come back.",
+           {{"name", "name of the key"}}},
+          &KXMemory::removeData);
 }
 
 void KXMemory::xPublishReading() {
-  functionName("getKeys", getName(), "Lists the keys.", 0);
-  addParam("pattern", "shell pattern that names must match (* matches / too); empty for all");
-  setReturn("names", "the names of the keys, sorted");
-  xBind(&KXMemory::getKeys);
+  publish(*this,
+          {"getKeys",
+           "Lists the keys.",
+           {{"pattern", "shell pattern that names must match (* matches / too); empty for all"}},
+           {"names", "the names of the keys, sorted"}},
+          &KXMemory::getKeys);
 
-  functionName("getData", getName(), "Reads the value of a key.", 0);
-  addParam("name", "name of the key");
-  setReturn("value", "its value; invalid for a micro-event and for an event never raised");
-  xBind(&KXMemory::getData);
+  publish(*this,
+          {"getData",
+           "Reads the value of a key.",
+           {{"name", "name of the key"}},
+           {"value", "its value; invalid for a micro-event and for an event never raised"}},
+          &KXMemory::getData);
 
-  functionName("getListData", getName(), "Reads several keys at one moment.", 0);
-  addParam("names", "array of names");
-  setReturn("values", "array with one value per name, invalid where there is none");
-  xBind(&KXMemory::getListData);
+  publish(*this,
+          {"getListData",
+           "Reads several keys at one moment.",
+           {{"names", "array of names"}},
+           {"values", "array with one value per name, invalid where there is none"}},
+          &KXMemory::getListData);
 
-  functionName("getType", getName(), "Tells the type of a key.", 0);
-  addParam("name", "name of the key");
-  setReturn("type", "Data, Event, MicroEvent, or Unknown data for a name that was only read");
-  xBind(&KXMemory::getType);
+  publish(*this,
+          {"getType",
+           "Tells the type of a key.",
+           {{"name", "name of the key"}},
+           {"type", "Data, Event, MicroEvent, or Unknown data for a name that was only read"}},
+          &KXMemory::getType);
 }
 
 void KXMemory::xPublishSubscribing() {
-  functionName("subscribeToEvent", getName(),
-               "Has a method called as (name, value, message) each time an event is raised.", 0);
-  addParam("name", "name of the key, which may be written later");
-  addParam("module", "name of the module to call; subscribing again replaces");
-  addParam("method", "name of its method; the message is the empty string");
-  xBind(&KXMemory::subscribeToEvent);
+  publish(*this,
+          {"subscribeToEvent",
+           "Has a method called as (name, value, message) each time an event is raised.",
+           {{"name", "name of the key, which may be written later"},
+            {"module", "name of the module to call; subscribing again replaces"},
+            {"method", "name of its method; the message is the empty string"}}},
+          &KXMemory::subscribeToEvent);
 
-  functionName("subscribeToMicroEvent", getName(),
-               "Has a method called as (name, value, message) each time a micro-event is raised.",
-               0);
-  addParam("name", "name of the key, which may be written later");
-  addParam("module", "name of the module to call; subscribing again replaces");
-  addParam("message", "the message to pass on");
-  addParam("method", "name of its method");
-  xBind(&KXMemory::subscribeToMicroEvent);
+  publish(*this,
+          {"subscribeToMicroEvent",
+           "Has a method called as (name, value, message) each time a micro-event is raised.",
+           {{"name", "name of the key, which may be written later"},
+            {"module", "name of the module to call; subscribing again replaces"},
+            {"message", "the message to pass on"},
+            {"method", "name of its method"}}},
+          &KXMemory::subscribeToMicroEvent);
 
-  functionName("unsubscribeToEvent", getName(), "Ends a module's subscription to an event.", 0);
-  addParam("name", "name of the key");
-  addParam("module", "name of the module that subscribed");
-  xBind(&KXMemory::unsubscribeToEvent);
+  publish(*this,
+          {"unsubscribeToEvent",
+           "Ends a module's subscription to an event.",
+           {{"name", "name of the key"}, {"module", "name of the module that subscribed"}}},
+          &KXMemory::unsubscribeToEvent);
 
-  functionName("unsubscribeToMicroEvent", getName(),
-               "Ends a module's subscription to a micro-event.", 0);
-  addParam("name", "name of the key");
-  addParam("module", "name of the module that subscribed");
-  xBind(&KXMemory::unsubscribeToMicroEvent);
+  publish(*this,
+          {"unsubscribeToMicroEvent",
+           "Ends a module's subscription to a micro-event.",
+           {{"name", "name of the key"}, {"module", "name of the module that subscribed"}}},
+          &KXMemory::unsubscribeToMicroEvent);
 }
 
 void KXMemory::insertData(std::string const& name, KXValue const& value) {

@@ -63,8 +63,6 @@ class KX_API KXMemory : public KXModule {
   void xPublishWriting();
   void xPublishReading();
   void xPublishSubscribing();
-  template <class Member>
-  void xBind(Member member);
   void xRaise(std::string const& name, KXValue const& value, KXKeyType kind, char const* method);
 
   boost::shared_ptr<KXMutex> const mMutex;

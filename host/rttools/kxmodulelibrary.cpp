@@ -29,8 +29,8 @@ std::string lastLibraryError(std::string const& path) {
   return text.starts_with(prefix) ? text.substr(prefix.size()) : text;
 }
 
-/// What a caught exception says; call it from a catch block.
-std::string describeCurrentException() {
+/// What an entry point threw, and of which kind; call it from a catch block.
+std::string describeFailure() {
   try {
     throw;
   } catch (KXError const& error) {
@@ -49,6 +49,13 @@ std::string absolutePath(std::string const& path) {
   return fs::absolute(path, error).string();
 }
 
+/// Where the library of this code was found.
+fs::path ownFolder() {
+  ::Dl_info info{};
+  if (::dladdr(reinterpret_cast<void const*>(&findLibrary), &info) == 0) return {};
+  return fs::path(absolutePath(info.dli_fname)).lexically_normal().parent_path();
+}
+
 void removeModulesBut(KXBroker& broker, std::vector<std::string> const& kept) {
   auto names = broker.getModuleNames();
   std::reverse(names.begin(), names.end());
@@ -61,12 +68,16 @@ void removeModulesBut(KXBroker& broker, std::vector<std::string> const& kept) {
 std::string findLibrary(std::string const& name) {
   if (name.find('/') != std::string::npos || name.ends_with(".so")) return name;
   std::error_code error;
+  std::string const fileName = "lib" + name + ".so";
   fs::path const programs = fs::read_symlink("/proc/self/exe", error).parent_path();
-  fs::path const file = (programs / "../lib" / ("lib" + name + ".so")).lexically_normal();
-  if (!fs::exists(file, error))
-    throw KXError("KXHost", "findLibrary",
-                  "no module library '" + name + "', looked for '" + file.string() + "'", kFile, 0);
-  return file.string();
+  fs::path const besideProgram = (programs / "../lib" / fileName).lexically_normal();
+  if (fs::exists(besideProgram, error)) return besideProgram.string();
+  fs::path const besideUs = ownFolder() / fileName;
+  if (fs::exists(besideUs, error)) return besideUs.string();
+  std::string places = "'" + besideProgram.string() + "'";
+  if (besideUs != besideProgram) places += " and '" + besideUs.string() + "'";
+  throw KXError("KXHost", "findLibrary", "no module library '" + name + "', looked for " + places,
+                kFile, 0);
 }
 
 KXModuleLibrary::KXModuleLibrary(std::string const& path) : mPath(absolutePath(path)) {
@@ -104,7 +115,7 @@ void KXModuleLibrary::xEnter(boost::shared_ptr<KXBroker> const& broker) const {
     if (result == 0) return;
     found = "it returned " + std::to_string(result);
   } catch (...) {
-    found = describeCurrentException();
+    found = describeFailure();
   }
   xFail(std::string("'") + kCreate + "' to return 0", found);
 }
@@ -116,7 +127,7 @@ void KXModuleLibrary::closeModule() const noexcept {
     if (result == 0) return;
     found = "it returned " + std::to_string(result);
   } catch (...) {
-    found = describeCurrentException();
+    found = describeFailure();
   }
   ka::log::LogStream(ka::log::Error, "KXHost", "", "shutdown", 0)
       << "module library '" << mPath << "': expected '" << kClose << "' to return 0, but " << found;

@@ -12,14 +12,15 @@ namespace KX {
 class KXBroker;
 
 /// The file of a module library: "memorywatcher" is "lib/libmemorywatcher.so" beside the "bin" of
-/// the running executable. What contains a '/' or ends in ".so" is a file's name already and comes
-/// back as it is. KXError that tells where it looked if there is no such file.
+/// the running executable, else "libmemorywatcher.so" beside the framework's libraries. What
+/// contains a '/' or ends in ".so" is a file's name already and comes back as it is. KXError that
+/// tells where it looked if there is no such file.
 KX_API std::string findLibrary(std::string const& name);
 
 /// A module library that was opened, with its two entry points. It stays in the process for ever,
 /// since objects, handlers and exceptions of its code may outlive every owner of this handle.
 /// Ownership: a value. Threads: not synchronised.
-class KXModuleLibrary {
+class KX_API KXModuleLibrary {
  public:
   /// Opens the file with all symbols resolved. KXError that names it, what was expected and what
   /// was found if there is no such file, it is no library, or a symbol or an entry point is

@@ -2,7 +2,6 @@
 
 #include <csignal>
 #include <cstdio>
-#include <exception>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -151,11 +150,8 @@ int KXTools::mainFunction(std::string const& name, int argc, char** argv, Create
   std::unique_ptr<KXHost> host;
   try {
     host = makeHost(name, options, create);
-  } catch (std::exception const& error) {
-    printLine(name, std::string("cannot make the module: ") + messageOf(error));
-    return kFailed;
   } catch (...) {
-    printLine(name, "cannot make the module: it threw something that is no std::exception");
+    printLine(name, "cannot make the module: " + describeCurrentException());
     return kFailed;
   }
   printLine(name, servingText(*host->getBroker()));

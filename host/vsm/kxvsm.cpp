@@ -1,7 +1,5 @@
 #include <host/vsm/kxvsm.hpp>
 
-#include <cerrno>
-#include <ctime>
 #include <exception>
 
 #include <pthread.h>
@@ -17,22 +15,8 @@ namespace KX {
 
 namespace {
 
-constexpr std::int64_t kNsPerSecond = 1'000'000'000;
 // Above ordinary real-time work, below the kernel's own threads.
 constexpr int kPriority = 60;
-
-std::int64_t nowNs() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return now.tv_sec * kNsPerSecond + now.tv_nsec;
-}
-
-void sleepUntil(std::int64_t deadlineNs) {
-  timespec const deadline{static_cast<time_t>(deadlineNs / kNsPerSecond),
-                          static_cast<long>(deadlineNs % kNsPerSecond)};
-  while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &deadline, nullptr) == EINTR) {
-  }
-}
 
 // Without the right to it, the thread stays an ordinary one: the cycle is later, but there.
 void askForRealTimePriority() {
@@ -47,14 +31,38 @@ void logFailure(char const* what) {
 
 }  // namespace
 
+/// The cycle thread's sleep, and what ends it.
+struct KXVsm::Alarm {
+  explicit Alarm(KXClock& itsClock) : clock(itsClock) {}
+
+  /// False, at once, when the cycle is to end.
+  bool sleepUntil(std::int64_t deadlineNs) {
+    boost::unique_lock<boost::mutex> lock(mutex);
+    while (!isStopping && clock.monotonicNs() < deadlineNs) {
+      clock.waitUntil(changed, lock, deadlineNs);
+    }
+    return !isStopping;
+  }
+  void stop() {
+    boost::lock_guard<boost::mutex> const lock(mutex);
+    isStopping = true;
+    changed.notify_one();
+  }
+
+  KXClock& clock;
+  boost::mutex mutex;
+  boost::condition_variable changed;
+  bool isStopping = false;  // guarded by mutex
+};
+
 KXCycleStep nextCycle(std::int64_t deadlineNs, std::int64_t nowNs) noexcept {
   std::int64_t const lateNs = nowNs - (deadlineNs + KXVsm::kCycleNs);
   std::int64_t const missed = lateNs <= 0 ? 0 : (lateNs + KXVsm::kCycleNs - 1) / KXVsm::kCycleNs;
   return {deadlineNs + (missed + 1) * KXVsm::kCycleNs, static_cast<int>(missed)};
 }
 
-KXVsm::KXVsm(boost::shared_ptr<KXBroker> const& broker)
-    : KXModule(broker, "VSM"), mIsStopping(std::make_shared<std::atomic<bool>>(false)) {
+KXVsm::KXVsm(boost::shared_ptr<KXBroker> const& broker, KXClock& clock)
+    : KXModule(broker, "VSM"), mAlarm(std::make_shared<Alarm>(clock)) {
   setModuleDescription("The hardware cycle: a signal every 10 ms.");
   functionName("getCycleCount", getName(), "Tells how often the cycle has been raised.", 0);
   setReturn("count", "cycles since the start");
@@ -72,9 +80,9 @@ KXVsm::~KXVsm() {
 }
 
 void KXVsm::init() {
-  std::lock_guard const lock(mMutex);
+  boost::lock_guard<boost::mutex> const lock(mMutex);
   mThread = std::thread([module = boost::weak_ptr<KXModuleCore>(shared_from_this()),
-                         isStopping = mIsStopping] { xRun(module, *isStopping); });
+                         alarm = mAlarm] { xRun(module, *alarm); });
 }
 
 void KXVsm::exit() {
@@ -83,10 +91,10 @@ void KXVsm::exit() {
 }
 
 void KXVsm::xStop() {
+  mAlarm->stop();
   std::thread thread;
   {
-    std::lock_guard const lock(mMutex);
-    *mIsStopping = true;
+    boost::lock_guard<boost::mutex> const lock(mMutex);
     thread.swap(mThread);
   }
   if (!thread.joinable()) return;
@@ -97,20 +105,18 @@ void KXVsm::xStop() {
   }
 }
 
-void KXVsm::xRun(boost::weak_ptr<KXModuleCore> const& module, std::atomic<bool> const& isStopping) {
+void KXVsm::xRun(boost::weak_ptr<KXModuleCore> const& module, Alarm& alarm) {
   ka::os::FineTimers const fineTimers;
   askForRealTimePriority();
-  std::int64_t deadlineNs = nowNs() + kCycleNs;
-  while (true) {
-    sleepUntil(deadlineNs);
-    if (isStopping) return;
+  std::int64_t deadlineNs = alarm.clock.monotonicNs() + kCycleNs;
+  while (alarm.sleepUntil(deadlineNs)) {
     // Held for one cycle only: the module's end is its owner's matter, also in the midst of this.
     boost::shared_ptr<KXModuleCore> const core = module.lock();
     if (!core) return;
     KXVsm& vsm = static_cast<KXVsm&>(*core);
     vsm.mDeadlineNs = deadlineNs;
     vsm.xCycle();
-    KXCycleStep const step = nextCycle(deadlineNs, nowNs());
+    KXCycleStep const step = nextCycle(deadlineNs, alarm.clock.monotonicNs());
     vsm.mMissedCycleCount += static_cast<std::uint32_t>(step.missedCycles);
     deadlineNs = step.deadlineNs;
   }

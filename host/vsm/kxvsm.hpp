@@ -4,14 +4,15 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <thread>
 
 #include <boost/smart_ptr/shared_ptr.hpp>
 #include <boost/smart_ptr/weak_ptr.hpp>
+#include <boost/thread/mutex.hpp>
 
 #include <kxcommon/kxmodule.hpp>
 #include <kxerror/kxapi.hpp>
+#include <kxthread/kxclock.hpp>
 
 namespace KX {
 
@@ -37,7 +38,8 @@ class KX_API KXVsm : public KXModule {
  public:
   static constexpr std::int64_t kCycleNs = 10'000'000;
 
-  explicit KXVsm(boost::shared_ptr<KXBroker> const& broker);
+  /// `clock` is not owned and must live as long as the process's threads.
+  explicit KXVsm(boost::shared_ptr<KXBroker> const& broker, KXClock& clock = KXClock::system());
   ~KXVsm() override;
   void init() override;
   void exit() override;
@@ -51,17 +53,18 @@ class KX_API KXVsm : public KXModule {
   std::int64_t getDeadlineNs() const noexcept { return mDeadlineNs; }
 
  private:
-  static void xRun(boost::weak_ptr<KXModuleCore> const& module,
-                   std::atomic<bool> const& isStopping);
+  struct Alarm;
+
+  static void xRun(boost::weak_ptr<KXModuleCore> const& module, Alarm& alarm);
   void xCycle() noexcept;
   void xStop();
 
   // Shared with the thread, which may outlive the module by a moment when a slot destroys it.
-  std::shared_ptr<std::atomic<bool>> const mIsStopping;
+  std::shared_ptr<Alarm> const mAlarm;
   std::atomic<std::uint32_t> mCycleCount{0};
   std::atomic<std::uint32_t> mMissedCycleCount{0};
   std::atomic<std::int64_t> mDeadlineNs{0};
-  std::mutex mMutex;
+  boost::mutex mMutex;
   std::thread mThread;  // guarded by mMutex
 };
 

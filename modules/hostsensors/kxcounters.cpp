@@ -11,7 +11,7 @@ constexpr std::uint64_t kTwoTo31 = 1ULL << 31;
 constexpr std::uint64_t kTwoTo32 = 1ULL << 32;
 constexpr std::chrono::seconds kUsageWindow(1);
 
-double secondsBetween(KXHostTime from, KXHostTime to) {
+double secondsBetween(KXMachineTime from, KXMachineTime to) {
   return std::chrono::duration<double>(to - from).count();
 }
 
@@ -33,7 +33,7 @@ std::string keySegment(std::string_view text) {
 }
 
 KXValue KXRates::update(std::string const& counter, std::uint64_t count, double unit,
-                        KXHostTime now) {
+                        KXMachineTime now) {
   auto const [entry, isNew] = mReadings.try_emplace(counter, Reading{count, now});
   if (isNew) return KXValue();
   Reading const before = entry->second;
@@ -43,11 +43,11 @@ KXValue KXRates::update(std::string const& counter, std::uint64_t count, double 
   return KXValue(unit * static_cast<double>(counterIncrease(before.count, count)) / seconds);
 }
 
-void KXRates::forgetOthers(KXHostTime now) {
+void KXRates::forgetOthers(KXMachineTime now) {
   std::erase_if(mReadings, [now](auto const& entry) { return entry.second.time != now; });
 }
 
-KXValue KXUsage::update(std::uint64_t busyTicks, std::uint64_t totalTicks, KXHostTime now) {
+KXValue KXUsage::update(std::uint64_t busyTicks, std::uint64_t totalTicks, KXMachineTime now) {
   mReadings.push_back({busyTicks, totalTicks, now});
   // The oldest kept is the youngest that is a whole window old.
   while (mReadings.size() > 2 && now - mReadings[1].time >= kUsageWindow) mReadings.pop_front();

@@ -10,7 +10,7 @@
 #include <string_view>
 
 #include <kxvalue/kxvalue.hpp>
-#include <modules/hostsensors/kxhostgroup.hpp>
+#include <modules/hostsensors/kxmachinegroup.hpp>
 
 namespace KX {
 
@@ -25,14 +25,14 @@ std::string keySegment(std::string_view text);
 class KXRates {
  public:
   /// The rate since the last reading of the counter, times `unit`; invalid at the first.
-  KXValue update(std::string const& counter, std::uint64_t count, double unit, KXHostTime now);
+  KXValue update(std::string const& counter, std::uint64_t count, double unit, KXMachineTime now);
   /// Forgets the counters that were not updated at `now`: their devices are gone.
-  void forgetOthers(KXHostTime now);
+  void forgetOthers(KXMachineTime now);
 
  private:
   struct Reading {
     std::uint64_t count;
-    KXHostTime time;
+    KXMachineTime time;
   };
   std::map<std::string, Reading> mReadings;
 };
@@ -42,7 +42,7 @@ class KXRates {
 class KXUsage {
  public:
   /// Invalid until there are two readings with ticks between them.
-  KXValue update(std::uint64_t busyTicks, std::uint64_t totalTicks, KXHostTime now);
+  KXValue update(std::uint64_t busyTicks, std::uint64_t totalTicks, KXMachineTime now);
   /// True once there is a value and the readings span a second.
   bool isSettled() const;
 
@@ -50,7 +50,7 @@ class KXUsage {
   struct Reading {
     std::uint64_t busyTicks;
     std::uint64_t totalTicks;
-    KXHostTime time;
+    KXMachineTime time;
   };
   std::deque<Reading> mReadings;
   KXValue mUsage;

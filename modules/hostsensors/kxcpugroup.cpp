@@ -1,15 +1,16 @@
-#include <modules/hostsensors/kxcpugroup.hpp>
-
+// The processors: how busy and how fast they are.
 #include <libproc2/stat.h>
 
 #include <array>
 #include <cerrno>
 #include <charconv>
-#include <optional>
+#include <chrono>
 #include <utility>
 
 #include <kxerror/kxerror.hpp>
-#include <modules/hostsensors/kxhostfiles.hpp>
+#include <modules/hostsensors/kxcounters.hpp>
+#include <modules/hostsensors/kxmachinefiles.hpp>
+#include <modules/hostsensors/kxmachinegroups.hpp>
 
 namespace KX {
 
@@ -52,10 +53,28 @@ std::optional<Number> parseNumber(std::string_view text) {
   return number;
 }
 
-}  // namespace
+struct Unref {
+  void operator()(stat_info* info) const { procps_stat_unref(&info); }
+};
 
-std::vector<KXHostKey> KXCpuGroup::keys() const {
-  using enum KXHostKey::Kind;
+class CpuGroup : public KXMachineGroup {
+ public:
+  char const* name() const override { return "Cpu"; }
+  std::vector<KXMachineKey> keys() const override;
+  void read(KXMachineTime now, KXMachineReport& report) override;
+
+ private:
+  static void xReadUsage(std::string const& key, stat_stack const& ticks, KXUsage& usage,
+                         KXMachineTime now, KXMachineReport& report);
+
+  std::unique_ptr<stat_info, Unref> mInfo;
+  KXUsage mUsage;
+  std::map<int, KXUsage> mUsageOfCpu;
+  KXHysteresis mSaturation{95.0, 85.0};
+};
+
+std::vector<KXMachineKey> CpuGroup::keys() const {
+  using enum KXMachineKey::Kind;
   return {
       {"Host/Cpu/Count", "processors online", Data, "int", "libproc2 stat"},
       {"Host/Cpu/Usage", "percent of all, last second", Data, "float", "libproc2 stat"},
@@ -64,11 +83,7 @@ std::vector<KXHostKey> KXCpuGroup::keys() const {
   };
 }
 
-void KXCpuGroup::Unref::operator()(stat_info* info) const {
-  procps_stat_unref(&info);
-}
-
-void KXCpuGroup::read(KXHostTime now, KXHostReport& report) {
+void CpuGroup::read(KXMachineTime now, KXMachineReport& report) {
   if (!mInfo) {
     stat_info* info = nullptr;
     if (int const result = procps_stat_new(&info); result < 0)
@@ -93,26 +108,39 @@ void KXCpuGroup::read(KXHostTime now, KXHostReport& report) {
   }
 }
 
-void KXCpuGroup::xReadUsage(std::string const& key, stat_stack const& ticks, KXUsage& usage,
-                            KXHostTime now, KXHostReport& report) {
+void CpuGroup::xReadUsage(std::string const& key, stat_stack const& ticks, KXUsage& usage,
+                          KXMachineTime now, KXMachineReport& report) {
   report.add(key,
              usage.update(ticksFrom(ticks, kFirstBusyTick), ticksFrom(ticks, kFirstTick), now));
 }
 
-std::vector<KXHostKey> KXFrequencyGroup::keys() const {
-  return {{"Host/Cpu/<cpu>/FrequencyMHz", "MHz, once a second", KXHostKey::Kind::Data, "float",
+class FrequencyGroup : public KXMachineGroup {
+ public:
+  explicit FrequencyGroup(std::string root) : mRoot(std::move(root)) {}
+  char const* name() const override { return "Frequency"; }
+  std::vector<KXMachineKey> keys() const override;
+  std::chrono::milliseconds interval() const override { return std::chrono::seconds(1); }
+  void read(KXMachineTime now, KXMachineReport& report) override;
+
+ private:
+  std::string const mRoot;
+};
+
+std::vector<KXMachineKey> FrequencyGroup::keys() const {
+  return {{"Host/Cpu/<cpu>/FrequencyMHz", "MHz, once a second", KXMachineKey::Kind::Data, "float",
            "/sys/devices/system/cpu/cpu*/cpufreq, else /proc/cpuinfo"}};
 }
 
-void KXFrequencyGroup::read(KXHostTime, KXHostReport& report) {
+void FrequencyGroup::read(KXMachineTime, KXMachineReport& report) {
   std::string const folder = mRoot + "/sys/devices/system/cpu";
   std::map<int, double> frequencies;
-  if (auto const text = tryReadHostFile(mRoot + "/proc/cpuinfo")) frequencies = parseCpuInfo(*text);
-  for (std::string const& entry : tryListHostFolder(folder)) {
+  if (auto const text = tryReadMachineFile(mRoot + "/proc/cpuinfo"))
+    frequencies = parseCpuInfo(*text);
+  for (std::string const& entry : tryListMachineFolder(folder)) {
     if (entry.substr(0, 3) != "cpu") continue;
     auto const cpu = parseCount(std::string_view(entry).substr(3));
     if (!cpu) continue;
-    auto const kHz = tryReadHostNumber(folder + "/" + entry + "/cpufreq/scaling_cur_freq");
+    auto const kHz = tryReadMachineNumber(folder + "/" + entry + "/cpufreq/scaling_cur_freq");
     if (kHz) frequencies[static_cast<int>(*cpu)] = static_cast<double>(*kHz) / 1000.0;
   }
   if (frequencies.empty()) {
@@ -120,6 +148,16 @@ void KXFrequencyGroup::read(KXHostTime, KXHostReport& report) {
                   "hostsensors/kxcpugroup", 0);
   }
   for (auto const& [cpu, MHz] : frequencies) report.add(cpuKey(cpu, "FrequencyMHz"), KXValue(MHz));
+}
+
+}  // namespace
+
+std::unique_ptr<KXMachineGroup> makeCpuGroup() {
+  return std::make_unique<CpuGroup>();
+}
+
+std::unique_ptr<KXMachineGroup> makeFrequencyGroup(std::string root) {
+  return std::make_unique<FrequencyGroup>(std::move(root));
 }
 
 std::map<int, double> parseCpuInfo(std::string_view text) {

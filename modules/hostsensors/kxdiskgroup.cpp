@@ -1,10 +1,12 @@
-#include <modules/hostsensors/kxdiskgroup.hpp>
-
+// The block devices.
 #include <unistd.h>
 
 #include <algorithm>
+#include <utility>
 
-#include <modules/hostsensors/kxhostfiles.hpp>
+#include <modules/hostsensors/kxcounters.hpp>
+#include <modules/hostsensors/kxmachinefiles.hpp>
+#include <modules/hostsensors/kxmachinegroups.hpp>
 
 namespace KX {
 
@@ -21,27 +23,23 @@ bool isWholeDisk(std::string const& root, std::string name) {
   return ::access((root + "/sys/block/" + name).c_str(), F_OK) == 0;
 }
 
-}  // namespace
+// On purpose not by libproc2: its reader goes on reporting a disk that is gone.
+class DiskGroup : public KXMachineGroup {
+ public:
+  explicit DiskGroup(std::string root) : mRoot(std::move(root)) {}
+  char const* name() const override { return "Disk"; }
+  std::vector<KXMachineKey> keys() const override;
+  void read(KXMachineTime now, KXMachineReport& report) override;
 
-std::vector<KXDiskCounters> parseDiskStats(std::string_view text) {
-  std::vector<KXDiskCounters> disks;
-  std::string_view line;
-  while (takeLine(text, line)) {
-    std::vector<std::string_view> const words = splitWords(line);
-    if (words.size() < 14) continue;
-    std::vector<std::uint64_t> counts;
-    for (std::size_t i = 3; i < 14; ++i) {
-      if (auto const count = parseCount(words[i])) counts.push_back(*count);
-    }
-    if (counts.size() < 11) continue;
-    disks.push_back(
-        {std::string(words[2]), counts[0], counts[2], counts[4], counts[6], counts[8], counts[9]});
-  }
-  return disks;
-}
+ private:
+  void xReport(KXDiskCounters const& disk, KXMachineTime now, KXMachineReport& report);
 
-std::vector<KXHostKey> KXDiskGroup::keys() const {
-  using enum KXHostKey::Kind;
+  std::string const mRoot;
+  KXRates mRates;
+};
+
+std::vector<KXMachineKey> DiskGroup::keys() const {
+  using enum KXMachineKey::Kind;
   char const* const source = "/proc/diskstats";
   return {
       {"Host/Disk/<disk>/Reads", "since boot", Data, "float", source},
@@ -57,15 +55,15 @@ std::vector<KXHostKey> KXDiskGroup::keys() const {
   };
 }
 
-void KXDiskGroup::read(KXHostTime now, KXHostReport& report) {
-  for (KXDiskCounters const& disk : parseDiskStats(readHostFile(mRoot + "/proc/diskstats"))) {
+void DiskGroup::read(KXMachineTime now, KXMachineReport& report) {
+  for (KXDiskCounters const& disk : parseDiskStats(readMachineFile(mRoot + "/proc/diskstats"))) {
     bool const wasUsed = disk.reads + disk.writes != 0;
     if (wasUsed && isWholeDisk(mRoot, disk.name)) xReport(disk, now, report);
   }
   mRates.forgetOthers(now);
 }
 
-void KXDiskGroup::xReport(KXDiskCounters const& disk, KXHostTime now, KXHostReport& report) {
+void DiskGroup::xReport(KXDiskCounters const& disk, KXMachineTime now, KXMachineReport& report) {
   std::string const prefix = "Host/Disk/" + keySegment(disk.name) + "/";
   auto const addCounter = [&](char const* what, std::uint64_t count, double unit) {
     report.add(prefix + what, KXValue(unit * static_cast<double>(count)));
@@ -84,6 +82,29 @@ void KXDiskGroup::xReport(KXDiskCounters const& disk, KXHostTime now, KXHostRepo
   if (busy.isValid()) busy = KXValue(std::min(static_cast<double>(busy), 100.0));
   report.add(std::move(busyKey), std::move(busy));
   report.add(prefix + "RequestsInProgress", KXValue(static_cast<int>(disk.requestsInProgress)));
+}
+
+}  // namespace
+
+std::unique_ptr<KXMachineGroup> makeDiskGroup(std::string root) {
+  return std::make_unique<DiskGroup>(std::move(root));
+}
+
+std::vector<KXDiskCounters> parseDiskStats(std::string_view text) {
+  std::vector<KXDiskCounters> disks;
+  std::string_view line;
+  while (takeLine(text, line)) {
+    std::vector<std::string_view> const words = splitWords(line);
+    if (words.size() < 14) continue;
+    std::vector<std::uint64_t> counts;
+    for (std::size_t i = 3; i < 14; ++i) {
+      if (auto const count = parseCount(words[i])) counts.push_back(*count);
+    }
+    if (counts.size() < 11) continue;
+    disks.push_back(
+        {std::string(words[2]), counts[0], counts[2], counts[4], counts[6], counts[8], counts[9]});
+  }
+  return disks;
 }
 
 }  // namespace KX

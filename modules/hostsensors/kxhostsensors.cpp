@@ -4,15 +4,13 @@
 
 #include <algorithm>
 #include <chrono>
-#include <exception>
 #include <utility>
 
-#include <binding/kxfunctor.hpp>
 #include <binding/kxproxycall.hpp>
-#include <binding/kxsignature.hpp>
-#include <ka/log.hpp>
+#include <binding/kxpublish.hpp>
+#include <ka/runlogged.hpp>
 #include <kxcommon/kxbroker.hpp>
-#include <modules/hostsensors/kxhostgroups.hpp>
+#include <modules/hostsensors/kxmachinegroups.hpp>
 
 namespace KX {
 
@@ -25,22 +23,14 @@ constexpr int kMaxPeriodMs = 60000;
 // Makes one step of a period; a failure is logged and the steps that follow are made.
 template <class Step>
 bool tryStep(char const* what, std::string const& key, Step const& step) {
-  std::string problem;
-  try {
-    step();
-    return true;
-  } catch (std::exception const& error) {
-    problem = error.what();
-  } catch (...) {
-    // Whatever a store throws, it must not end the thread.
-    problem = "unknown exception";
-  }
-  ka::log::LogStream(ka::log::Warning, "KXHostSensors", "", "publish", 0)
-      << "cannot " << what << " '" << key << "': " << problem;
-  return false;
+  auto const failure = [&] {
+    return std::string("cannot ") + what + " '" + key + "'";
+  };
+  // Whatever a store throws, it must not end the thread.
+  return ka::log::runLogged("KXHostSensors", "publish", failure, step);
 }
 
-KXValue asPairs(KXHostReport const& report) {
+KXValue asPairs(KXMachineReport const& report) {
   std::vector<KXValue> pairs;
   pairs.reserve(report.values.size());
   for (auto const& [key, value] : report.values) pairs.push_back(KXValue::arrayOf(key, value));
@@ -50,22 +40,24 @@ KXValue asPairs(KXHostReport const& report) {
 }  // namespace
 
 KXHostSensors::KXHostSensors(boost::shared_ptr<KXBroker> const& broker)
-    : KXHostSensors(broker, makeHostGroups("")) {}
+    : KXHostSensors(broker, makeMachineGroups("")) {}
 
 KXHostSensors::KXHostSensors(boost::shared_ptr<KXBroker> const& broker,
-                             std::vector<std::unique_ptr<KXHostGroup>> groups)
+                             std::vector<std::unique_ptr<KXMachineGroup>> groups)
     : KXModule(broker, "KXHostSensors"), mSurvey(std::move(groups)), mPeriodMs(kDefaultPeriodMs) {
   setModuleDescription("Publishes this machine's sensors into KXMemory, below Host/.");
 
-  functionName("getPeriodMs", getName(), "Tells how often the machine is read.", 0);
-  setReturn("periodMs", "the period in milliseconds");
-  completeAndCheck(&KXHostSensors::getPeriodMs, getCurrentMethodDescription());
-  bindMethod(createFunctor(this, &KXHostSensors::getPeriodMs));
-
-  functionName("setPeriodMs", getName(), "Sets how often the machine is read.", 0);
-  addParam("periodMs", "the period in milliseconds; corrected to 10 to 60000");
-  completeAndCheck(&KXHostSensors::setPeriodMs, getCurrentMethodDescription());
-  bindMethod(createFunctor(this, &KXHostSensors::setPeriodMs));
+  publish(*this,
+          {"getPeriodMs",
+           "Tells how often the machine is read.",
+           {},
+           {"periodMs", "the period in milliseconds"}},
+          &KXHostSensors::getPeriodMs);
+  publish(*this,
+          {"setPeriodMs",
+           "Sets how often the machine is read.",
+           {{"periodMs", "the period in milliseconds; corrected to 10 to 60000"}}},
+          &KXHostSensors::setPeriodMs);
 }
 
 KXHostSensors::~KXHostSensors() {
@@ -112,10 +104,10 @@ void KXHostSensors::xStop() {
 
 void KXHostSensors::xRun() {
   ::pthread_setname_np(::pthread_self(), "kxhostsensors");
-  KXHostTime deadline = KXHostClock::now();
+  KXMachineTime deadline = KXMachineClock::now();
   std::unique_lock lock(mMutex);
   while (!mIsStopping) {
-    KXHostTime const now = KXHostClock::now();
+    KXMachineTime const now = KXMachineClock::now();
     std::chrono::milliseconds const period(mPeriodMs);
     deadline += period;
     if (std::exchange(mIsPeriodNew, false) || deadline <= now) deadline = now + period;
@@ -128,7 +120,7 @@ void KXHostSensors::xRun() {
 }
 
 void KXHostSensors::xPeriod() {
-  KXHostSurvey::Result const found = mSurvey.read(KXHostClock::now());
+  KXMachineSurvey::Result const found = mSurvey.read(KXMachineClock::now());
   mKeysToRemove.insert(found.vanishedKeys.begin(), found.vanishedKeys.end());
   tryStep("reach the store", "KXMemory", [&] {
     // Asked for each time: the store may come later than this module, and may be replaced.
@@ -141,9 +133,9 @@ void KXHostSensors::xPeriod() {
 void KXHostSensors::xDeclareEvents(KXProxy& store) {
   if (mAreEventsDeclared) return;
   mAreEventsDeclared = true;
-  for (KXHostKey const& key : mSurvey.keys()) {
-    if (key.kind == KXHostKey::Kind::Data) continue;
-    bool const isMicroEvent = key.kind == KXHostKey::Kind::MicroEvent;
+  for (KXMachineKey const& key : mSurvey.keys()) {
+    if (key.kind == KXMachineKey::Kind::Data) continue;
+    bool const isMicroEvent = key.kind == KXMachineKey::Kind::MicroEvent;
     char const* const method = isMicroEvent ? "declareMicroEvent" : "declareEvent";
     bool const isDeclared =
         tryStep("declare", key.pattern, [&] { store.call<void>(method, key.pattern); });
@@ -152,12 +144,12 @@ void KXHostSensors::xDeclareEvents(KXProxy& store) {
 }
 
 // Removes first: a key may have come back since it vanished.
-void KXHostSensors::xPublish(KXProxy& store, KXHostReport const& report) {
+void KXHostSensors::xPublish(KXProxy& store, KXMachineReport const& report) {
   for (std::string const& key : std::exchange(mKeysToRemove, {})) {
     tryStep("remove", key, [&] { store.call<void>("removeData", key); });
   }
   tryStep("write", "Host/*", [&] { store.call<void>("insertListData", asPairs(report)); });
-  for (KXHostEvent const& event : report.events) {
+  for (KXMachineEvent const& event : report.events) {
     char const* const method = event.isMicroEvent ? "raiseMicroEvent" : "raiseEvent";
     tryStep("raise", event.key, [&] { store.call<void>(method, event.key, event.value); });
   }

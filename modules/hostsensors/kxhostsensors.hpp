@@ -12,7 +12,7 @@
 #include <boost/smart_ptr/shared_ptr.hpp>
 
 #include <kxcommon/kxmodule.hpp>
-#include <modules/hostsensors/kxhostsurvey.hpp>
+#include <modules/hostsensors/kxmachinesurvey.hpp>
 
 namespace KX {
 
@@ -32,7 +32,7 @@ class KXHostSensors : public KXModule {
   explicit KXHostSensors(boost::shared_ptr<KXBroker> const& broker);
   /// Only these groups.
   KXHostSensors(boost::shared_ptr<KXBroker> const& broker,
-                std::vector<std::unique_ptr<KXHostGroup>> groups);
+                std::vector<std::unique_ptr<KXMachineGroup>> groups);
   ~KXHostSensors() override;
   void init() override;
   void exit() override;
@@ -46,10 +46,10 @@ class KXHostSensors : public KXModule {
   void xStop();
   void xPeriod();
   void xDeclareEvents(KXProxy& store);
-  void xPublish(KXProxy& store, KXHostReport const& report);
+  void xPublish(KXProxy& store, KXMachineReport const& report);
 
   // Of the thread that reads: the one that calls init(), then the module's own.
-  KXHostSurvey mSurvey;
+  KXMachineSurvey mSurvey;
   bool mAreEventsDeclared = false;
   std::set<std::string> mKeysToRemove;  ///< waiting for a store that can be reached
 

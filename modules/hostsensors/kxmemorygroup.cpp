@@ -1,12 +1,12 @@
-#include <modules/hostsensors/kxmemorygroup.hpp>
-
+// Memory and swap of the machine.
 #include <libproc2/meminfo.h>
 
 #include <array>
 #include <cerrno>
 
-#include <kxerror/kxerror.hpp>
-#include <modules/hostsensors/kxhostfiles.hpp>
+#include <modules/hostsensors/kxcounters.hpp>
+#include <modules/hostsensors/kxmachinefiles.hpp>
+#include <modules/hostsensors/kxmachinegroups.hpp>
 
 namespace KX {
 
@@ -29,11 +29,25 @@ constexpr std::array<Entry, 9> kEntries = {{
     {MEMINFO_SWAP_USED, "Host/Swap/UsedBytes"},
 }};
 
-}  // namespace
+struct Unref {
+  void operator()(meminfo_info* info) const { procps_meminfo_unref(&info); }
+};
 
-std::vector<KXHostKey> KXMemoryGroup::keys() const {
-  using enum KXHostKey::Kind;
-  std::vector<KXHostKey> keys;
+class MemoryGroup : public KXMachineGroup {
+ public:
+  char const* name() const override { return "Memory"; }
+  std::vector<KXMachineKey> keys() const override;
+  void read(KXMachineTime now, KXMachineReport& report) override;
+
+ private:
+  std::unique_ptr<meminfo_info, Unref> mInfo;
+  // In percent of memory that is not available.
+  KXHysteresis mLow{90.0, 85.0};
+};
+
+std::vector<KXMachineKey> MemoryGroup::keys() const {
+  using enum KXMachineKey::Kind;
+  std::vector<KXMachineKey> keys;
   for (Entry const& entry : kEntries) {
     keys.push_back({entry.key, "bytes", Data, "float", "libproc2 meminfo"});
   }
@@ -42,11 +56,7 @@ std::vector<KXHostKey> KXMemoryGroup::keys() const {
   return keys;
 }
 
-void KXMemoryGroup::Unref::operator()(meminfo_info* info) const {
-  procps_meminfo_unref(&info);
-}
-
-void KXMemoryGroup::read(KXHostTime, KXHostReport& report) {
+void MemoryGroup::read(KXMachineTime, KXMachineReport& report) {
   if (!mInfo) {
     meminfo_info* info = nullptr;
     int const result = procps_meminfo_new(&info);
@@ -68,6 +78,12 @@ void KXMemoryGroup::read(KXHostTime, KXHostReport& report) {
   for (std::size_t i = 0; i < kEntries.size(); ++i) report.add(kEntries[i].key, KXValue(bytes(i)));
   auto const change = mLow.update(100.0 * (totalBytes - bytes(1)) / totalBytes);
   if (change) report.events.push_back({"Host/Memory/Low", KXValue(*change), false});
+}
+
+}  // namespace
+
+std::unique_ptr<KXMachineGroup> makeMemoryGroup() {
+  return std::make_unique<MemoryGroup>();
 }
 
 }  // namespace KX

@@ -1,10 +1,11 @@
-#include <modules/hostsensors/kxnetworkgroup.hpp>
-
+// The network interfaces.
 #include <unistd.h>
 
 #include <utility>
 
-#include <modules/hostsensors/kxhostfiles.hpp>
+#include <modules/hostsensors/kxcounters.hpp>
+#include <modules/hostsensors/kxmachinefiles.hpp>
+#include <modules/hostsensors/kxmachinegroups.hpp>
 
 namespace KX {
 
@@ -14,34 +15,31 @@ KXTraffic trafficFrom(std::vector<std::uint64_t> const& counts, std::size_t firs
   return {counts[first], counts[first + 1], counts[first + 2], counts[first + 3]};
 }
 
-KXHostEvent linkChanged(std::string const& interface, bool isUp) {
+KXMachineEvent linkChanged(std::string const& interface, bool isUp) {
   return {"Host/Network/LinkChanged", KXValue::arrayOf(KXValue(interface), KXValue(isUp)), false};
 }
 
-}  // namespace
+class NetworkGroup : public KXMachineGroup {
+ public:
+  explicit NetworkGroup(std::string root) : mRoot(std::move(root)) {}
+  char const* name() const override { return "Network"; }
+  std::vector<KXMachineKey> keys() const override;
+  void read(KXMachineTime now, KXMachineReport& report) override;
 
-std::vector<KXInterfaceCounters> parseNetDev(std::string_view text) {
-  std::vector<KXInterfaceCounters> interfaces;
-  std::string_view line;
-  while (takeLine(text, line)) {
-    // An alias's name has a colon in it; its last one ends the name.
-    std::size_t const colon = line.rfind(':');
-    if (colon == std::string_view::npos) continue;
-    std::vector<std::string_view> const name = splitWords(line.substr(0, colon));
-    std::vector<std::uint64_t> counts;
-    for (std::string_view const word : splitWords(line.substr(colon + 1))) {
-      if (auto const count = parseCount(word)) counts.push_back(*count);
-    }
-    if (name.size() != 1 || counts.size() < 16) continue;
-    interfaces.push_back(
-        {std::string(name.front()), trafficFrom(counts, 0), trafficFrom(counts, 8)});
-  }
-  return interfaces;
-}
+ private:
+  void xReportTraffic(std::string const& prefix, char const* direction, KXTraffic const& traffic,
+                      KXMachineTime now, KXMachineReport& report);
+  std::optional<bool> xReadLink(std::string const& interface) const;
+  void xReportChanges(std::map<std::string, bool> links, KXMachineReport& report);
 
-std::vector<KXHostKey> KXNetworkGroup::keys() const {
-  using enum KXHostKey::Kind;
-  std::vector<KXHostKey> keys;
+  std::string const mRoot;
+  KXRates mRates;
+  std::optional<std::map<std::string, bool>> mLinks;
+};
+
+std::vector<KXMachineKey> NetworkGroup::keys() const {
+  using enum KXMachineKey::Kind;
+  std::vector<KXMachineKey> keys;
   for (std::string const direction : {"Received", "Sent"}) {
     std::string const prefix = "Host/Network/<interface>/" + direction;
     auto const add = [&](char const* what, char const* unit) {
@@ -61,9 +59,10 @@ std::vector<KXHostKey> KXNetworkGroup::keys() const {
   return keys;
 }
 
-void KXNetworkGroup::read(KXHostTime now, KXHostReport& report) {
+void NetworkGroup::read(KXMachineTime now, KXMachineReport& report) {
   std::map<std::string, bool> links;
-  for (KXInterfaceCounters const& counters : parseNetDev(readHostFile(mRoot + "/proc/net/dev"))) {
+  for (KXInterfaceCounters const& counters :
+       parseNetDev(readMachineFile(mRoot + "/proc/net/dev"))) {
     std::string const prefix = "Host/Network/" + keySegment(counters.name) + "/";
     xReportTraffic(prefix, "Received", counters.received, now, report);
     xReportTraffic(prefix, "Sent", counters.sent, now, report);
@@ -76,9 +75,9 @@ void KXNetworkGroup::read(KXHostTime now, KXHostReport& report) {
   xReportChanges(std::move(links), report);
 }
 
-void KXNetworkGroup::xReportTraffic(std::string const& prefix, char const* direction,
-                                    KXTraffic const& traffic, KXHostTime now,
-                                    KXHostReport& report) {
+void NetworkGroup::xReportTraffic(std::string const& prefix, char const* direction,
+                                  KXTraffic const& traffic, KXMachineTime now,
+                                  KXMachineReport& report) {
   auto const addCounter = [&](char const* what, std::uint64_t count) {
     report.add(prefix + direction + what, KXValue(static_cast<double>(count)));
   };
@@ -97,14 +96,14 @@ void KXNetworkGroup::xReportTraffic(std::string const& prefix, char const* direc
 
 // Nothing where the kernel has no folder for the interface. An interface that is switched off
 // refuses to tell its carrier.
-std::optional<bool> KXNetworkGroup::xReadLink(std::string const& interface) const {
+std::optional<bool> NetworkGroup::xReadLink(std::string const& interface) const {
   std::string const folder = mRoot + "/sys/class/net/" + interface;
-  if (auto const carrier = tryReadHostNumber(folder + "/carrier")) return *carrier == 1;
+  if (auto const carrier = tryReadMachineNumber(folder + "/carrier")) return *carrier == 1;
   if (::access(folder.c_str(), F_OK) == 0) return false;
   return std::nullopt;
 }
 
-void KXNetworkGroup::xReportChanges(std::map<std::string, bool> links, KXHostReport& report) {
+void NetworkGroup::xReportChanges(std::map<std::string, bool> links, KXMachineReport& report) {
   if (!mLinks) {
     mLinks = std::move(links);
     return;
@@ -118,6 +117,31 @@ void KXNetworkGroup::xReportChanges(std::map<std::string, bool> links, KXHostRep
     if (wasUp && !links.contains(interface)) report.events.push_back(linkChanged(interface, false));
   }
   mLinks = std::move(links);
+}
+
+}  // namespace
+
+std::unique_ptr<KXMachineGroup> makeNetworkGroup(std::string root) {
+  return std::make_unique<NetworkGroup>(std::move(root));
+}
+
+std::vector<KXInterfaceCounters> parseNetDev(std::string_view text) {
+  std::vector<KXInterfaceCounters> interfaces;
+  std::string_view line;
+  while (takeLine(text, line)) {
+    // An alias's name has a colon in it; its last one ends the name.
+    std::size_t const colon = line.rfind(':');
+    if (colon == std::string_view::npos) continue;
+    std::vector<std::string_view> const name = splitWords(line.substr(0, colon));
+    std::vector<std::uint64_t> counts;
+    for (std::string_view const word : splitWords(line.substr(colon + 1))) {
+      if (auto const count = parseCount(word)) counts.push_back(*count);
+    }
+    if (name.size() != 1 || counts.size() < 16) continue;
+    interfaces.push_back(
+        {std::string(name.front()), trafficFrom(counts, 0), trafficFrom(counts, 8)});
+  }
+  return interfaces;
 }
 
 }  // namespace KX

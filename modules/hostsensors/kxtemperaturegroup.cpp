@@ -1,17 +1,16 @@
-#include <modules/hostsensors/kxtemperaturegroup.hpp>
-
+// Temperatures and fans.
 #include <sensors/sensors.h>
 
 #include <array>
+#include <chrono>
 #include <cstdlib>
-#include <memory>
 #include <mutex>
-#include <set>
 #include <utility>
 
 #include <kxerror/kxerror.hpp>
 #include <modules/hostsensors/kxcounters.hpp>
-#include <modules/hostsensors/kxhostfiles.hpp>
+#include <modules/hostsensors/kxmachinefiles.hpp>
+#include <modules/hostsensors/kxmachinegroups.hpp>
 
 namespace KX {
 
@@ -23,12 +22,23 @@ std::mutex gLibraryMutex;
 int gLibraryUsers = 0;
 bool gIsLibraryReady = false;
 
+// What one chip measures at one place.
+struct ChipReading {
+  enum class Kind { Temperature, Fan };
+
+  std::string chip;
+  std::string feature;  // the kernel's name, unique in the chip: temp1
+  std::string label;    // the name for people, not always unique: Core 0
+  Kind kind;
+  double value;  // degrees Celsius, or turns per minute
+};
+
 struct Free {
   void operator()(char* text) const { std::free(text); }
 };
 
 void readFeature(sensors_chip_name const& chip, std::string const& chipName,
-                 sensors_feature const& feature, std::vector<KXChipReading>& readings) {
+                 sensors_feature const& feature, std::vector<ChipReading>& readings) {
   bool const isFan = feature.type == SENSORS_FEATURE_FAN;
   if (!isFan && feature.type != SENSORS_FEATURE_TEMP) return;
   sensors_subfeature const* const input = sensors_get_subfeature(
@@ -37,11 +47,11 @@ void readFeature(sensors_chip_name const& chip, std::string const& chipName,
   if (input == nullptr || sensors_get_value(&chip, input->number, &value) != 0) return;
   std::unique_ptr<char, Free> const label(sensors_get_label(&chip, &feature));
   readings.push_back({chipName, feature.name, label ? label.get() : feature.name,
-                      isFan ? KXChipReading::Kind::Fan : KXChipReading::Kind::Temperature, value});
+                      isFan ? ChipReading::Kind::Fan : ChipReading::Kind::Temperature, value});
 }
 
-std::vector<KXChipReading> readChips() {
-  std::vector<KXChipReading> readings;
+std::vector<ChipReading> readChips() {
+  std::vector<ChipReading> readings;
   std::lock_guard const lock(gLibraryMutex);
   if (!gIsLibraryReady) return readings;
   int chipNumber = 0;
@@ -56,12 +66,10 @@ std::vector<KXChipReading> readChips() {
   return readings;
 }
 
-}  // namespace
-
-void reportChipReadings(std::vector<KXChipReading> const& readings, KXHostReport& report) {
+void reportChipReadings(std::vector<ChipReading> const& readings, KXMachineReport& report) {
   std::set<std::string> taken;
-  for (KXChipReading const& reading : readings) {
-    bool const isFan = reading.kind == KXChipReading::Kind::Fan;
+  for (ChipReading const& reading : readings) {
+    bool const isFan = reading.kind == ChipReading::Kind::Fan;
     std::string place = std::string(isFan ? "Host/Fan/" : "Host/Temperature/") +
                         keySegment(reading.chip) + "/" + keySegment(reading.label);
     if (!taken.insert(place).second) place.append(".").append(keySegment(reading.feature));
@@ -69,18 +77,35 @@ void reportChipReadings(std::vector<KXChipReading> const& readings, KXHostReport
   }
 }
 
-KXTemperatureGroup::KXTemperatureGroup(std::string root) : mRoot(std::move(root)) {
+class TemperatureGroup : public KXMachineGroup {
+ public:
+  explicit TemperatureGroup(std::string root);
+  ~TemperatureGroup() override;
+  TemperatureGroup(TemperatureGroup const&) = delete;
+  TemperatureGroup& operator=(TemperatureGroup const&) = delete;
+  char const* name() const override { return "Temperature"; }
+  std::vector<KXMachineKey> keys() const override;
+  std::chrono::milliseconds interval() const override { return std::chrono::seconds(1); }
+  void read(KXMachineTime now, KXMachineReport& report) override;
+
+ private:
+  void xReadZones(KXMachineReport& report) const;
+
+  std::string const mRoot;
+};
+
+TemperatureGroup::TemperatureGroup(std::string root) : mRoot(std::move(root)) {
   std::lock_guard const lock(gLibraryMutex);
   if (gLibraryUsers++ == 0) gIsLibraryReady = sensors_init(nullptr) == 0;
 }
 
-KXTemperatureGroup::~KXTemperatureGroup() {
+TemperatureGroup::~TemperatureGroup() {
   std::lock_guard const lock(gLibraryMutex);
   if (--gLibraryUsers == 0 && std::exchange(gIsLibraryReady, false)) sensors_cleanup();
 }
 
-std::vector<KXHostKey> KXTemperatureGroup::keys() const {
-  using enum KXHostKey::Kind;
+std::vector<KXMachineKey> TemperatureGroup::keys() const {
+  using enum KXMachineKey::Kind;
   return {
       {"Host/Temperature/<chip>/<label>/Celsius", "degrees Celsius, once a second", Data, "float",
        "libsensors"},
@@ -91,7 +116,7 @@ std::vector<KXHostKey> KXTemperatureGroup::keys() const {
   };
 }
 
-void KXTemperatureGroup::read(KXHostTime, KXHostReport& report) {
+void TemperatureGroup::read(KXMachineTime, KXMachineReport& report) {
   reportChipReadings(readChips(), report);
   xReadZones(report);
   if (report.values.empty()) {
@@ -101,16 +126,22 @@ void KXTemperatureGroup::read(KXHostTime, KXHostReport& report) {
 }
 
 // A zone that is switched off has a file of its temperature and refuses to be read.
-void KXTemperatureGroup::xReadZones(KXHostReport& report) const {
+void TemperatureGroup::xReadZones(KXMachineReport& report) const {
   std::string const folder = mRoot + "/sys/class/thermal/";
-  for (std::string const& zone : tryListHostFolder(folder)) {
-    auto const milliCelsius = tryReadHostNumber(folder + zone + "/temp");
-    auto const type = tryReadHostFile(folder + zone + "/type");
+  for (std::string const& zone : tryListMachineFolder(folder)) {
+    auto const milliCelsius = tryReadMachineNumber(folder + zone + "/temp");
+    auto const type = tryReadMachineFile(folder + zone + "/type");
     if (!milliCelsius || !type) continue;
     std::string const typeText = type->substr(0, type->find('\n'));
     report.add("Host/Temperature/" + keySegment(zone) + "/" + keySegment(typeText) + "/Celsius",
                KXValue(static_cast<double>(*milliCelsius) / 1000.0));
   }
+}
+
+}  // namespace
+
+std::unique_ptr<KXMachineGroup> makeTemperatureGroup(std::string root) {
+  return std::make_unique<TemperatureGroup>(std::move(root));
 }
 
 }  // namespace KX

@@ -7,8 +7,7 @@
 
 #include <boost/smart_ptr/shared_ptr.hpp>
 
-#include <binding/kxfunctor.hpp>
-#include <binding/kxsignature.hpp>
+#include <binding/kxpublish.hpp>
 #include <kxcommon/kxmodule.hpp>
 #include <kxerror/kxerror.hpp>
 #include <tests/support/parkinggate.hpp>
@@ -23,18 +22,18 @@ class CalledModule : public KXModule {
 
   CalledModule(boost::shared_ptr<KXBroker> const& broker, Kind kind) : KXModule(broker, "Called") {
     if (kind == Kind::Script) setScript();
-    xPublish("isKnown", &CalledModule::isKnown);
-    xPublish("getLength", &CalledModule::getLength);
-    xPublish("negate", &CalledModule::negate);
-    xPublish("halve", &CalledModule::halve);
-    xPublish("greet", &CalledModule::greet);
-    xPublish("split", &CalledModule::split);
-    xPublish("echo", &CalledModule::echo);
-    xPublish("nothing", &CalledModule::nothing);
-    xPublish("takeText", &CalledModule::takeText);
-    xPublish("takeInt", &CalledModule::takeInt);
-    xPublish("fail", &CalledModule::fail);
-    xPublish("park", &CalledModule::park);
+    publish(*this, {"isKnown"}, &CalledModule::isKnown);
+    publish(*this, {"getLength"}, &CalledModule::getLength);
+    publish(*this, {"negate"}, &CalledModule::negate);
+    publish(*this, {"halve"}, &CalledModule::halve);
+    publish(*this, {"greet"}, &CalledModule::greet);
+    publish(*this, {"split"}, &CalledModule::split);
+    publish(*this, {"echo"}, &CalledModule::echo);
+    publish(*this, {"nothing"}, &CalledModule::nothing);
+    publish(*this, {"takeText"}, &CalledModule::takeText);
+    publish(*this, {"takeInt"}, &CalledModule::takeInt);
+    publish(*this, {"fail"}, &CalledModule::fail);
+    publish(*this, {"park"}, &CalledModule::park);
   }
 
   bool isKnown(std::string const& name) { return xEnter() && name == "VSM"; }
@@ -61,13 +60,6 @@ class CalledModule : public KXModule {
 
  private:
   bool xEnter() { return ++enteredCount > 0; }
-
-  template <class Member>
-  void xPublish(char const* method, Member member) {
-    functionName(method, getName(), "", 0);
-    completeAndCheck(member, getCurrentMethodDescription());
-    bindMethod(createFunctor(this, member));
-  }
 };
 
 }  // namespace KX

@@ -79,6 +79,13 @@ TEST_F(LocalCall, WithAnotherParameterTypeIsRefusedBeforeItRuns) {
   EXPECT_EQ(mModule->enteredCount, 0);
 }
 
+TEST_F(LocalCall, NamesATextInQuotesAsAString) {
+  expectProxyError({"call/pCall", 93,
+                    "When trying to call module 'Called' function 'takeInt' parameter #1 is of "
+                    "type string instead of type int"},
+                   [this] { mProxy->call<bool>("takeInt", "VSM"); });
+}
+
 TEST_F(LocalCall, NamesTheParameterThatDiffers) {
   expectProxyError({"call/pCall", 93,
                     "When trying to call module 'Called' function 'greet' parameter #2 is of type "
@@ -108,9 +115,7 @@ TEST_F(LocalCall, OfAnUnknownMethodNamesWhatIsPublished) {
 TEST_F(LocalCall, RunsOnTheCallersThread) {
   struct WhoAmI : KXModule {
     explicit WhoAmI(boost::shared_ptr<KXBroker> const& broker) : KXModule(broker, "WhoAmI") {
-      functionName("keepThread", getName(), "", 0);
-      completeAndCheck(&WhoAmI::keepThread, getCurrentMethodDescription());
-      bindMethod(createFunctor(this, &WhoAmI::keepThread));
+      publish(*this, {"keepThread"}, &WhoAmI::keepThread);
     }
     void keepThread() { thread = std::this_thread::get_id(); }
     std::thread::id thread;
@@ -179,11 +184,13 @@ class OverloadedModule : public KXModule {
  public:
   explicit OverloadedModule(boost::shared_ptr<KXBroker> const& broker)
       : KXModule(broker, "Overloaded") {
-    xPublish("is", static_cast<bool (OverloadedModule::*)(int const&)>(&OverloadedModule::is));
-    xPublish("is",
-             static_cast<bool (OverloadedModule::*)(std::string const&)>(&OverloadedModule::is));
-    xPublish("is", static_cast<bool (OverloadedModule::*)(std::string const&, int const&)>(
-                       &OverloadedModule::is));
+    publish(*this, {"is"},
+            static_cast<bool (OverloadedModule::*)(int const&)>(&OverloadedModule::is));
+    publish(*this, {"is"},
+            static_cast<bool (OverloadedModule::*)(std::string const&)>(&OverloadedModule::is));
+    publish(*this, {"is"},
+            static_cast<bool (OverloadedModule::*)(std::string const&, int const&)>(
+                &OverloadedModule::is));
   }
 
   bool is(int const&) { return xEnter("int"); }
@@ -196,12 +203,6 @@ class OverloadedModule : public KXModule {
   bool xEnter(char const* what) {
     entered = what;
     return true;
-  }
-  template <class Member>
-  void xPublish(char const* method, Member member) {
-    functionName(method, getName(), "", 0);
-    completeAndCheck(member, getCurrentMethodDescription());
-    bindMethod(createFunctor(this, member));
   }
 };
 

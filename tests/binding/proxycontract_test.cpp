@@ -69,6 +69,14 @@ TEST_P(ProxyContract, CallsWithAStringAndReturnsABool) {
   EXPECT_EQ(mModule->enteredCount, 2);
 }
 
+TEST_P(ProxyContract, TakesATextInQuotesAsAString) {
+  char const* const text = "VSM";
+
+  EXPECT_TRUE(mProxy->call<bool>("isKnown", "VSM"));
+  EXPECT_TRUE(mProxy->call<bool>("isKnown", text));
+  EXPECT_EQ(mProxy->call<std::string>("greet", "you", 2), "you*2");
+}
+
 TEST_P(ProxyContract, ReturnsEachType) {
   KXValue const nested = KXValue::arrayOf(KXValue(1), KXValue("x"), KXValue::arrayOf());
 

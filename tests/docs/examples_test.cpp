@@ -28,8 +28,7 @@ TEST(Thermometer, PublishesWritesAndRaises) {
 }
 
 TEST(Client, WatchesTwoKeysForASecond) {
-  std::FILE* const output =
-      popen(KX_BIN_DIR "/example_client " KX_LIB_DIR "/libmemorywatcher.so", "r");
+  std::FILE* const output = popen(KX_BIN_DIR "/client", "r");
   ASSERT_NE(output, nullptr);
   std::string text;
   for (int c = std::fgetc(output); c != EOF; c = std::fgetc(output)) text += static_cast<char>(c);

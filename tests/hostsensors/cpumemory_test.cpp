@@ -16,8 +16,7 @@
 #include <gtest/gtest.h>
 
 #include <kxerror/kxerror.hpp>
-#include <modules/hostsensors/kxcpugroup.hpp>
-#include <modules/hostsensors/kxmemorygroup.hpp>
+#include <modules/hostsensors/kxmachinegroups.hpp>
 
 #include "fakeroot.hpp"
 
@@ -129,9 +128,9 @@ namespace {
 using testing::find;
 using testing::readGroup;
 
-std::string eventsOf(KXHostReport const& report) {
+std::string eventsOf(KXMachineReport const& report) {
   std::string events;
-  for (KXHostEvent const& event : report.events) {
+  for (KXMachineEvent const& event : report.events) {
     EXPECT_FALSE(event.isMicroEvent);
     events += event.key + "=" + event.value.toString(1);
   }
@@ -143,18 +142,18 @@ class Cpu : public ::testing::Test {
   Cpu() { gMachine = FakeMachine(); }
   ~Cpu() override { gMachine = FakeMachine(); }
   /// Passes time in which all processors are busy for so many percent of it.
-  KXHostReport pass(int ms, unsigned long long busyPercent) {
+  KXMachineReport pass(int ms, unsigned long long busyPercent) {
     auto const percent = static_cast<unsigned long long>(ms) / 10;
     for (auto& [cpu, ticks] : gMachine.cpus) {
       ticks[STAT_TIC_USER] += percent * busyPercent;
       ticks[STAT_TIC_IDLE] += percent * (100 - busyPercent);
     }
     mNow += ms;
-    return readGroup(mGroup, mNow);
+    return readGroup(*mGroup, mNow);
   }
 
   int mNow = 0;
-  KXCpuGroup mGroup;
+  std::unique_ptr<KXMachineGroup> const mGroup = makeCpuGroup();
 };
 
 TEST_F(Cpu, IsBusyInAllTicksButIdleAndWaitingForDisks) {
@@ -168,22 +167,22 @@ TEST_F(Cpu, IsBusyInAllTicksButIdleAndWaitingForDisks) {
   for (auto const& variant : variants) {
     SCOPED_TRACE(variant.item);
     gMachine = FakeMachine();
-    KXCpuGroup group;
-    readGroup(group, 0);
+    auto const group = makeCpuGroup();
+    readGroup(*group, 0);
     gMachine.cpus[0][STAT_TIC_IDLE] += 30;
     gMachine.cpus[0][variant.item] += 10;
 
-    EXPECT_EQ(KXValue(variant.usage), find(readGroup(group, 400), "Host/Cpu/Usage"));
+    EXPECT_EQ(KXValue(variant.usage), find(readGroup(*group, 400), "Host/Cpu/Usage"));
   }
 }
 
 TEST_F(Cpu, HasAUsageOfEachProcessorAndOfAll) {
   gMachine.cpus = {{0, {}}, {3, {}}};
-  readGroup(mGroup, 0);
+  readGroup(*mGroup, 0);
   gMachine.cpus[0] = {{STAT_TIC_USER, 10}};
   gMachine.cpus[3] = {{STAT_TIC_USER, 2}, {STAT_TIC_IDLE, 8}};
 
-  KXHostReport const report = readGroup(mGroup, 100);
+  KXMachineReport const report = readGroup(*mGroup, 100);
 
   EXPECT_EQ(KXValue(2), find(report, "Host/Cpu/Count"));
   EXPECT_EQ(KXValue(60.0), find(report, "Host/Cpu/Usage"));
@@ -193,11 +192,11 @@ TEST_F(Cpu, HasAUsageOfEachProcessorAndOfAll) {
 
 TEST_F(Cpu, LosesTheKeyOfAProcessorThatIsSwitchedOff) {
   gMachine.cpus[1] = {};
-  readGroup(mGroup, 0);
+  readGroup(*mGroup, 0);
 
   gMachine.cpus.erase(1);
 
-  KXHostReport const report = readGroup(mGroup, 100);
+  KXMachineReport const report = readGroup(*mGroup, 100);
   EXPECT_EQ(KXValue(1), find(report, "Host/Cpu/Count"));
   EXPECT_FALSE(find(report, "Host/Cpu/1/Usage"));
 }
@@ -222,20 +221,20 @@ TEST_F(Cpu, IsNotSaturatedByLessThanASecond) {
 
 TEST_F(Cpu, FailsWhileItsSourceCannotBeReadAndIsBackThen) {
   gMachine.openError = ENOENT;
-  EXPECT_THROW(readGroup(mGroup), KXError);
+  EXPECT_THROW(readGroup(*mGroup), KXError);
   gMachine.openError = 0;
-  EXPECT_TRUE(find(readGroup(mGroup), "Host/Cpu/Count"));
+  EXPECT_TRUE(find(readGroup(*mGroup), "Host/Cpu/Count"));
   gMachine.readError = EIO;
-  EXPECT_THROW(readGroup(mGroup), KXError);
+  EXPECT_THROW(readGroup(*mGroup), KXError);
   gMachine.readError = 0;
-  EXPECT_TRUE(find(readGroup(mGroup), "Host/Cpu/Count"));
+  EXPECT_TRUE(find(readGroup(*mGroup), "Host/Cpu/Count"));
 }
 
 TEST_F(Cpu, LetsItsSourceGo) {
   {
-    KXCpuGroup group;
-    readGroup(group);
-    readGroup(group);
+    auto const group = makeCpuGroup();
+    readGroup(*group);
+    readGroup(*group);
     EXPECT_EQ(1, gMachine.openCount);
   }
   EXPECT_EQ(0, gMachine.openCount);
@@ -247,10 +246,10 @@ class Memory : public ::testing::Test {
   ~Memory() override { gMachine = FakeMachine(); }
   std::string readWithAvailable(unsigned long availableKiB) {
     gMachine.memoryKiB[MEMINFO_MEM_AVAILABLE] = availableKiB;
-    return eventsOf(readGroup(mGroup));
+    return eventsOf(readGroup(*mGroup));
   }
 
-  KXMemoryGroup mGroup;
+  std::unique_ptr<KXMachineGroup> const mGroup = makeMemoryGroup();
 };
 
 TEST_F(Memory, IsPublishedInBytes) {
@@ -259,7 +258,7 @@ TEST_F(Memory, IsPublishedInBytes) {
       {MEMINFO_MEM_FREE, 200},   {MEMINFO_MEM_BUFFERS, 10},    {MEMINFO_MEM_CACHED_ALL, 20},
       {MEMINFO_SWAP_TOTAL, 50},  {MEMINFO_SWAP_FREE, 30},      {MEMINFO_SWAP_USED, 20}};
 
-  KXHostReport const report = readGroup(mGroup);
+  KXMachineReport const report = readGroup(*mGroup);
 
   EXPECT_EQ(9u, report.values.size());
   EXPECT_EQ(KXValue(1024000.0), find(report, "Host/Memory/TotalBytes"));
@@ -284,25 +283,25 @@ TEST_F(Memory, RaisesLowWhenItBeginsAndWhenItEnds) {
 
 TEST_F(Memory, FailsWhileItsSourceCannotBeReadAndIsBackThen) {
   gMachine.openError = ENOENT;
-  EXPECT_THROW(readGroup(mGroup), KXError);
+  EXPECT_THROW(readGroup(*mGroup), KXError);
   gMachine.openError = 0;
-  EXPECT_EQ(9u, readGroup(mGroup).values.size());
+  EXPECT_EQ(9u, readGroup(*mGroup).values.size());
   gMachine.readError = EIO;
-  EXPECT_THROW(readGroup(mGroup), KXError);
+  EXPECT_THROW(readGroup(*mGroup), KXError);
   gMachine.readError = 0;
-  EXPECT_EQ(9u, readGroup(mGroup).values.size());
+  EXPECT_EQ(9u, readGroup(*mGroup).values.size());
 }
 
 TEST_F(Memory, FailsWhereItsSourceTellsOfNoMemory) {
   gMachine.memoryKiB.clear();
 
-  EXPECT_THROW(readGroup(mGroup), KXError);
+  EXPECT_THROW(readGroup(*mGroup), KXError);
 }
 
 TEST_F(Memory, LetsItsSourceGo) {
   {
-    KXMemoryGroup group;
-    readGroup(group);
+    auto const group = makeMemoryGroup();
+    readGroup(*group);
     EXPECT_EQ(1, gMachine.openCount);
   }
   EXPECT_EQ(0, gMachine.openCount);

@@ -7,35 +7,35 @@
 #include <utility>
 #include <vector>
 
-#include <modules/hostsensors/kxhostgroup.hpp>
+#include <modules/hostsensors/kxmachinegroup.hpp>
 
 namespace KX::testing {
 
-class FakeGroup : public KXHostGroup {
+class FakeGroup : public KXMachineGroup {
  public:
-  using Read = std::function<void(KXHostReport& report)>;
+  using Read = std::function<void(KXMachineReport& report)>;
 
-  FakeGroup(std::string name, Read read, int intervalMs = 0, std::vector<KXHostKey> keys = {})
+  FakeGroup(std::string name, Read read, int intervalMs = 0, std::vector<KXMachineKey> keys = {})
       : mName(std::move(name)),
         mRead(std::move(read)),
         mInterval(intervalMs),
         mKeys(std::move(keys)) {}
 
   char const* name() const override { return mName.c_str(); }
-  std::vector<KXHostKey> keys() const override { return mKeys; }
+  std::vector<KXMachineKey> keys() const override { return mKeys; }
   std::chrono::milliseconds interval() const override { return mInterval; }
-  void read(KXHostTime, KXHostReport& report) override { mRead(report); }
+  void read(KXMachineTime, KXMachineReport& report) override { mRead(report); }
 
  private:
   std::string const mName;
   Read const mRead;
   std::chrono::milliseconds const mInterval;
-  std::vector<KXHostKey> const mKeys;
+  std::vector<KXMachineKey> const mKeys;
 };
 
 template <class... Group>
-std::vector<std::unique_ptr<KXHostGroup>> groupsOf(Group... groups) {
-  std::vector<std::unique_ptr<KXHostGroup>> all;
+std::vector<std::unique_ptr<KXMachineGroup>> groupsOf(Group... groups) {
+  std::vector<std::unique_ptr<KXMachineGroup>> all;
   (all.push_back(std::make_unique<FakeGroup>(std::move(groups))), ...);
   return all;
 }

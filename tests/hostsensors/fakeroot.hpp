@@ -9,7 +9,7 @@
 
 #include <stdlib.h>
 
-#include <modules/hostsensors/kxhostgroup.hpp>
+#include <modules/hostsensors/kxmachinegroup.hpp>
 
 namespace KX::testing {
 
@@ -42,19 +42,19 @@ class FakeRoot {
 };
 
 /// A moment for readings: so many milliseconds after some fixed one.
-inline KXHostTime at(int ms) {
-  return KXHostTime() + std::chrono::hours(1) + std::chrono::milliseconds(ms);
+inline KXMachineTime at(int ms) {
+  return KXMachineTime() + std::chrono::hours(1) + std::chrono::milliseconds(ms);
 }
 
 /// One reading of a group.
-inline KXHostReport readGroup(KXHostGroup& group, int ms = 0) {
-  KXHostReport report;
+inline KXMachineReport readGroup(KXMachineGroup& group, int ms = 0) {
+  KXMachineReport report;
   group.read(at(ms), report);
   return report;
 }
 
 /// The value of a key; nothing if the report does not have it.
-inline std::optional<KXValue> find(KXHostReport const& report, std::string const& key) {
+inline std::optional<KXValue> find(KXMachineReport const& report, std::string const& key) {
   for (auto const& [name, value] : report.values) {
     if (name == key) return value;
   }

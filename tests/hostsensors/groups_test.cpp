@@ -3,10 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <kxerror/kxerror.hpp>
-#include <modules/hostsensors/kxcpugroup.hpp>
-#include <modules/hostsensors/kxdiskgroup.hpp>
-#include <modules/hostsensors/kxhostfiles.hpp>
-#include <modules/hostsensors/kxnetworkgroup.hpp>
+#include <modules/hostsensors/kxmachinefiles.hpp>
+#include <modules/hostsensors/kxmachinegroups.hpp>
 
 #include "fakeroot.hpp"
 
@@ -37,11 +35,11 @@ constexpr char kNetTitle[] =
     "Inter-|   Receive                        |  Transmit\n"
     " face |bytes packets errs drop fifo frame compressed multicast|bytes packets errs drop\n";
 
-TEST(HostFiles, NameThePathAndTheCauseWhenUnreadable) {
+TEST(MachineFiles, NameThePathAndTheCauseWhenUnreadable) {
   FakeRoot const root;
 
   try {
-    readHostFile(root.path() + "/proc/net/dev");
+    readMachineFile(root.path() + "/proc/net/dev");
     FAIL();
   } catch (KXError const& error) {
     EXPECT_EQ("cannot read '" + root.path() + "/proc/net/dev': No such file or directory",
@@ -49,25 +47,25 @@ TEST(HostFiles, NameThePathAndTheCauseWhenUnreadable) {
   }
 }
 
-TEST(HostFiles, AreReadWhateverTheirLength) {
+TEST(MachineFiles, AreReadWhateverTheirLength) {
   FakeRoot const root;
   for (std::size_t const size : {0u, 1u, 4095u, 4096u, 4097u, 100000u}) {
     SCOPED_TRACE(size);
     root.write("file", std::string(size, 'x'));
-    EXPECT_EQ(std::string(size, 'x'), readHostFile(root.path() + "/file"));
+    EXPECT_EQ(std::string(size, 'x'), readMachineFile(root.path() + "/file"));
   }
 }
 
-TEST(HostFiles, GiveNumbersOnlyWhereThereAreSome) {
+TEST(MachineFiles, GiveNumbersOnlyWhereThereAreSome) {
   FakeRoot const root;
   root.write("number", "-27800\n");
   root.write("text", "soon\n");
   root.write("empty", "");
 
-  EXPECT_EQ(-27800, tryReadHostNumber(root.path() + "/number"));
-  EXPECT_EQ(std::nullopt, tryReadHostNumber(root.path() + "/text"));
-  EXPECT_EQ(std::nullopt, tryReadHostNumber(root.path() + "/empty"));
-  EXPECT_EQ(std::nullopt, tryReadHostNumber(root.path() + "/missing"));
+  EXPECT_EQ(-27800, tryReadMachineNumber(root.path() + "/number"));
+  EXPECT_EQ(std::nullopt, tryReadMachineNumber(root.path() + "/text"));
+  EXPECT_EQ(std::nullopt, tryReadMachineNumber(root.path() + "/empty"));
+  EXPECT_EQ(std::nullopt, tryReadMachineNumber(root.path() + "/missing"));
 }
 
 TEST(CpuInfo, GivesTheFrequencyOfEachProcessor) {
@@ -91,9 +89,9 @@ TEST(FrequencyGroup, PrefersWhatTheDriverSays) {
   root.write("sys/devices/system/cpu/cpu1/cpufreq/scaling_cur_freq", "2500000\n");
   root.makeFolder("sys/devices/system/cpu/cpufreq");
   root.makeFolder("sys/devices/system/cpu/cpu0");
-  KXFrequencyGroup group(root.path());
+  auto const group = makeFrequencyGroup(root.path());
 
-  KXHostReport const report = readGroup(group);
+  KXMachineReport const report = readGroup(*group);
 
   EXPECT_EQ(2u, report.values.size());
   EXPECT_EQ(KXValue(1000.0), find(report, "Host/Cpu/0/FrequencyMHz"));
@@ -102,9 +100,9 @@ TEST(FrequencyGroup, PrefersWhatTheDriverSays) {
 
 TEST(FrequencyGroup, FailsWhereNoProcessorTells) {
   FakeRoot const root;
-  KXFrequencyGroup group(root.path());
+  auto const group = makeFrequencyGroup(root.path());
 
-  EXPECT_THROW(readGroup(group), KXError);
+  EXPECT_THROW(readGroup(*group), KXError);
 }
 
 TEST(DiskStats, LeaveOutLinesThatAreNotWellFormed) {
@@ -118,11 +116,11 @@ TEST(DiskGroup, PublishesCountersAndRatesInBytes) {
   FakeRoot const root;
   root.makeFolder("sys/block/vda");
   root.write("proc/diskstats", diskLine("vda", 10, 100, 20, 200, 3, 1000));
-  KXDiskGroup group(root.path());
+  auto const group = makeDiskGroup(root.path());
 
-  KXHostReport const first = readGroup(group, 0);
+  KXMachineReport const first = readGroup(*group, 0);
   root.write("proc/diskstats", diskLine("vda", 14, 108, 25, 210, 0, 1100));
-  KXHostReport const second = readGroup(group, 500);
+  KXMachineReport const second = readGroup(*group, 500);
 
   EXPECT_EQ(KXValue(10.0), find(first, "Host/Disk/vda/Reads"));
   EXPECT_EQ(KXValue(51200.0), find(first, "Host/Disk/vda/ReadBytes"));
@@ -142,12 +140,26 @@ TEST(DiskGroup, IsBusyFor100PercentAtMost) {
   FakeRoot const root;
   root.makeFolder("sys/block/vda");
   root.write("proc/diskstats", diskLine("vda", 1, 0, 0, 0, 0, 0));
-  KXDiskGroup group(root.path());
+  auto const group = makeDiskGroup(root.path());
 
-  readGroup(group, 0);
+  readGroup(*group, 0);
   root.write("proc/diskstats", diskLine("vda", 1, 0, 0, 0, 0, 900));
 
-  EXPECT_EQ(KXValue(100.0), find(readGroup(group, 100), "Host/Disk/vda/BusyPercent"));
+  EXPECT_EQ(KXValue(100.0), find(readGroup(*group, 100), "Host/Disk/vda/BusyPercent"));
+}
+
+TEST(DiskGroup, HasNoRateAtFirstWhenADiskIsBack) {
+  FakeRoot const root;
+  root.makeFolder("sys/block/sda");
+  root.write("proc/diskstats", diskLine("sda", 10, 0, 0, 0, 0, 0));
+  auto const group = makeDiskGroup(root.path());
+  readGroup(*group, 0);
+  root.write("proc/diskstats", "");
+  readGroup(*group, 100);
+
+  root.write("proc/diskstats", diskLine("sda", 900, 0, 0, 0, 0, 0));
+
+  EXPECT_EQ(KXValue(), find(readGroup(*group, 200), "Host/Disk/sda/ReadsPerSecond"));
 }
 
 TEST(DiskGroup, LeavesOutPartitionsAndDisksNeverUsed) {
@@ -158,9 +170,9 @@ TEST(DiskGroup, LeavesOutPartitionsAndDisksNeverUsed) {
   root.write("proc/diskstats",
              diskLine("vda", 1, 1, 1, 1, 0, 1) + diskLine("vda1", 1, 1, 1, 1, 0, 1) +
                  diskLine("loop0", 0, 0, 0, 0, 0, 0) + diskLine("cciss/c0d0", 0, 0, 1, 1, 0, 1));
-  KXDiskGroup group(root.path());
+  auto const group = makeDiskGroup(root.path());
 
-  KXHostReport const report = readGroup(group);
+  KXMachineReport const report = readGroup(*group);
 
   EXPECT_EQ(20u, report.values.size());
   EXPECT_TRUE(find(report, "Host/Disk/vda/Reads"));
@@ -169,9 +181,9 @@ TEST(DiskGroup, LeavesOutPartitionsAndDisksNeverUsed) {
 
 TEST(DiskGroup, FailsWithoutItsSource) {
   FakeRoot const root;
-  KXDiskGroup group(root.path());
+  auto const group = makeDiskGroup(root.path());
 
-  EXPECT_THROW(readGroup(group), KXError);
+  EXPECT_THROW(readGroup(*group), KXError);
 }
 
 TEST(NetDev, LeavesOutLinesThatAreNotWellFormed) {
@@ -201,11 +213,11 @@ TEST(NetDev, FindsNamesWithAndWithoutABlankBehindThem) {
 TEST(NetworkGroup, PublishesCountersAndRates) {
   FakeRoot const root;
   root.write("proc/net/dev", kNetTitle + netLine("eth0", 1000, 50));
-  KXNetworkGroup group(root.path());
+  auto const group = makeNetworkGroup(root.path());
 
-  KXHostReport const first = readGroup(group, 0);
+  KXMachineReport const first = readGroup(*group, 0);
   root.write("proc/net/dev", kNetTitle + netLine("eth0", 1400, 100));
-  KXHostReport const second = readGroup(group, 200);
+  KXMachineReport const second = readGroup(*group, 200);
 
   EXPECT_EQ(KXValue(1000.0), find(first, "Host/Network/eth0/ReceivedBytes"));
   EXPECT_EQ(KXValue(), find(first, "Host/Network/eth0/ReceivedBytesPerSecond"));
@@ -215,6 +227,19 @@ TEST(NetworkGroup, PublishesCountersAndRates) {
   EXPECT_EQ(KXValue(200.0), find(second, "Host/Network/eth0/ReceivedPacketsPerSecond"));
   EXPECT_EQ(KXValue(250.0), find(second, "Host/Network/eth0/SentBytesPerSecond"));
   EXPECT_EQ(KXValue(10.0), find(second, "Host/Network/eth0/SentPackets"));
+}
+
+TEST(NetworkGroup, HasNoRateAtFirstWhenAnInterfaceIsBack) {
+  FakeRoot const root;
+  root.write("proc/net/dev", kNetTitle + netLine("eth0", 1000, 50));
+  auto const group = makeNetworkGroup(root.path());
+  readGroup(*group, 0);
+  root.write("proc/net/dev", kNetTitle);
+  readGroup(*group, 100);
+
+  root.write("proc/net/dev", kNetTitle + netLine("eth0", 9000, 50));
+
+  EXPECT_EQ(KXValue(), find(readGroup(*group, 200), "Host/Network/eth0/ReceivedBytesPerSecond"));
 }
 
 /// A machine whose network the test plugs and unplugs.
@@ -228,8 +253,8 @@ class Link : public ::testing::Test {
   void setCarrier(std::string const& text) { mRoot.write("sys/class/net/eth0/carrier", text); }
   std::string read() {
     std::string events;
-    mReport = readGroup(mGroup);
-    for (KXHostEvent const& event : mReport.events) {
+    mReport = readGroup(*mGroup);
+    for (KXMachineEvent const& event : mReport.events) {
       EXPECT_FALSE(event.isMicroEvent);
       events += event.key + event.value.toString(1);
     }
@@ -237,8 +262,8 @@ class Link : public ::testing::Test {
   }
 
   FakeRoot mRoot;
-  KXNetworkGroup mGroup{mRoot.path()};
-  KXHostReport mReport;
+  std::unique_ptr<KXMachineGroup> const mGroup = makeNetworkGroup(mRoot.path());
+  KXMachineReport mReport;
 };
 
 TEST_F(Link, IsUpWithACarrier) {
@@ -304,9 +329,9 @@ TEST_F(Link, RaisesNoEventForAnInterfaceThatComesAndGoesWithoutALink) {
 
 TEST(NetworkGroup, FailsWithoutItsSource) {
   FakeRoot const root;
-  KXNetworkGroup group(root.path());
+  auto const group = makeNetworkGroup(root.path());
 
-  EXPECT_THROW(readGroup(group), KXError);
+  EXPECT_THROW(readGroup(*group), KXError);
 }
 
 }  // namespace

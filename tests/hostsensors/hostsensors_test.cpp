@@ -5,10 +5,12 @@
 #include <chrono>
 #include <condition_variable>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -91,6 +93,16 @@ class HostSensors : public ::testing::Test {
     return texts;
   }
 
+  void countReading() {
+    ++mReadings;
+    mReadings.notify_all();
+  }
+  /// Waits for so many readings from now on; what the last but one found has been handed on then.
+  void waitForReadings(int count) {
+    int const end = mReadings + count;
+    for (int seen = mReadings; seen < end; seen = mReadings) mReadings.wait(seen);
+  }
+
   // What the groups use outlives the host, whose shutdown ends the module's thread.
   std::atomic<bool> mIsThere = true;
   std::atomic<int> mReadings = 0;
@@ -99,7 +111,7 @@ class HostSensors : public ::testing::Test {
 };
 
 FakeGroup one() {
-  return FakeGroup("One", [](KXHostReport& report) { report.add("a", KXValue(1)); });
+  return FakeGroup("One", [](KXMachineReport& report) { report.add("a", KXValue(1)); });
 }
 
 TEST_F(HostSensors, DescribeThemselves) {
@@ -118,10 +130,10 @@ TEST_F(HostSensors, DescribeThemselves) {
 
 TEST_F(HostSensors, DeclareEventsAndPublishOncePerPeriodAlreadyWhenMade) {
   publishStore();
-  using enum KXHostKey::Kind;
+  using enum KXMachineKey::Kind;
 
   publish(FakeGroup("A",
-                    [](KXHostReport& report) {
+                    [](KXMachineReport& report) {
                       report.add("a", KXValue(1));
                       report.add("unknown", KXValue());
                       report.events.push_back({"event", KXValue(true), false});
@@ -131,7 +143,7 @@ TEST_F(HostSensors, DeclareEventsAndPublishOncePerPeriodAlreadyWhenMade) {
                     {{"a", "", Data, "", ""},
                      {"event", "", Event, "", ""},
                      {"moment", "", MicroEvent, "", ""}}),
-          FakeGroup("B", [](KXHostReport& report) { report.add("b", KXValue(2.5)); }));
+          FakeGroup("B", [](KXMachineReport& report) { report.add("b", KXValue(2.5)); }));
 
   auto calls = mStore.calls();
   ASSERT_LE(5u, calls.size());
@@ -145,7 +157,8 @@ TEST_F(HostSensors, DeclareEventsAndPublishOncePerPeriodAlreadyWhenMade) {
 
 TEST_F(HostSensors, DeclareEventsOnlyOnce) {
   publishStore();
-  publish(FakeGroup("A", [](KXHostReport&) {}, 0, {{"e", "", KXHostKey::Kind::Event, "", ""}}));
+  publish(
+      FakeGroup("A", [](KXMachineReport&) {}, 0, {{"e", "", KXMachineKey::Kind::Event, "", ""}}));
   setPeriodMs(10);
 
   ASSERT_TRUE(mStore.waitForCount("insertListData", 5));
@@ -155,7 +168,7 @@ TEST_F(HostSensors, DeclareEventsOnlyOnce) {
 
 TEST_F(HostSensors, RemoveKeysThatVanish) {
   publishStore();
-  publish(FakeGroup("A", [this](KXHostReport& report) {
+  publish(FakeGroup("A", [this](KXMachineReport& report) {
     report.add("stays", KXValue());
     if (mIsThere) report.add("goes", KXValue());
   }));
@@ -173,24 +186,47 @@ TEST_F(HostSensors, RemoveKeysThatVanish) {
 
 TEST_F(HostSensors, RemoveVanishedKeysWhenTheStoreIsBack) {
   publishStore();
-  publish(FakeGroup("A", [this](KXHostReport& report) {
+  publish(FakeGroup("A", [this](KXMachineReport& report) {
     if (mIsThere) report.add("goes", KXValue());
-    ++mReadings;
-    mReadings.notify_all();
+    countReading();
   }));
   mHost.getBroker()->removeModule("KXMemory");
   mIsThere = false;
   setPeriodMs(10);
-  for (int seen = mReadings; seen < 4; seen = mReadings) mReadings.wait(seen);
+  waitForReadings(3);
 
   publishStore();
 
   EXPECT_TRUE(mStore.waitForCount("removeData", 1));
 }
 
+TEST_F(HostSensors, KeepAKeyThatIsBackBeforeTheStoreCouldRemoveIt) {
+  publishStore();
+  publish(FakeGroup("A", [this](KXMachineReport& report) {
+    if (mIsThere) report.add("returns", KXValue());
+    countReading();
+  }));
+  mHost.getBroker()->removeModule("KXMemory");
+  setPeriodMs(10);
+  mIsThere = false;
+  waitForReadings(3);
+  mIsThere = true;
+  waitForReadings(3);
+  int const periods = mStore.count("insertListData");
+
+  publishStore();
+  ASSERT_TRUE(mStore.waitForCount("insertListData", periods + 3));
+
+  auto const calls = mStore.calls();
+  auto const removed = std::find(calls.begin(), calls.end(), R"(removeData["returns"])");
+  ASSERT_NE(calls.end(), removed);
+  EXPECT_EQ(R"(insertListData[[["returns",null]]])", *std::next(removed));
+  EXPECT_EQ(1, mStore.count("removeData"));
+}
+
 TEST_F(HostSensors, StartWithoutAStoreAndServeItWhenItComes) {
-  publish(FakeGroup("A", [](KXHostReport& report) { report.add("a", KXValue(1)); }, 0,
-                    {{"e", "", KXHostKey::Kind::Event, "", ""}}));
+  publish(FakeGroup("A", [](KXMachineReport& report) { report.add("a", KXValue(1)); }, 0,
+                    {{"e", "", KXMachineKey::Kind::Event, "", ""}}));
   ASSERT_EQ(1u, warnings().size());
   EXPECT_EQ(0u, warnings()[0].find("publish: cannot reach the store 'KXMemory': "));
 
@@ -208,16 +244,16 @@ TEST_F(HostSensors, GoOnWhateverTheStoreThrows) {
   } const variants[] = {
       {"KXError", [] { throw KXError("M", "m", "store says no", "", 0); }, "store says no"},
       {"std::exception", [] { throw std::runtime_error("bad day"); }, "bad day"},
-      {"int", [] { throw 5; }, "unknown exception"},
+      {"int", [] { throw 5; }, "an exception of unknown type"},
   };
   publishStore();
   publish(FakeGroup("A",
-                    [this](KXHostReport& report) {
+                    [this](KXMachineReport& report) {
                       report.add(std::to_string(mReadings++), KXValue());
                       report.events.push_back({"event", KXValue(), false});
                       report.events.push_back({"moment", KXValue(), true});
                     },
-                    0, {{"e", "", KXHostKey::Kind::Event, "", ""}}));
+                    0, {{"e", "", KXMachineKey::Kind::Event, "", ""}}));
   setPeriodMs(10);
 
   for (auto const& variant : variants) {
@@ -246,7 +282,8 @@ TEST_F(HostSensors, GoOnWhateverTheStoreThrows) {
 TEST_F(HostSensors, DeclareAgainUntilTheStoreHasTakenIt) {
   publishStore();
   mStore.failAt("declareEvent", [] { throw std::runtime_error("not yet"); });
-  publish(FakeGroup("A", [](KXHostReport&) {}, 0, {{"e", "", KXHostKey::Kind::Event, "", ""}}));
+  publish(
+      FakeGroup("A", [](KXMachineReport&) {}, 0, {{"e", "", KXMachineKey::Kind::Event, "", ""}}));
   setPeriodMs(10);
   ASSERT_TRUE(mStore.waitForCount("declareEvent", 3));
 
@@ -256,6 +293,18 @@ TEST_F(HostSensors, DeclareAgainUntilTheStoreHasTakenIt) {
   ASSERT_TRUE(mStore.waitForCount("insertListData", periods + 5));
 
   EXPECT_LE(mStore.count("declareEvent"), failed + 1);
+}
+
+TEST_F(HostSensors, DeclareAgainWhatWasRefusedBeforeOtherEventsWereTaken) {
+  using enum KXMachineKey::Kind;
+  publishStore();
+  mStore.failAt("declareEvent", [] { throw std::runtime_error("not yet"); });
+
+  publish(FakeGroup("A", [](KXMachineReport&) {}, 0,
+                    {{"refused", "", Event, "", ""}, {"taken", "", MicroEvent, "", ""}}));
+  setPeriodMs(10);
+
+  EXPECT_TRUE(mStore.waitForCount("declareEvent", 3));
 }
 
 TEST_F(HostSensors, ReadEvery100MsUnlessTold) {
@@ -294,7 +343,7 @@ TEST_F(HostSensors, CorrectAPeriodAndLogIt) {
 TEST_F(HostSensors, FollowANewPeriodAtOnce) {
   publishStore();
   // Set while it reads, so that the module goes on to wait for a minute.
-  publish(FakeGroup("A", [this](KXHostReport&) {
+  publish(FakeGroup("A", [this](KXMachineReport&) {
     if (mReadings++ > 0) setPeriodMs(60000);
   }));
 
@@ -305,9 +354,31 @@ TEST_F(HostSensors, FollowANewPeriodAtOnce) {
   }
 }
 
+class TimingHostSensors : public HostSensors {};
+
+TEST_F(TimingHostSensors, LeaveOutThePeriodsThatALongReadingMissed) {
+  using Clock = std::chrono::steady_clock;
+  Clock::time_point end;
+  Clock::duration pause{};
+  publishStore();
+  publish(FakeGroup("A", [&](KXMachineReport&) {
+    int const reading = ++mReadings;
+    if (reading == 4) pause = Clock::now() - end;
+    if (reading != 3) return;
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    end = Clock::now();
+  }));
+  setPeriodMs(10);
+
+  EXPECT_TRUE(mStore.waitForCount("insertListData", 5));
+  mHost.getBroker()->removeModule("KXHostSensors");
+
+  EXPECT_GE(pause, std::chrono::milliseconds(10));
+}
+
 TEST_F(HostSensors, ReadNoMoreWhenTheyHaveLeftService) {
   publishStore();
-  auto const module = publish(FakeGroup("A", [this](KXHostReport&) { ++mReadings; }));
+  auto const module = publish(FakeGroup("A", [this](KXMachineReport&) { ++mReadings; }));
   setPeriodMs(10);
   ASSERT_TRUE(mStore.waitForCount("insertListData", 3));
 

@@ -20,26 +20,26 @@
 #include <binding/kxproxycall.hpp>
 #include <host/rttools/kxhost.hpp>
 #include <kxcommon/kxmodule.hpp>
-#include <modules/hostsensors/kxhostgroups.hpp>
+#include <modules/hostsensors/kxmachinegroups.hpp>
 
 namespace KX {
 namespace {
 
-std::vector<KXHostKey> declaredKeys() {
-  std::vector<KXHostKey> keys;
-  for (auto const& group : makeHostGroups("")) {
-    for (KXHostKey& key : group->keys()) keys.push_back(std::move(key));
+std::vector<KXMachineKey> declaredKeys() {
+  std::vector<KXMachineKey> keys;
+  for (auto const& group : makeMachineGroups("")) {
+    for (KXMachineKey& key : group->keys()) keys.push_back(std::move(key));
   }
   return keys;
 }
 
-std::string typeCell(KXHostKey const& key) {
+std::string typeCell(KXMachineKey const& key) {
   switch (key.kind) {
-    case KXHostKey::Kind::Event:
+    case KXMachineKey::Kind::Event:
       return "event, " + key.valueType;
-    case KXHostKey::Kind::MicroEvent:
+    case KXMachineKey::Kind::MicroEvent:
       return "micro-event, " + key.valueType;
-    case KXHostKey::Kind::Data:
+    case KXMachineKey::Kind::Data:
       break;
   }
   return key.valueType;
@@ -47,7 +47,7 @@ std::string typeCell(KXHostKey const& key) {
 
 TEST(HostKeys, AreTheReadmesTable) {
   std::string declared;
-  for (KXHostKey const& key : declaredKeys()) {
+  for (KXMachineKey const& key : declaredKeys()) {
     declared += "| `" + key.pattern + "` | " + key.unit + " | " + typeCell(key) + " | " +
                 key.source + " |\n";
   }
@@ -72,15 +72,15 @@ std::string asGlob(std::string pattern) {
 
 /// Whether the declared keys allow for this one.
 bool isDeclared(std::string const& name, std::string const& storeType, KXValue const& value) {
-  static std::vector<KXHostKey> const keys = declaredKeys();
-  for (KXHostKey const& key : keys) {
+  static std::vector<KXMachineKey> const keys = declaredKeys();
+  for (KXMachineKey const& key : keys) {
     if (::fnmatch(asGlob(key.pattern).c_str(), name.c_str(), FNM_PATHNAME) != 0) continue;
-    bool const isData = key.kind == KXHostKey::Kind::Data;
+    bool const isData = key.kind == KXMachineKey::Kind::Data;
     bool const isRightType =
         !isData || !value.isValid() || KXValue::TypeToString(value.getType()) == key.valueType;
-    char const* const expected = isData                               ? "Data"
-                                 : key.kind == KXHostKey::Kind::Event ? "Event"
-                                                                      : "MicroEvent";
+    char const* const expected = isData                                  ? "Data"
+                                 : key.kind == KXMachineKey::Kind::Event ? "Event"
+                                                                         : "MicroEvent";
     if (isRightType && storeType == expected) return true;
   }
   return false;

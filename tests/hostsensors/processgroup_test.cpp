@@ -10,7 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <kxerror/kxerror.hpp>
-#include <modules/hostsensors/kxprocessgroup.hpp>
+#include <modules/hostsensors/kxmachinegroups.hpp>
 
 #include "fakeroot.hpp"
 
@@ -21,9 +21,9 @@ using testing::FakeRoot;
 using testing::find;
 using testing::readGroup;
 
-std::string started(KXHostReport const& report) {
+std::string started(KXMachineReport const& report) {
   std::string text;
-  for (KXHostEvent const& event : report.events) {
+  for (KXMachineEvent const& event : report.events) {
     EXPECT_EQ("Host/Process/Started", event.key);
     EXPECT_TRUE(event.isMicroEvent);
     text += event.value.toString(1);
@@ -58,13 +58,13 @@ class Processes : public ::testing::Test {
     mRoot.write("proc/loadavg", "0.10 0.20 0.30 2/345 " + std::to_string(lastPid) + "\n");
   }
   std::string read(int ms) {
-    mReport = readGroup(mGroup, ms);
+    mReport = readGroup(*mGroup, ms);
     return started(mReport);
   }
 
   FakeRoot mRoot;
-  KXProcessGroup mGroup{mRoot.path()};
-  KXHostReport mReport;
+  std::unique_ptr<KXMachineGroup> const mGroup = makeProcessGroup(mRoot.path());
+  KXMachineReport mReport;
 };
 
 TEST_F(Processes, AreCountedWithTheirThreads) {
@@ -203,26 +203,26 @@ class RealProcesses : public ::testing::Test {
   }
 
   std::vector<pid_t> mChildren;
-  KXProcessGroup mGroup{""};
+  std::unique_ptr<KXMachineGroup> const mGroup = makeProcessGroup("");
 };
 
 TEST_F(RealProcesses, AreReportedWithTheirName) {
-  readGroup(mGroup, 0);
+  readGroup(*mGroup, 0);
 
   std::string const expected = R"(["sleep",)" + std::to_string(spawnSleep()) + "]";
-  std::string const reported = started(readGroup(mGroup, 100)) + started(readGroup(mGroup, 200));
+  std::string const reported = started(readGroup(*mGroup, 100)) + started(readGroup(*mGroup, 200));
 
   EXPECT_NE(std::string::npos, reported.find(expected)) << reported;
 }
 
 TEST_F(RealProcesses, AreReportedHoweverManyStartAtOnce) {
-  readGroup(mGroup, 0);
+  readGroup(*mGroup, 0);
   std::vector<std::string> expected;
   for (int i = 0; i < 300; ++i) {
     expected.push_back(R"(["sleep",)" + std::to_string(spawnSleep()) + "]");
   }
 
-  std::string const reported = started(readGroup(mGroup, 100)) + started(readGroup(mGroup, 200));
+  std::string const reported = started(readGroup(*mGroup, 100)) + started(readGroup(*mGroup, 200));
 
   auto const isReported = [&](std::string const& one) {
     return reported.find(one) != one.npos;

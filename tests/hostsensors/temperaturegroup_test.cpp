@@ -13,7 +13,7 @@
 #include <gtest/gtest.h>
 
 #include <kxerror/kxerror.hpp>
-#include <modules/hostsensors/kxtemperaturegroup.hpp>
+#include <modules/hostsensors/kxmachinegroups.hpp>
 
 #include "fakeroot.hpp"
 
@@ -116,9 +116,9 @@ TEST_F(Temperature, ComesFromChipsWithTheirLabels) {
                     {{"temp1", "Package id 0", SENSORS_FEATURE_TEMP, 45.5},
                      {"fan1", "Rear", SENSORS_FEATURE_FAN, 1200},
                      {"in0", "Vcore", SENSORS_FEATURE_IN, 1.1}}});
-  KXTemperatureGroup group(mRoot.path());
+  auto const group = makeTemperatureGroup(mRoot.path());
 
-  KXHostReport const report = readGroup(group);
+  KXMachineReport const report = readGroup(*group);
 
   EXPECT_EQ(2u, report.values.size());
   EXPECT_EQ(KXValue(45.5), find(report, "Host/Temperature/coretemp-isa-0000/Package_id_0/Celsius"));
@@ -127,9 +127,9 @@ TEST_F(Temperature, ComesFromChipsWithTheirLabels) {
 
 TEST_F(Temperature, HasTheKernelsNameWhereThereIsNoLabel) {
   gChips.push_back({"nvme-pci-0100", {{"temp1", "", SENSORS_FEATURE_TEMP, 30}}});
-  KXTemperatureGroup group(mRoot.path());
+  auto const group = makeTemperatureGroup(mRoot.path());
 
-  EXPECT_EQ(KXValue(30.0), find(readGroup(group), "Host/Temperature/nvme-pci-0100/temp1/Celsius"));
+  EXPECT_EQ(KXValue(30.0), find(readGroup(*group), "Host/Temperature/nvme-pci-0100/temp1/Celsius"));
 }
 
 TEST_F(Temperature, KeepsPlacesOfOneLabelApart) {
@@ -138,9 +138,9 @@ TEST_F(Temperature, KeepsPlacesOfOneLabelApart) {
                      {"temp2", "CPU", SENSORS_FEATURE_TEMP, 2},
                      {"fan1", "CPU", SENSORS_FEATURE_FAN, 3}}});
   gChips.push_back({"other", {{"temp1", "CPU", SENSORS_FEATURE_TEMP, 4}}});
-  KXTemperatureGroup group(mRoot.path());
+  auto const group = makeTemperatureGroup(mRoot.path());
 
-  KXHostReport const report = readGroup(group);
+  KXMachineReport const report = readGroup(*group);
 
   EXPECT_EQ(KXValue(1.0), find(report, "Host/Temperature/chip/CPU/Celsius"));
   EXPECT_EQ(KXValue(2.0), find(report, "Host/Temperature/chip/CPU.temp2/Celsius"));
@@ -153,9 +153,9 @@ TEST_F(Temperature, LeavesOutAPlaceThatCannotBeRead) {
                     {{"temp1", "fault", SENSORS_FEATURE_TEMP, 1, -5},
                      {"temp2", "no input", SENSORS_FEATURE_TEMP, 2, 0, false},
                      {"temp3", "good", SENSORS_FEATURE_TEMP, 3}}});
-  KXTemperatureGroup group(mRoot.path());
+  auto const group = makeTemperatureGroup(mRoot.path());
 
-  KXHostReport const report = readGroup(group);
+  KXMachineReport const report = readGroup(*group);
 
   EXPECT_EQ(1u, report.values.size());
   EXPECT_EQ(KXValue(3.0), find(report, "Host/Temperature/chip/good/Celsius"));
@@ -164,42 +164,45 @@ TEST_F(Temperature, LeavesOutAPlaceThatCannotBeRead) {
 TEST_F(Temperature, ComesFromThermalZonesToo) {
   mRoot.write("sys/class/thermal/thermal_zone0/type", "acpitz\n");
   mRoot.write("sys/class/thermal/thermal_zone0/temp", "27800\n");
+  mRoot.write("sys/class/thermal/thermal_zone2/type", "x86 pkg/temp\n");
+  mRoot.write("sys/class/thermal/thermal_zone2/temp", "-500\n");
   mRoot.write("sys/class/thermal/thermal_zone1/type", "off\n");
   mRoot.write("sys/class/thermal/cooling_device0/type", "Fan\n");
-  KXTemperatureGroup group(mRoot.path());
+  auto const group = makeTemperatureGroup(mRoot.path());
 
-  KXHostReport const report = readGroup(group);
+  KXMachineReport const report = readGroup(*group);
 
-  EXPECT_EQ(1u, report.values.size());
+  EXPECT_EQ(2u, report.values.size());
   EXPECT_EQ(KXValue(27.8), find(report, "Host/Temperature/thermal_zone0/acpitz/Celsius"));
+  EXPECT_EQ(KXValue(-0.5), find(report, "Host/Temperature/thermal_zone2/x86_pkg_temp/Celsius"));
 }
 
 TEST_F(Temperature, FailsWhereThereIsNone) {
-  KXTemperatureGroup group(mRoot.path());
+  auto const group = makeTemperatureGroup(mRoot.path());
 
-  EXPECT_THROW(readGroup(group), KXError);
+  EXPECT_THROW(readGroup(*group), KXError);
 }
 
 TEST_F(Temperature, DoesWithoutALibraryThatFindsNoSys) {
   gInitResult = -4;
   gChips.push_back({"chip", {{"temp1", "never asked", SENSORS_FEATURE_TEMP, 1}}});
   {
-    KXTemperatureGroup group(mRoot.path());
+    auto const group = makeTemperatureGroup(mRoot.path());
 
-    EXPECT_THROW(readGroup(group), KXError);
+    EXPECT_THROW(readGroup(*group), KXError);
   }
   EXPECT_EQ(0, gCleanups);
 }
 
 TEST_F(Temperature, SharesTheLibraryAmongGroups) {
   {
-    KXTemperatureGroup first(mRoot.path());
-    { KXTemperatureGroup second(mRoot.path()); }
+    auto const first = makeTemperatureGroup(mRoot.path());
+    { auto const second = makeTemperatureGroup(mRoot.path()); }
     EXPECT_EQ(1, gInits);
     EXPECT_EQ(0, gCleanups);
   }
   EXPECT_EQ(1, gCleanups);
-  { KXTemperatureGroup third(mRoot.path()); }
+  { auto const third = makeTemperatureGroup(mRoot.path()); }
   EXPECT_EQ(2, gInits);
   EXPECT_EQ(2, gCleanups);
 }

@@ -13,9 +13,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <ka/runlogged.hpp>
+#include <tests/support/parkinggate.hpp>
+
 namespace ka::log {
 namespace {
 
+using KX::testing::ParkingGate;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::MatchesRegex;
@@ -42,21 +46,6 @@ class Log : public testing::Test {
 void say(std::string const& text) {
   log(Info, "test", "", "", 0, text);
 }
-
-/// True if two threads were never between the steps of a handler at once.
-class Turnstile {
- public:
-  void pass() {
-    if (mInside.fetch_add(1) != 0) mWasShared = true;
-    std::this_thread::yield();
-    mInside.fetch_sub(1);
-  }
-  bool wasShared() const { return mWasShared; }
-
- private:
-  std::atomic<int> mInside{0};
-  std::atomic<bool> mWasShared{false};
-};
 
 TEST_F(Log, HandlersGetTheRecordAsItWasGiven) {
   std::vector<Record> records;
@@ -201,15 +190,11 @@ TEST_F(Log, AHandlerThatAnotherAddedGetsTheNextRecord) {
   EXPECT_THAT(mTexts, ElementsAre("two:c"));
 }
 
-TEST_F(Log, RecordsOfManyThreadsComeOneAtATimeAndNoneIsLost) {
+TEST_F(Log, RecordsOfManyThreadsAllArrive) {
   constexpr int kThreads = 4;
   constexpr int kRecords = 500;
-  Turnstile turnstile;
-  int calls = 0;
-  addHandler("one", [&](Record const&) {
-    turnstile.pass();
-    ++calls;
-  });
+  std::atomic<int> calls{0};
+  addHandler("one", [&](Record const&) { ++calls; });
   std::latch start(kThreads);
 
   std::vector<std::thread> threads;
@@ -220,8 +205,56 @@ TEST_F(Log, RecordsOfManyThreadsComeOneAtATimeAndNoneIsLost) {
     });
   for (auto& thread : threads) thread.join();
 
-  EXPECT_FALSE(turnstile.wasShared());
   EXPECT_EQ(kThreads * kRecords, calls);
+}
+
+TEST_F(Log, AHandlerThatIsHeldUpHoldsUpNoOtherThread) {
+  ParkingGate gate;
+  std::atomic<int> served{0};
+  addHandler("one", [&](Record const& record) {
+    if (record.text == "stuck") gate.pass();
+  });
+  addHandler("two", [&](Record const&) { ++served; });
+  std::thread stuck([] { say("stuck"); });
+  ASSERT_TRUE(gate.waitUntilParked(1));
+
+  say("a");
+  EXPECT_EQ(1, served);
+  addHandler("three", [&](Record const&) { ++served; });
+  say("b");
+  EXPECT_EQ(3, served);
+
+  gate.open();
+  stuck.join();
+}
+
+TEST_F(Log, AHandlerMayWaitForAThreadThatLogs) {
+  std::atomic<int> served{0};
+  addHandler("one", [&](Record const& record) {
+    ++served;
+    if (record.text == "outer") std::thread([] { say("inner"); }).join();
+  });
+
+  say("outer");
+
+  EXPECT_EQ(2, served);
+}
+
+TEST_F(Log, TheBoundOfNestingIsEachThreadsOwn) {
+  constexpr int kThreads = 3;
+  std::atomic<int> calls{0};
+  std::latch areAllWithin(kThreads);
+  addHandler("one", [&](Record const& record) {
+    ++calls;
+    if (record.text == "first") areAllWithin.arrive_and_wait();
+    say("again");
+  });
+
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) threads.emplace_back([] { say("first"); });
+  for (auto& thread : threads) thread.join();
+
+  EXPECT_EQ(kThreads * 8, calls);
 }
 
 TEST_F(Log, RemovalWaitsForAHandlerThatRunsElsewhere) {
@@ -250,6 +283,89 @@ TEST_F(Log, RemovalWaitsForAHandlerThatRunsElsewhere) {
 
   removing.join();
   logging.join();
+}
+
+TEST_F(Log, ReplacingWaitsForTheFormerHandlerToo) {
+  ParkingGate gate;
+  std::atomic<bool> hasLeft{false};
+  addHandler("one", [&](Record const&) {
+    gate.pass();
+    hasLeft = true;
+  });
+  std::thread logging([] { say("a"); });
+  ASSERT_TRUE(gate.waitUntilParked(1));
+
+  std::thread replacing([&] {
+    addHandler("one", keep("second"));
+    EXPECT_TRUE(hasLeft);
+  });
+  for (int i = 0; i < 1000; ++i) std::this_thread::yield();  // A chance to return too early.
+  gate.open();
+  replacing.join();
+  logging.join();
+  say("b");
+
+  EXPECT_THAT(mTexts, ElementsAre("second:b"));
+}
+
+TEST_F(Log, AHandlerThatRunsElsewhereTooMayRemoveItself) {
+  ParkingGate gate;
+  std::atomic<bool> hasLeft{false};
+  addHandler("one", [&](Record const& record) {
+    if (record.text == "remove") {
+      removeHandler("one");
+      return;
+    }
+    gate.pass();
+    hasLeft = true;
+  });
+  std::thread stuck([] { say("stuck"); });
+  ASSERT_TRUE(gate.waitUntilParked(1));
+
+  say("remove");
+
+  std::thread removing([&] {
+    removeHandler("one");  // Of no effect but to wait for the call in progress.
+    EXPECT_TRUE(hasLeft);
+  });
+  for (int i = 0; i < 1000; ++i) std::this_thread::yield();  // A chance to return too early.
+  gate.open();
+  removing.join();
+  stuck.join();
+}
+
+TEST_F(Log, WhatAHandlerHoldsIsFreeOnceItIsRemoved) {
+  auto const held = std::make_shared<int>(5);
+  ParkingGate gate;
+  addHandler("one", [&](Record const& record) {
+    if (record.text == "stuck") gate.pass();
+  });
+  addHandler("two", [held](Record const&) {});
+  // Has the second handler on its list while it is in the first.
+  std::thread stuck([] { say("stuck"); });
+  ASSERT_TRUE(gate.waitUntilParked(1));
+
+  removeHandler("two");
+
+  EXPECT_EQ(1, held.use_count());
+  gate.open();
+  stuck.join();
+}
+
+TEST_F(Log, WhatAHandlerHoldsMayLogAsItGoes) {
+  struct Talker {
+    ~Talker() { say("gone"); }
+  };
+  addHandler("one", keep("one"));
+  addHandler("two", [talker = std::make_shared<Talker>()](Record const& record) {
+    if (record.text == "remove") removeHandler("two");
+  });
+  addHandler("three", [talker = std::make_shared<Talker>()](Record const&) {});
+
+  say("remove");
+  removeHandler("three");
+
+  EXPECT_THAT(mTexts, ElementsAre("one:remove", "one:gone", "one:gone"));
 }
 
 TEST_F(Log, StreamAssemblesTheTextAndLogsWhenItEnds) {
@@ -285,6 +401,26 @@ TEST_F(Log, NumbersInAStreamDoNotFollowTheLocale) {
   EXPECT_THAT(mTexts, ElementsAre("one:1234567"));
 }
 
+TEST_F(Log, AStepThatFailsIsOneWarningWithItsReason) {
+  std::vector<Record> records;
+  addHandler("one", [&](Record const& record) { records.push_back(record); });
+  auto const failure = [] {
+    return std::string("second failed");
+  };
+
+  EXPECT_TRUE(runLogged("category", "function", "none failed", [] {}));
+  EXPECT_FALSE(runLogged("category", "function", "first failed",
+                         [] { throw std::runtime_error("reason"); }));
+  EXPECT_FALSE(runLogged("category", "function", failure, [] { throw 5; }));
+
+  ASSERT_EQ(2U, records.size());
+  EXPECT_EQ(Warning, records[0].level);
+  EXPECT_EQ("category", records[0].category);
+  EXPECT_EQ("function", records[0].function);
+  EXPECT_EQ("first failed: reason", records[0].text);
+  EXPECT_EQ("second failed: an exception of unknown type", records[1].text);
+}
+
 TEST_F(Log, StderrGetsALineWithTheTimeUpToItsLevel) {
   setStderrLevel(Error);
 
@@ -315,6 +451,42 @@ TEST_F(Log, StderrGetsWarningsUnlessToldOtherwise) {
         std::exit(0);
       },
       testing::ExitedWithCode(0), "^[^\n]* \\[warning\\] c\\.f: shown\n[^\n]* 2 more held back\n$");
+}
+
+TEST(StressLog, NoHandlerRunsOnceItIsRemoved) {
+  setStderrLevel(0);
+  std::atomic<bool> isDone{false};
+  std::vector<std::thread> logging;
+  for (int i = 0; i < 3; ++i)
+    logging.emplace_back([&] {
+      while (!isDone) say("a");
+    });
+  std::atomic<int> lateCalls{0};
+  std::atomic<int> calls{0};
+  auto const comeAndGo = [&](std::string const& name) {
+    for (int i = 0; i < 2000; ++i) {
+      auto isRemoved = std::make_unique<bool>(false);  // Freed as soon as the handler is removed.
+      addHandler(name, [&lateCalls, &calls, flag = isRemoved.get()](Record const&) {
+        if (*flag) ++lateCalls;
+        ++calls;
+      });
+      if (i % 2 == 0) addHandler(name, [&calls](Record const&) { ++calls; });
+      removeHandler(name);
+      *isRemoved = true;
+    }
+  };
+
+  std::thread other([&] { comeAndGo("one"); });
+  comeAndGo("two");
+  other.join();
+  isDone = true;
+  for (auto& thread : logging) thread.join();
+  int const callsSoFar = calls;
+  say("b");
+
+  EXPECT_EQ(0, lateCalls);
+  EXPECT_EQ(callsSoFar, calls);
+  setStderrLevel(Warning);
 }
 
 }  // namespace

@@ -127,9 +127,7 @@ class Libraries : public ::testing::Test {
     std::filesystem::create_directories(mFolder.path() / "lib");
     std::filesystem::copy(toolPath(), mFolder.path() / "bin/kx");
     for (auto const& file : std::filesystem::directory_iterator(KX_LIB_DIR)) {
-      if (file.path().extension() == ".so") {
-        std::filesystem::create_symlink(file.path(), library(file.path().filename()));
-      }
+      std::filesystem::create_symlink(file.path(), library(file.path().filename()));
     }
   }
   std::filesystem::path library(std::filesystem::path const& name) const {

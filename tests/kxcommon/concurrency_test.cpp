@@ -9,9 +9,8 @@
 
 #include <gtest/gtest.h>
 
-#include <binding/kxfunctor.hpp>
 #include <binding/kxproxycall.hpp>
-#include <binding/kxsignature.hpp>
+#include <binding/kxpublish.hpp>
 #include <kxcommon/kxbroker.hpp>
 #include <kxcommon/kxmodule.hpp>
 #include <kxerror/kxerror.hpp>
@@ -24,22 +23,14 @@ class CountingModule : public KXModule {
  public:
   CountingModule(boost::shared_ptr<KXBroker> const& broker, std::string const& name)
       : KXModule(broker, name) {
-    xPublish("add", &CountingModule::add);
-    xPublish("tick", &CountingModule::tick);
+    publish(*this, {"add"}, &CountingModule::add);
+    publish(*this, {"tick"}, &CountingModule::tick);
   }
   int add(int const& number) { return sum += number; }
   void tick() { ++ticks; }
 
   std::atomic<int> sum{0};
   std::atomic<int> ticks{0};
-
- private:
-  template <class Member>
-  void xPublish(char const* method, Member member) {
-    functionName(method, getName(), "", 0);
-    completeAndCheck(member, getCurrentMethodDescription());
-    bindMethod(createFunctor(this, member));
-  }
 };
 
 void runThreads(int count, std::function<void(int)> const& body) {

@@ -219,7 +219,7 @@ TEST_F(Broker, ShutdownLogsWhatAnExitThrows) {
   EXPECT_EQ(logged[0].category, "KXBroker");
   EXPECT_EQ(logged[0].function, "shutdown");
   EXPECT_EQ(logged[0].text, "exit of module 'second' failed: stuck");
-  EXPECT_EQ(logged[1].text, "exit of module 'first' failed: unknown exception");
+  EXPECT_EQ(logged[1].text, "exit of module 'first' failed: an exception of unknown type");
 }
 
 TEST_F(Broker, ShutdownDoesNothingTheSecondTime) {

@@ -11,8 +11,7 @@
 
 #include <gtest/gtest.h>
 
-#include <binding/kxfunctor.hpp>
-#include <binding/kxsignature.hpp>
+#include <binding/kxpublish.hpp>
 #include <kxcommon/kxbroker.hpp>
 #include <kxerror/kxerror.hpp>
 
@@ -40,9 +39,7 @@ class RecordedModule : public KXModule {
 
   explicit RecordedModule(boost::shared_ptr<KXBroker> const& broker)
       : KXModule(broker, "Recorded") {
-    functionName("negate", getName(), "", 0);
-    completeAndCheck(&RecordedModule::negate, getCurrentMethodDescription());
-    bindMethod(createFunctor(this, &RecordedModule::negate));
+    publish(*this, {"negate"}, &RecordedModule::negate);
     record("constructed");
   }
   ~RecordedModule() override { events().emplace_back("destroyed"); }

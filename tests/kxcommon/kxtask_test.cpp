@@ -19,9 +19,8 @@
 
 #include <gtest/gtest.h>
 
-#include <binding/kxfunctor.hpp>
 #include <binding/kxproxycall.hpp>
-#include <binding/kxsignature.hpp>
+#include <binding/kxpublish.hpp>
 #include <kxcommon/kxbroker.hpp>
 #include <kxcommon/kxmodule.hpp>
 #include <kxerror/kxerror.hpp>
@@ -264,7 +263,7 @@ TEST_F(Task, LogsWhatItThrowsAndHasEnded) {
   auto const logged = mHost.getLogged();
   ASSERT_EQ(logged.size(), 3U);
   int const ids[] = {first, second, third};
-  char const* const texts[] = {"as told", "other", "unknown exception"};
+  char const* const texts[] = {"as told", "other", "an exception of unknown type"};
   for (std::size_t i = 0; i < 3; ++i) {
     EXPECT_EQ(logged[i].level, ka::log::Warning);
     EXPECT_EQ(logged[i].category, "KXBroker");
@@ -360,9 +359,7 @@ class LoopingModule : public KXModule {
  public:
   LoopingModule(boost::shared_ptr<KXBroker> const& broker, std::function<void()> onDestroyed)
       : KXModule(broker, "Looping"), mOnDestroyed(std::move(onDestroyed)) {
-    functionName("loop", getName(), "", 0);
-    completeAndCheck(&LoopingModule::loop, getCurrentMethodDescription());
-    bindMethod(createFunctor(this, &LoopingModule::loop));
+    publish(*this, {"loop"}, &LoopingModule::loop);
   }
   ~LoopingModule() override {
     gate.open();

@@ -6,9 +6,8 @@
 
 #include <gtest/gtest.h>
 
-#include <binding/kxfunctor.hpp>
 #include <binding/kxproxycall.hpp>
-#include <binding/kxsignature.hpp>
+#include <binding/kxpublish.hpp>
 #include <host/memory/kxmemory.hpp>
 #include <kxcommon/kxbroker.hpp>
 #include <kxproxies/kxmemoryproxy.hpp>
@@ -25,23 +24,15 @@ using Texts = std::vector<std::string>;
 class ForeignStore : public KXModule {
  public:
   explicit ForeignStore(boost::shared_ptr<KXBroker> const& broker) : KXModule(broker, "KXMemory") {
-    xPublish("getData", &ForeignStore::getData);
-    xPublish("getListData", &ForeignStore::getListData);
-    xPublish("getType", &ForeignStore::getType);
-    xPublish("subscribeToEvent", &ForeignStore::subscribeToEvent);
-    xPublish("subscribeToMicroEvent", &ForeignStore::subscribeToMicroEvent);
-    xPublish("unsubscribeToEvent", &ForeignStore::unsubscribe);
-    xPublish("unsubscribeToMicroEvent", &ForeignStore::unsubscribe);
+    publish(*this, {"getData"}, &ForeignStore::getData);
+    publish(*this, {"getListData"}, &ForeignStore::getListData);
+    publish(*this, {"getType"}, &ForeignStore::getType);
+    publish(*this, {"subscribeToEvent"}, &ForeignStore::subscribeToEvent);
+    publish(*this, {"subscribeToMicroEvent"}, &ForeignStore::subscribeToMicroEvent);
+    publish(*this, {"unsubscribeToEvent"}, &ForeignStore::unsubscribe);
+    publish(*this, {"unsubscribeToMicroEvent"}, &ForeignStore::unsubscribe);
   }
   static Texts subscribed(ForeignStore& store) { return store.mSubscribed; }
-
- private:
-  template <class Member>
-  void xPublish(char const* method, Member member) {
-    functionName(method, getName(), "", 0);
-    completeAndCheck(member, getCurrentMethodDescription());
-    bindMethod(createFunctor(this, member));
-  }
   std::string getData(KXValue const& name) { return "value of " + name.toString(); }
   Texts getListData(Texts const& names) {
     Texts values;
@@ -213,9 +204,7 @@ TEST_F(MemoryProxy, OfABrokerThatIsGoneIsAnError) {
 class Worker : public KXModule {
  public:
   explicit Worker(boost::shared_ptr<KXBroker> const& broker) : KXModule(broker, "Worker") {
-    functionName("work", getName(), "", 0);
-    completeAndCheck(&Worker::work, getCurrentMethodDescription());
-    bindMethod(createFunctor(this, &Worker::work));
+    publish(*this, {"work"}, &Worker::work);
   }
   void work() { gate.pass(); }
   ParkingGate gate;

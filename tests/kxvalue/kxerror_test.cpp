@@ -66,5 +66,23 @@ TEST(Error, IsNoneOfTheStandardErrors) {
   EXPECT_EQ(dynamic_cast<std::logic_error const*>(&base), nullptr);
 }
 
+TEST(DescribeCurrentException, TellsWhatAStandardExceptionSays) {
+  class Silent : public std::exception {
+    char const* what() const noexcept override { return nullptr; }
+  };
+  auto const describe = [](auto const& thrown) {
+    try {
+      throw thrown;
+    } catch (...) {
+      return describeCurrentException();
+    }
+  };
+
+  EXPECT_EQ(describe(KXError("KXFoo", "bar", "no such thing", "foo/bar", 42)), "no such thing");
+  EXPECT_EQ(describe(std::runtime_error("other")), "other");
+  EXPECT_EQ(describe(Silent()), "");
+  EXPECT_EQ(describe(5), "an exception of unknown type");
+}
+
 }  // namespace
 }  // namespace KX

@@ -10,8 +10,7 @@
 
 #include <boost/smart_ptr/shared_ptr.hpp>
 
-#include <binding/kxfunctor.hpp>
-#include <binding/kxsignature.hpp>
+#include <binding/kxpublish.hpp>
 #include <ka/log.hpp>
 #include <kxcommon/kxmodule.hpp>
 #include <kxvalue/kxvalue.hpp>
@@ -34,12 +33,8 @@ class Subscriber : public KXModule {
 
   Subscriber(boost::shared_ptr<KXBroker> const& broker, std::string const& name)
       : KXModule(broker, name) {
-    functionName("onNotify", getName(), "", 0);
-    completeAndCheck(&Subscriber::onNotify, getCurrentMethodDescription());
-    bindMethod(createFunctor(this, &Subscriber::onNotify));
-    functionName("onOther", getName(), "", 0);
-    completeAndCheck(&Subscriber::onOther, getCurrentMethodDescription());
-    bindMethod(createFunctor(this, &Subscriber::onOther));
+    publish(*this, {"onNotify"}, &Subscriber::onNotify);
+    publish(*this, {"onOther"}, &Subscriber::onOther);
   }
 
   static boost::shared_ptr<Subscriber> create(boost::shared_ptr<KXBroker> const& broker,

@@ -1,26 +1,18 @@
 #include <memorywatcher/kxgates.hpp>
 
 #include <atomic>
+#include <cstdint>
 #include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <boost/date_time/posix_time/posix_time_types.hpp>
 
 #include <tests/memorywatcher/allocations.hpp>
 #include <tests/memorywatcher/watcherfixture.hpp>
+#include <tests/support/simulatedclock.hpp>
 
 namespace KX {
 namespace {
-
-using boost::posix_time::hours;
-using boost::posix_time::microsec_clock;
-using boost::posix_time::milliseconds;
-using boost::posix_time::ptime;
-
-ptime now() {
-  return microsec_clock::universal_time();
-}
 
 // ---- the gate of the hardware cycle
 
@@ -113,106 +105,108 @@ TEST(StressCycleGate, NoOpeningIsMissed) {
 
 // ---- the interruptible sleep
 
-TEST(SleepGate, IsUnlockedAtFirst) {
-  KXSleepGate gate;
+class SleepGate : public testing::Test {
+ protected:
+  static constexpr std::int64_t kHourNs = 3'600'000'000'000;
+  std::int64_t now() { return mClock.monotonicNs(); }
 
-  EXPECT_TRUE(gate.lockUntil(now() + hours(1)));
-}
+  SimulatedClock mClock;
+  KXSleepGate mGate{mClock};
+};
 
-TEST(SleepGate, CanBeLockedOnce) {
-  KXSleepGate gate;
-  gate.lock();
-  Caller second([&] { gate.lock(); });
-
+TEST_F(SleepGate, IsLockedByOneLoopAtATime) {
+  mGate.lock();
+  Caller second([&] { mGate.lock(); });
   EXPECT_TRUE(second.isParked());
-  gate.unlock();
-}
 
-TEST(SleepGate, UnlockingLetsTheNextOneIn) {
-  KXSleepGate gate;
-  gate.lock();
-  Caller second([&] { gate.lock(); });
-  ASSERT_TRUE(second.isParked());
-
-  gate.unlock();
+  mGate.unlock();
 
   EXPECT_FALSE(second.isParked());
-  EXPECT_TRUE(second.isDone());
 }
 
-TEST(SleepGate, GivesUpAtOnceWhenTheDeadlineHasPassed) {
-  KXSleepGate gate;
-  gate.lock();
+TEST_F(SleepGate, AnInterruptionLetsNoSecondLoopIn) {
+  mGate.lock();
+  Caller second([&] { mGate.lock(); });
+  ASSERT_TRUE(second.isParked());
 
-  EXPECT_FALSE(gate.lockUntil(now() - milliseconds(1)));
+  mGate.interrupt();
+
+  EXPECT_TRUE(second.isParked());
+  mGate.unlock();
 }
 
-TEST(SleepGate, TakesADeadlineFromBeforeTheMachineStarted) {
-  KXSleepGate gate;
-  gate.lock();
+TEST_F(SleepGate, GivesUpAtOnceWhenTheDeadlineHasPassed) {
+  mGate.lock();
 
-  EXPECT_NO_THROW(EXPECT_FALSE(gate.lockUntil(now() - hours(50 * 365 * 24))));
+  EXPECT_FALSE(mGate.sleepUntil(now()));
+  EXPECT_FALSE(mGate.sleepUntil(now() - kHourNs));
 }
 
-TEST(SleepGate, GivenUpIsStillLocked) {
-  KXSleepGate gate;
-  gate.lock();
-  ASSERT_FALSE(gate.lockUntil(now() - milliseconds(1)));
+TEST_F(SleepGate, SleepsUntilTheDeadlineAndNotBefore) {
+  mGate.lock();
+  bool wasInterrupted = true;
+  Caller sleeper([&] { wasInterrupted = mGate.sleepUntil(now() + kHourNs); });
+  ASSERT_TRUE(mClock.waitUntilParked());
 
-  EXPECT_FALSE(gate.lockUntil(now() - milliseconds(1)));
-}
-
-TEST(SleepGate, UnlockedBeforeIsTakenEvenAfterTheDeadline) {
-  KXSleepGate gate;
-  gate.lock();
-  gate.unlock();
-
-  EXPECT_TRUE(gate.lockUntil(now() - milliseconds(1)));
-}
-
-TEST(SleepGate, AnotherThreadInterruptsTheSleep) {
-  KXSleepGate gate;
-  gate.lock();
-  bool wasLocked = false;
-  Caller sleeper([&] { wasLocked = gate.lockUntil(now() + hours(1)); });
-  ASSERT_TRUE(sleeper.isParked());
-
-  gate.unlock();
+  mClock.jumpByMs(kHourNs / 1'000'000 - 1);
+  EXPECT_TRUE(sleeper.isParked());
+  mClock.jumpByMs(1);
 
   sleeper.join();
-  EXPECT_TRUE(wasLocked);
+  EXPECT_FALSE(wasInterrupted);
 }
 
-TEST(SleepGate, IsHeldAgainAfterAnInterruption) {
-  KXSleepGate gate;
-  gate.lock();
-  Caller sleeper([&] { gate.lockUntil(now() + hours(1)); });
-  ASSERT_TRUE(sleeper.isParked());
-  gate.unlock();
+TEST_F(SleepGate, AnotherThreadInterruptsTheSleep) {
+  mGate.lock();
+  bool wasInterrupted = false;
+  Caller sleeper([&] { wasInterrupted = mGate.sleepUntil(now() + kHourNs); });
+  ASSERT_TRUE(mClock.waitUntilParked());
+
+  mGate.interrupt();
+
   sleeper.join();
-
-  EXPECT_FALSE(gate.lockUntil(now() - milliseconds(1)));
+  EXPECT_TRUE(wasInterrupted);
 }
 
-TEST(SleepGate, UnlockedOftenLetsOneIn) {
-  KXSleepGate gate;
-  for (int i = 0; i < 3; ++i) gate.unlock();
+TEST_F(SleepGate, AnInterruptionBeforeTheSleepEndsItAtOnce) {
+  mGate.lock();
+  mGate.interrupt();
 
-  EXPECT_TRUE(gate.lockUntil(now() - milliseconds(1)));
-  EXPECT_FALSE(gate.lockUntil(now() - milliseconds(1)));
+  EXPECT_TRUE(mGate.sleepUntil(now() + kHourNs));
+}
+
+TEST_F(SleepGate, InterruptedOftenEndsOneSleep) {
+  mGate.lock();
+  for (int i = 0; i < 3; ++i) mGate.interrupt();
+
+  EXPECT_TRUE(mGate.sleepUntil(now()));
+  EXPECT_FALSE(mGate.sleepUntil(now()));
+}
+
+TEST_F(SleepGate, WhatInterruptedTheLoopBeforeDoesNotConcernTheNext) {
+  mGate.interrupt();
+  mGate.lock();
+  mGate.interrupt();
+  mGate.unlock();
+  mGate.interrupt();
+
+  mGate.lock();
+
+  EXPECT_FALSE(mGate.sleepUntil(now()));
 }
 
 TEST(TimingSleepGate, EndsAtTheDeadlineAndNotBefore) {
-  KXSleepGate gate;
+  KXClock& clock = KXClock::system();
+  KXSleepGate gate(clock);
   gate.lock();
   for (int ms : {1, 20, 150}) {
     SCOPED_TRACE(ms);
-    ptime const deadline = now() + milliseconds(ms);
+    std::int64_t const deadlineNs = clock.monotonicNs() + ms * 1'000'000;
 
-    EXPECT_FALSE(gate.lockUntil(deadline));
+    EXPECT_FALSE(gate.sleepUntil(deadlineNs));
 
-    EXPECT_GE(now(), deadline);
-    EXPECT_LT(now(), deadline + milliseconds(100));
+    EXPECT_GE(clock.monotonicNs(), deadlineNs);
+    EXPECT_LT(clock.monotonicNs(), deadlineNs + 100'000'000);
   }
 }
 

@@ -248,55 +248,20 @@ TEST(Item, KeepsItsMemoryAfterClear) {
   EXPECT_EQ(Allocations::count(), count);
 }
 
-TEST(Item, KeepsItsMemoryAfterAFetch) {
-  KXMemoryWatcherItem item;
-  for (int i = 0; i < 100; ++i) item.addData({i, 0}, KXValue(i));
-  item.markHandedOut();
-  item.clearHandedOut();
-  std::int64_t const count = Allocations::count();
-
-  for (int i = 0; i < 100; ++i) item.addData({i, 0}, KXValue(i));
-
-  EXPECT_EQ(Allocations::count(), count);
-}
-
-TEST(ItemColumns, GiveOneSampleEachInOrder) {
+TEST(Item, SamplesCanBeTakenOutAndPutBackInFront) {
   KXMemoryWatcherItem item = itemWithTwoSamples();
-  std::vector<KXValue> const early{1, "a"};
-  std::vector<KXValue> const late{2, "b"};
-  std::vector<KXBatchColumn> const columns{{{200, 1}, early.data()}, {{200, 2}, late.data()}};
+  KXValue const both = item.toKXValue();
 
-  item.addColumns(columns, 1);
+  std::vector<KXMemoryWatcherData> taken = item.takeSamples();
+  EXPECT_FALSE(item.hasSamples());
+  item.addData({200, 1}, KXValue("later"));
+  item.putSamplesInFront(std::move(taken));
 
   KXValue const samples = item.toKXValue();
-  ASSERT_EQ(samples.getSize(), 4);
-  EXPECT_EQ(samples[2], KXValue::arrayOf(pairOf(200, 1), KXValue("a")));
-  EXPECT_EQ(samples[3], KXValue::arrayOf(pairOf(200, 2), KXValue("b")));
-}
-
-TEST(ItemColumns, AddNothingIfMemoryIsMissing) {
-  KXMemoryWatcherItem item = itemWithTwoSamples();
-  std::vector<KXValue> const values(1);
-  std::vector<KXBatchColumn> const columns(100, {{200, 1}, values.data()});
-
-  Allocations::failAfter(0);
-  EXPECT_THROW(item.addColumns(columns, 0), std::bad_alloc);
-
-  EXPECT_EQ(item.toKXValue().getSize(), 2);
-  item.addColumns(columns, 0);
-  EXPECT_EQ(item.toKXValue().getSize(), 102);
-}
-
-// Filing portion after portion must not copy the buffer each time.
-TEST(ItemColumns, GrowTheBufferByDoubling) {
-  KXMemoryWatcherItem item;
-  std::vector<KXValue> const values(1);
-  std::vector<KXBatchColumn> const columns(16, {{200, 1}, values.data()});
-  std::int64_t const count = Allocations::count();
-
-  for (int i = 0; i < 1024; ++i) item.addColumns(columns, 0);
-
-  EXPECT_LE(Allocations::count() - count, 11);
+  ASSERT_EQ(samples.getSize(), 3);
+  EXPECT_EQ(samples[0], both[0]);
+  EXPECT_EQ(samples[1], both[1]);
+  EXPECT_EQ(samples[2], KXValue::arrayOf(pairOf(200, 1), KXValue("later")));
 }
 
 TEST_F(ItemFile, CopyConstructionCopiesAllFourFields) {
@@ -492,147 +457,6 @@ TEST_F(ItemFile, FailureLogsNothing) {
   ka::log::removeHandler("itemfile");
   ka::log::setStderrLevel(ka::log::Warning);
   EXPECT_EQ(count, 0);
-}
-
-// ---- copied by a fetch in one hold of the lock, cleared in the next
-
-KXValue newSamplesOf(KXMemoryWatcherItem const& item) {
-  KXTimePairs pairs;
-  return item.newSamples(pairs);
-}
-
-TEST(HandOut, NewSamplesAreAllUntilMarked) {
-  KXMemoryWatcherItem const item = itemWithTwoSamples();
-
-  EXPECT_EQ(newSamplesOf(item), item.toKXValue());
-  EXPECT_EQ(newSamplesOf(item), item.toKXValue());
-}
-
-TEST(HandOut, MarkedSamplesAreNotNew) {
-  KXMemoryWatcherItem item = itemWithTwoSamples();
-
-  item.markHandedOut();
-
-  EXPECT_EQ(newSamplesOf(item), KXValue(std::vector<KXValue>()));
-  EXPECT_EQ(item.toKXValue().getSize(), 2);
-}
-
-TEST(HandOut, ClearingKeepsWhatCameSinceTheMark) {
-  KXMemoryWatcherItem item = itemWithTwoSamples();
-  item.markHandedOut();
-  item.addData({101, 0}, KXValue("late"));
-
-  item.clearHandedOut();
-
-  ASSERT_EQ(item.toKXValue().getSize(), 1);
-  EXPECT_EQ(newSamplesOf(item)[0][1], KXValue("late"));
-}
-
-TEST(HandOut, ClearingWithoutAMarkDropsNothing) {
-  KXMemoryWatcherItem item = itemWithTwoSamples();
-
-  item.clearHandedOut();
-
-  EXPECT_EQ(newSamplesOf(item).getSize(), 2);
-}
-
-TEST(HandOut, ClearingTwiceDropsOnce) {
-  KXMemoryWatcherItem item = itemWithTwoSamples();
-  item.markHandedOut();
-  item.addData({101, 0}, KXValue("late"));
-
-  item.clearHandedOut();
-  item.clearHandedOut();
-
-  EXPECT_EQ(newSamplesOf(item).getSize(), 1);
-}
-
-TEST(HandOut, ASecondMarkCoversWhatTheFirstDidNot) {
-  KXMemoryWatcherItem item = itemWithTwoSamples();
-  item.markHandedOut();
-  item.addData({101, 0}, KXValue("late"));
-
-  EXPECT_EQ(newSamplesOf(item).getSize(), 1);
-  item.markHandedOut();
-  item.clearHandedOut();
-
-  EXPECT_EQ(item.toKXValue().getSize(), 0);
-}
-
-TEST(HandOut, ClearForgetsTheMark) {
-  KXMemoryWatcherItem item = itemWithTwoSamples();
-  item.markHandedOut();
-  item.clear();
-  item.addData({101, 0}, KXValue("new"));
-
-  item.clearHandedOut();
-
-  EXPECT_EQ(newSamplesOf(item).getSize(), 1);
-}
-
-TEST(HandOut, ACopyCarriesTheMark) {
-  KXMemoryWatcherItem item = itemWithTwoSamples();
-  item.markHandedOut();
-  item.addData({101, 0}, KXValue("late"));
-
-  KXMemoryWatcherItem const copy(item);
-
-  ASSERT_EQ(newSamplesOf(copy).getSize(), 1);
-  EXPECT_EQ(newSamplesOf(copy)[0][1], KXValue("late"));
-}
-
-// ---- times shared by the keys of one fetch
-
-TEST(TimePairs, GiveTheTimeAsAPairOfInts) {
-  KXTimePairs pairs;
-
-  EXPECT_EQ(pairs.get({3, 4}), pairOf(3, 4));
-}
-
-TEST(TimePairs, ShareTheBlockOfOneTimeBetweenKeys) {
-  KXTimePairs pairs;
-  KXValue const first = pairs.get({3, 4});
-  KXValue const second = pairs.get({5, 6});
-
-  pairs.rewind();
-
-  EXPECT_TRUE(pairs.get({3, 4}).sharesBlockWith(first));
-  EXPECT_TRUE(pairs.get({5, 6}).sharesBlockWith(second));
-}
-
-TEST(TimePairs, AreRightForEveryOrderOfTimes) {
-  timeval const times[] = {{5, 0}, {3, 9}, {3, 9}, {7, 1}, {1, 2}, {7, 1}, {5, 0}, {2, 2}};
-  KXTimePairs pairs;
-  for (int round = 0; round < 3; ++round) {
-    pairs.rewind();
-    for (timeval const& time : times) {
-      EXPECT_EQ(pairs.get(time),
-                pairOf(static_cast<int>(time.tv_sec), static_cast<int>(time.tv_usec)));
-    }
-  }
-}
-
-TEST(TimePairs, AreSharedByTheSamplesOfOneCycle) {
-  KXMemoryWatcherItem left;
-  KXMemoryWatcherItem right;
-  left.addData({3, 4}, KXValue(1));
-  right.addData({3, 4}, KXValue(2));
-  KXTimePairs pairs;
-
-  KXValue const leftSamples = left.newSamples(pairs);
-  KXValue const rightSamples = right.newSamples(pairs);
-
-  EXPECT_TRUE(leftSamples[0][0].sharesBlockWith(rightSamples[0][0]));
-}
-
-TEST(TimePairs, ChangedByAClientStayTheOthers) {
-  KXTimePairs pairs;
-  KXValue first = pairs.get({3, 4});
-
-  first[0] = KXValue(99);
-
-  pairs.rewind();
-  EXPECT_EQ(pairs.get({3, 4}), pairOf(3, 4));
 }
 
 }  // namespace

@@ -26,7 +26,7 @@ class UpdateCycle : public WatcherTest {
     mLog.clear();
     mMemory->clearCalls();
   }
-  KXListenerMap::mapped_type dataItem(std::string const& name) { return dataItems().at(name); }
+  KXMemoryWatcherItem dataItem(std::string const& name) { return dataItems().at(name); }
   std::vector<KXValue> dataValues(std::string const& name) {
     return valuesOf(dataItem(name).toKXValue());
   }
@@ -171,63 +171,6 @@ TEST_F(UpdateCycle, AsksForTheKeysAsTheyAreNow) {
   add("c");
   EXPECT_EQ(asked(), Names{"c"});
   EXPECT_EQ(dataValues("c"), (std::vector<KXValue>{"c"}));
-}
-
-// Filing touches the memory of every key, so the cycle leaves it until sixteen batches wait.
-TEST_F(UpdateCycle, FilesWhatWaitsAtTheEndOfTheSixteenthCycle) {
-  mMemory->set("a", "Data", 1);
-  add("a");
-
-  for (int cycle = 1; cycle <= 17; ++cycle) {
-    update();
-    EXPECT_EQ(ForTest::filedDataSamples(*mWatcher, "a"), cycle < 16 ? 0 : 16) << cycle;
-  }
-
-  EXPECT_EQ(dataValues("a").size(), 17U);  // who takes the lock files first
-}
-
-// Its time would otherwise be late by what the filing takes.
-TEST_F(UpdateCycle, ReadsBeforeItFiles) {
-  mMemory->set("a", "Data", 1);
-  add("a");
-  std::vector<int> filedAtRead;
-  mMemory->setHook("getListData", [&](FakeMemory::Call const&, KXValue&) {
-    filedAtRead.push_back(ForTest::filedDataSamples(*mWatcher, "a"));
-  });
-
-  for (int cycle = 1; cycle <= 17; ++cycle) update();
-
-  ASSERT_EQ(filedAtRead.size(), 17U);
-  EXPECT_EQ(filedAtRead[15], 0);
-  EXPECT_EQ(filedAtRead[16], 16);
-}
-
-TEST_F(UpdateCycle, FilesNothingWhileSomebodyHoldsTheKeys) {
-  mMemory->set("a", "Data", 1);
-  add("a");
-  for (int cycle = 1; cycle <= 15; ++cycle) update();
-  boost::shared_ptr<KXMutex> const mutex = dataMutex();
-  // Taken by another thread between the read and the filing.
-  std::binary_semaphore taken(0);
-  std::binary_semaphore release(0);
-  std::thread holder;
-  mMemory->setHook("getListData", [&](FakeMemory::Call const&, KXValue&) {
-    holder = std::thread([&] {
-      KXCriticalSection const lock(mutex);
-      taken.release();
-      release.acquire();
-    });
-    taken.acquire();
-  });
-
-  update();
-  release.release();
-  holder.join();
-  mMemory->setHook("getListData", {});
-
-  EXPECT_EQ(ForTest::filedDataSamples(*mWatcher, "a"), 0);
-  update();
-  EXPECT_EQ(ForTest::filedDataSamples(*mWatcher, "a"), 17);
 }
 
 // ---- keys of unknown nature

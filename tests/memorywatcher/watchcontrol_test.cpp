@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <memory>
 #include <string>
 #include <thread>
 #include <utility>
@@ -256,26 +257,42 @@ TYPED_TEST(WatchControl, StopWhileOnlyStartingDoesNothing) {
 
 // ---- start and stop from two threads
 
-// Both have seen the module idle before either could start.
-TYPED_TEST(WatchControl, OfTwoStartsThatWaitForAStopOneStarts) {
+TYPED_TEST(WatchControl, StartWhileAStopWaitsForTheLoopDoesNothing) {
   this->call("startWatching", 10);
   this->mMemory->block("getListData");
   this->passPeriods(1);
   ASSERT_TRUE(this->mMemory->waitUntilParked());
   Caller stop([this] { this->call("stopWatching"); });
   ASSERT_TRUE(stop.isParked());
-  Caller one([this] { this->call("startWatching", 3'600'005); });
-  Caller other([this] { this->call("startWatching", 3'600'005); });
-  ASSERT_TRUE(one.isParked());
-  ASSERT_TRUE(other.isParked());
+
+  this->call("startWatching", 25);
+  EXPECT_FALSE(this->client()->template call<bool>("isWatching"));
 
   this->mMemory->release("getListData");
   stop.join();
-  one.join();
-  other.join();
-
-  EXPECT_EQ(this->mLog.lines(), (std::vector<LogLine>{corrected(3'600'000)}));
+  EXPECT_TRUE(this->mLog.lines().empty());
+  this->call("startWatching", 10);
   EXPECT_TRUE(this->client()->template call<bool>("isWatching"));
+}
+
+// The stop waits for the cycle, so the cycle may not wait for the stop.
+TYPED_TEST(WatchControl, StartFromWithinTheCycleThatAStopWaitsForDoesNothing) {
+  std::unique_ptr<Caller> stop;
+  std::atomic<bool> hasCalled{false};
+  this->mMemory->setHook("getListData", [&](FakeMemory::Call const&, KXValue&) {
+    if (stop != nullptr) return;
+    stop = std::make_unique<Caller>([this] { this->call("stopWatching"); });
+    EXPECT_TRUE(stop->isParked());
+    this->mWatcher->startWatching(10);
+    hasCalled = true;
+  });
+
+  this->call("startWatching", 10);
+  ASSERT_TRUE(this->mMemory->waitForCalls("getListData", 1));
+  while (!hasCalled || !stop->isDone()) std::this_thread::yield();
+
+  EXPECT_FALSE(this->client()->template call<bool>("isWatching"));
+  EXPECT_EQ(this->mMemory->getCalls("getListData").size(), 1U);
 }
 
 template <class P>

@@ -36,6 +36,7 @@
 #include <memorywatcher/kxmemorywatcher.hpp>
 #include <tests/support/fakememory.hpp>
 #include <tests/support/fakevsm.hpp>
+#include <tests/support/memorywatcherfortest.hpp>
 
 namespace KX {
 
@@ -45,50 +46,6 @@ inline void PrintTo(KXValue const& value, std::ostream* out) {
 inline void PrintTo(FakeMemory::Call const& call, std::ostream* out) {
   *out << call.method << KXValue(call.arguments).toString(1);
 }
-
-/// What no client can see or do. The maps are copies, taken under their mutex, with everything
-/// filed that was waiting.
-struct KXMemoryWatcherForTest {
-  static KXListenerMap dataItems(KXMemoryWatcher& watcher) {
-    KXCriticalSection const lock(watcher.mDataMutex);
-    watcher.xFileData();
-    return watcher.mDataItems;
-  }
-  /// What stands in a data item without anything being filed first.
-  static int filedDataSamples(KXMemoryWatcher& watcher, std::string const& key) {
-    KXCriticalSection const lock(watcher.mDataMutex);
-    return watcher.mDataItems.at(key).toKXValue().getSize();
-  }
-  static KXListenerMap eventItems(KXMemoryWatcher& watcher) {
-    KXCriticalSection const lock(watcher.mEventMutex);
-    watcher.xFileEvents();
-    return watcher.mEventItems;
-  }
-  static boost::shared_ptr<KXMutex> dataMutex(KXMemoryWatcher& watcher) {
-    return watcher.mDataMutex;
-  }
-  static boost::shared_ptr<KXMutex> eventMutex(KXMemoryWatcher& watcher) {
-    return watcher.mEventMutex;
-  }
-  /// One update cycle over one map, on the caller's thread.
-  static void updateData(KXMemoryWatcher& watcher) { watcher.xUpdateValues(watcher.xDataItems()); }
-  static void updateEvents(KXMemoryWatcher& watcher) {
-    watcher.xUpdateValues(watcher.xEventItems());
-  }
-  /// The flag alone: the module takes itself for watching, but no loop runs.
-  static void setWatching(KXMemoryWatcher& watcher, bool isOn) { watcher.mIsWatching = isOn; }
-  static int periodMs(KXMemoryWatcher& watcher) { return watcher.mPeriodMs; }
-  static int cyclesPerPeriod(KXMemoryWatcher& watcher) { return watcher.mCyclesPerPeriod; }
-  static bool usesTimedSleep(KXMemoryWatcher& watcher) { return watcher.mUseTimedSleep; }
-  static bool isStarting(KXMemoryWatcher& watcher) { return watcher.mIsStarting; }
-  static void onVsmUpdate(KXMemoryWatcher& watcher) { watcher.xOnVSMUpdate(); }
-  static int cycleCount(KXMemoryWatcher& watcher) { return watcher.mCycleCount; }
-  static boost::posix_time::ptime nextWakeTime(KXMemoryWatcher& watcher) {
-    KXCriticalSection const lock(watcher.mPacingMutex);
-    return watcher.mNextWakeTime;
-  }
-  static int mainThreadTaskId(KXMemoryWatcher& watcher) { return watcher.mMainThreadTaskId; }
-};
 
 /// A launcher that answers what its broker has, unless the test gives it a hook of its own.
 class FakeLauncher : public KXModule {
@@ -268,12 +225,12 @@ class WatcherTest : public testing::Test {
   using Names = std::vector<std::string>;
   using Calls = std::vector<FakeMemory::Call>;
 
-  explicit WatcherTest(Pacing pacing = Pacing::Timed)
+  explicit WatcherTest(Pacing pacing = Pacing::Timed, KXClock& clock = KXClock::system())
       : mBroker(KXBroker::createBroker("test")),
         mLauncher(KXModule::createModule<FakeLauncher>(mBroker)),
         mMemory(KXModule::createModule<FakeMemory>(mBroker)) {
     if (pacing == Pacing::Cycle) mVsm = KXModule::createModule<FakeVsm>(mBroker);
-    mWatcher = KXModule::createModule<KXMemoryWatcher>(mBroker);
+    mWatcher = KXModule::createModule<KXMemoryWatcher>(mBroker, clock);
   }
   ~WatcherTest() override {
     // What a hook refers to ended with the test.

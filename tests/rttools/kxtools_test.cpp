@@ -124,7 +124,7 @@ TEST(Process, SaysInOneLineWhyTheModuleCannotBeMade) {
       {"returns 3", "expected its creation to return 0, but it returned 3"},
       {"throws KXError", "no such device"},
       {"throws std", "no such\\ndevice"},
-      {"throws int", "it threw something that is no std::exception"},
+      {"throws int", "an exception of unknown type"},
   };
   for (auto const& row : rows) {
     SCOPED_TRACE(row.create);

@@ -5,9 +5,7 @@
 #include <iterator>
 #include <utility>
 
-#include <binding/kxfunctor.hpp>
-#include <binding/kxfunctorconvert.hpp>
-#include <binding/kxsignature.hpp>
+#include <binding/kxpublish.hpp>
 #include <kxerror/kxerror.hpp>
 
 namespace KX {
@@ -18,23 +16,16 @@ constexpr std::chrono::seconds kPatience{30};
 
 FakeMemory::FakeMemory(boost::shared_ptr<KXBroker> const& broker) : KXModule(broker, "KXMemory") {
   setModuleDescription("A store driven by hand.");
-  xPublish("getData", &FakeMemory::getData);
-  xPublish("getListData", &FakeMemory::getListData);
-  xPublish("getType", &FakeMemory::getType);
-  xPublish("subscribeToEvent", &FakeMemory::subscribeToEvent);
-  xPublish("subscribeToMicroEvent", &FakeMemory::subscribeToMicroEvent);
-  xPublish("unsubscribeToEvent", &FakeMemory::unsubscribeToEvent);
-  xPublish("unsubscribeToMicroEvent", &FakeMemory::unsubscribeToMicroEvent);
+  publish(*this, {"getData"}, &FakeMemory::getData);
+  publish(*this, {"getListData"}, &FakeMemory::getListData);
+  publish(*this, {"getType"}, &FakeMemory::getType);
+  publish(*this, {"subscribeToEvent"}, &FakeMemory::subscribeToEvent);
+  publish(*this, {"subscribeToMicroEvent"}, &FakeMemory::subscribeToMicroEvent);
+  publish(*this, {"unsubscribeToEvent"}, &FakeMemory::unsubscribeToEvent);
+  publish(*this, {"unsubscribeToMicroEvent"}, &FakeMemory::unsubscribeToMicroEvent);
 }
 
 FakeMemory::~FakeMemory() = default;
-
-template <class Member>
-void FakeMemory::xPublish(char const* method, Member member) {
-  functionName(method, getName(), "", 0);
-  completeAndCheck(member, getCurrentMethodDescription());
-  bindMethod(createFunctor(this, member));
-}
 
 void FakeMemory::set(std::string const& name, std::string const& type, KXValue const& value) {
   std::lock_guard const lock(mMutex);

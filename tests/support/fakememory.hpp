@@ -81,8 +81,6 @@ class FakeMemory : public KXModule {
     KXValue value;
   };
 
-  template <class Member>
-  void xPublish(char const* method, Member member);
   // Records, waits if the method is blocked, and runs its hook. Returns the hook's answer.
   KXValue xEnter(Call const& call);
   Key xFind(std::string const& method, std::string const& name) const;

@@ -3,8 +3,7 @@
 
 #include <string>
 
-#include <binding/kxfunctor.hpp>
-#include <binding/kxsignature.hpp>
+#include <binding/kxpublish.hpp>
 #include <ka/log.hpp>
 #include <kxcommon/kxbroker.hpp>
 #include <kxcommon/kxmodule.hpp>
@@ -20,11 +19,10 @@ class TestModule : public KX::KXModule {
  public:
   TestModule(boost::shared_ptr<KX::KXBroker> const& broker, std::string const& name)
       : KXModule(broker, name) {
-    functionName("twice", getName(), "doubles a number", 0);
-    addParam("number", "the number");
-    setReturn("double", "the doubled number");
-    KX::completeAndCheck(&TestModule::twice, getCurrentMethodDescription());
-    bindMethod(KX::createFunctor(this, &TestModule::twice));
+    KX::publish(
+        *this,
+        {"twice", "doubles a number", {{"number", "the number"}}, {"double", "the doubled number"}},
+        &TestModule::twice);
     tell("made " + getName());
   }
   ~TestModule() override { tell("destroyed " + getName()); }

@@ -1,4 +1,4 @@
-#include <modules/hostsensors/kxhostfiles.hpp>
+#include <modules/hostsensors/kxmachinefiles.hpp>
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -50,23 +50,23 @@ int listAll(std::string const& path, std::vector<std::string>& names) {
 void throwUnreadable(std::string const& source, int error) {
   throw KXError("KXHostSensors", "read",
                 "cannot read '" + source + "': " + std::generic_category().message(error),
-                "hostsensors/kxhostfiles", 0);
+                "hostsensors/kxmachinefiles", 0);
 }
 
-std::string readHostFile(std::string const& path) {
+std::string readMachineFile(std::string const& path) {
   std::string text;
   if (int const error = readAll(path, text)) throwUnreadable(path, error);
   return text;
 }
 
-std::optional<std::string> tryReadHostFile(std::string const& path) {
+std::optional<std::string> tryReadMachineFile(std::string const& path) {
   std::string text;
   if (readAll(path, text) != 0) return std::nullopt;
   return text;
 }
 
-std::optional<std::int64_t> tryReadHostNumber(std::string const& path) {
-  std::optional<std::string> const text = tryReadHostFile(path);
+std::optional<std::int64_t> tryReadMachineNumber(std::string const& path) {
+  std::optional<std::string> const text = tryReadMachineFile(path);
   if (!text) return std::nullopt;
   std::int64_t number = 0;
   auto const parsed = std::from_chars(text->data(), text->data() + text->size(), number);
@@ -74,13 +74,13 @@ std::optional<std::int64_t> tryReadHostNumber(std::string const& path) {
   return number;
 }
 
-std::vector<std::string> listHostFolder(std::string const& path) {
+std::vector<std::string> listMachineFolder(std::string const& path) {
   std::vector<std::string> names;
   if (int const error = listAll(path, names)) throwUnreadable(path, error);
   return names;
 }
 
-std::vector<std::string> tryListHostFolder(std::string const& path) {
+std::vector<std::string> tryListMachineFolder(std::string const& path) {
   std::vector<std::string> names;
   listAll(path, names);
   return names;

@@ -11,11 +11,11 @@
 namespace KX {
 
 /// The clock that rates are computed with. It never steps.
-using KXHostClock = std::chrono::steady_clock;
-using KXHostTime = KXHostClock::time_point;
+using KXMachineClock = std::chrono::steady_clock;
+using KXMachineTime = KXMachineClock::time_point;
 
 /// A family of keys. In the pattern `<word>` stands for one segment, such as a device's name.
-struct KXHostKey {
+struct KXMachineKey {
   enum class Kind { Data, Event, MicroEvent };
 
   std::string pattern;
@@ -26,7 +26,7 @@ struct KXHostKey {
 };
 
 /// Something that happened between the last reading and this one.
-struct KXHostEvent {
+struct KXMachineEvent {
   std::string key;
   KXValue value;
   bool isMicroEvent;
@@ -34,9 +34,9 @@ struct KXHostEvent {
 
 /// What groups found in one reading. A value that is not known yet, such as a rate at the first
 /// reading, is invalid: its key exists from the beginning.
-struct KXHostReport {
+struct KXMachineReport {
   std::vector<std::pair<std::string, KXValue>> values;
-  std::vector<KXHostEvent> events;
+  std::vector<KXMachineEvent> events;
 
   void add(std::string key, KXValue value) {
     values.emplace_back(std::move(key), std::move(value));
@@ -44,19 +44,19 @@ struct KXHostReport {
 };
 
 /// Reads one subject. Owned by the survey; entered by one thread at a time.
-class KXHostGroup {
+class KXMachineGroup {
  public:
-  virtual ~KXHostGroup() = default;
+  virtual ~KXMachineGroup() = default;
 
   /// For log lines.
   virtual char const* name() const = 0;
   /// Every key that read() may report.
-  virtual std::vector<KXHostKey> keys() const = 0;
+  virtual std::vector<KXMachineKey> keys() const = 0;
   /// How long a reading is good for; 0 reads in every period.
   virtual std::chrono::milliseconds interval() const { return std::chrono::milliseconds(0); }
   /// Adds the present values, all of them each time: a key that is missing has vanished. KXError
   /// if the source cannot be read; what was added then is dropped, and the next reading may work.
-  virtual void read(KXHostTime now, KXHostReport& report) = 0;
+  virtual void read(KXMachineTime now, KXMachineReport& report) = 0;
 };
 
 }  // namespace KX

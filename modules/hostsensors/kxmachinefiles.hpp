@@ -14,16 +14,16 @@ namespace KX {
 [[noreturn]] void throwUnreadable(std::string const& source, int error);
 
 /// The whole file. KXError that names the path and the cause.
-std::string readHostFile(std::string const& path);
+std::string readMachineFile(std::string const& path);
 /// The whole file, or nothing if it cannot be read.
-std::optional<std::string> tryReadHostFile(std::string const& path);
+std::optional<std::string> tryReadMachineFile(std::string const& path);
 /// The number that the file begins with, or nothing.
-std::optional<std::int64_t> tryReadHostNumber(std::string const& path);
+std::optional<std::int64_t> tryReadMachineNumber(std::string const& path);
 
 /// The names in a folder, without those that begin with a dot, in no order. KXError as above.
-std::vector<std::string> listHostFolder(std::string const& path);
+std::vector<std::string> listMachineFolder(std::string const& path);
 /// The same, empty if the folder cannot be read.
-std::vector<std::string> tryListHostFolder(std::string const& path);
+std::vector<std::string> tryListMachineFolder(std::string const& path);
 
 /// Cuts the text before the next newline off `rest`; false at the end.
 bool takeLine(std::string_view& rest, std::string_view& line);

@@ -1,11 +1,12 @@
+#include <chrono>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include <kxerror/kxerror.hpp>
-#include <modules/hostsensors/kxhostgroups.hpp>
-#include <modules/hostsensors/kxhostsurvey.hpp>
+#include <modules/hostsensors/kxmachinegroups.hpp>
+#include <modules/hostsensors/kxmachinesurvey.hpp>
 #include <tests/support/testhost.hpp>
 
 #include "fakegroup.hpp"
@@ -29,20 +30,20 @@ std::vector<std::string> loggedTexts(testing::TestHost const& host, int level) {
   return texts;
 }
 
-std::string keysOf(KXHostReport const& report) {
+std::string keysOf(KXMachineReport const& report) {
   std::string keys;
   for (auto const& [key, value] : report.values) keys += key;
   return keys;
 }
 
 TEST(Survey, JoinsWhatTheGroupsFind) {
-  KXHostSurvey survey(groupsOf(FakeGroup("A", [](auto& report) { report.add("a", KXValue(1)); }),
-                               FakeGroup("B", [](auto& report) {
-                                 report.add("b", KXValue(2));
-                                 report.events.push_back({"e", KXValue(3), true});
-                               })));
+  KXMachineSurvey survey(groupsOf(FakeGroup("A", [](auto& report) { report.add("a", KXValue(1)); }),
+                                  FakeGroup("B", [](auto& report) {
+                                    report.add("b", KXValue(2));
+                                    report.events.push_back({"e", KXValue(3), true});
+                                  })));
 
-  KXHostSurvey::Result const found = survey.read(at(0));
+  KXMachineSurvey::Result const found = survey.read(at(0));
 
   EXPECT_EQ("ab", keysOf(found.report));
   ASSERT_EQ(1u, found.report.events.size());
@@ -51,7 +52,7 @@ TEST(Survey, JoinsWhatTheGroupsFind) {
 }
 
 TEST(Survey, ReadsSlowGroupsAtTheirOwnInterval) {
-  KXHostSurvey survey(
+  KXMachineSurvey survey(
       groupsOf(FakeGroup("Fast", [](auto& report) { report.add("f", KXValue()); }),
                FakeGroup(
                    "Slow", [](auto& report) { report.add("s", KXValue()); }, 1000)));
@@ -62,7 +63,7 @@ TEST(Survey, ReadsSlowGroupsAtTheirOwnInterval) {
 
   for (auto const& step : steps) {
     SCOPED_TRACE(step.ms);
-    KXHostSurvey::Result const found = survey.read(at(step.ms));
+    KXMachineSurvey::Result const found = survey.read(at(step.ms));
     EXPECT_EQ(step.keys, keysOf(found.report));
     EXPECT_TRUE(found.vanishedKeys.empty());
   }
@@ -70,7 +71,7 @@ TEST(Survey, ReadsSlowGroupsAtTheirOwnInterval) {
 
 TEST(Survey, NamesTheKeysThatVanish) {
   std::vector<std::string> keys = {"a", "b", "c"};
-  KXHostSurvey survey(groupsOf(FakeGroup("A", [&](auto& report) {
+  KXMachineSurvey survey(groupsOf(FakeGroup("A", [&](auto& report) {
     for (std::string const& key : keys) report.add(key, KXValue());
   })));
   auto const read = [&](std::vector<std::string> const& now) {
@@ -89,7 +90,7 @@ TEST(Survey, NamesTheKeysThatVanish) {
 
 TEST(Survey, LeavesOutAGroupThatFailsWithOneLogLine) {
   testing::TestHost const host;
-  KXHostSurvey survey(
+  KXMachineSurvey survey(
       groupsOf(FakeGroup("Bad",
                          [](auto& report) {
                            report.add("half", KXValue());
@@ -99,7 +100,7 @@ TEST(Survey, LeavesOutAGroupThatFailsWithOneLogLine) {
                FakeGroup("Good", [](auto& report) { report.add("g", KXValue()); })));
 
   for (int ms = 0; ms < 500; ms += 100) {
-    KXHostSurvey::Result const found = survey.read(at(ms));
+    KXMachineSurvey::Result const found = survey.read(at(ms));
     EXPECT_EQ("g", keysOf(found.report));
     EXPECT_TRUE(found.report.events.empty());
   }
@@ -112,7 +113,7 @@ TEST(Survey, LeavesOutAGroupThatFailsWithOneLogLine) {
 TEST(Survey, TakesAGroupInAgainWhenItCanBeRead) {
   testing::TestHost const host;
   bool isBroken = false;
-  KXHostSurvey survey(groupsOf(FakeGroup("A", [&](auto& report) {
+  KXMachineSurvey survey(groupsOf(FakeGroup("A", [&](auto& report) {
     if (isBroken) throw std::runtime_error("away");
     report.add("a", KXValue());
   })));
@@ -132,13 +133,21 @@ TEST(Survey, TakesAGroupInAgainWhenItCanBeRead) {
             loggedTexts(host, ka::log::Info));
 }
 
+TEST(MachineGroups, WithSlowSourcesAreReadOnceASecond) {
+  for (auto const& group : makeMachineGroups("")) {
+    std::string const name = group->name();
+    bool const isSlow = name == "Frequency" || name == "Temperature";
+    EXPECT_EQ(std::chrono::milliseconds(isSlow ? 1000 : 0), group->interval()) << name;
+  }
+}
+
 TEST(Survey, GoesOnWithWhatIsLeftOnAMachineWithoutProcAndSys) {
   testing::TestHost const host;
   FakeRoot const root;
-  KXHostSurvey survey(makeHostGroups(root.path()));
+  KXMachineSurvey survey(makeMachineGroups(root.path()));
 
   survey.read(at(0));
-  KXHostReport const report = survey.read(at(1000)).report;
+  KXMachineReport const report = survey.read(at(1000)).report;
 
   // What libproc2 reads does not depend on the root.
   EXPECT_TRUE(find(report, "Host/UptimeSeconds"));

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include <modules/hostsensors/kxhostgroup.hpp>
+#include <modules/hostsensors/kxmachinegroup.hpp>
 
 namespace KX {
 
@@ -14,32 +14,32 @@ namespace KX {
 /// left out, with one log line when it begins to fail and one when it is back. The line is a
 /// warning only for a group that could be read before: other machines simply lack it. Threads: one
 /// at a time.
-class KXHostSurvey {
+class KXMachineSurvey {
  public:
   struct Result {
-    KXHostReport report;
+    KXMachineReport report;
     /// Reported by the same group before, and no more: their device or their source is gone.
     std::vector<std::string> vanishedKeys;
   };
 
-  explicit KXHostSurvey(std::vector<std::unique_ptr<KXHostGroup>> groups);
+  explicit KXMachineSurvey(std::vector<std::unique_ptr<KXMachineGroup>> groups);
 
-  Result read(KXHostTime now);
+  Result read(KXMachineTime now);
   /// The keys of all groups.
-  std::vector<KXHostKey> keys() const;
+  std::vector<KXMachineKey> keys() const;
 
  private:
   struct Entry {
-    std::unique_ptr<KXHostGroup> group;
-    KXHostTime due;
+    std::unique_ptr<KXMachineGroup> group;
+    KXMachineTime due;
     std::set<std::string> keys;
     bool isFailing = false;
     bool wasEverRead = false;
   };
 
   static std::string xFunctionName(Entry const& entry);
-  static KXHostReport xReadGroup(Entry& entry, KXHostTime now);
-  static void xFindVanished(Entry& entry, KXHostReport const& report,
+  static KXMachineReport xReadGroup(Entry& entry, KXMachineTime now);
+  static void xFindVanished(Entry& entry, KXMachineReport const& report,
                             std::vector<std::string>& vanishedKeys);
 
   std::vector<Entry> mEntries;

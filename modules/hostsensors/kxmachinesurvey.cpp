@@ -1,4 +1,4 @@
-#include <modules/hostsensors/kxhostsurvey.hpp>
+#include <modules/hostsensors/kxmachinesurvey.hpp>
 
 #include <algorithm>
 #include <exception>
@@ -9,18 +9,18 @@
 
 namespace KX {
 
-KXHostSurvey::KXHostSurvey(std::vector<std::unique_ptr<KXHostGroup>> groups) {
-  for (auto& group : groups) mEntries.push_back({std::move(group), KXHostTime(), {}});
+KXMachineSurvey::KXMachineSurvey(std::vector<std::unique_ptr<KXMachineGroup>> groups) {
+  for (auto& group : groups) mEntries.push_back({std::move(group), KXMachineTime(), {}});
 }
 
-KXHostSurvey::Result KXHostSurvey::read(KXHostTime now) {
+KXMachineSurvey::Result KXMachineSurvey::read(KXMachineTime now) {
   Result result;
   for (Entry& entry : mEntries) {
     // A tenth early is near enough, lest the jitter of the periods skip every other reading.
     std::chrono::milliseconds const interval = entry.group->interval();
     if (now + interval / 10 < entry.due) continue;
     entry.due = now + interval;
-    KXHostReport found = xReadGroup(entry, now);
+    KXMachineReport found = xReadGroup(entry, now);
     xFindVanished(entry, found, result.vanishedKeys);
     std::move(found.values.begin(), found.values.end(), std::back_inserter(result.report.values));
     std::move(found.events.begin(), found.events.end(), std::back_inserter(result.report.events));
@@ -29,12 +29,12 @@ KXHostSurvey::Result KXHostSurvey::read(KXHostTime now) {
 }
 
 // One per group: on stderr, warnings of one function hold each other back.
-std::string KXHostSurvey::xFunctionName(Entry const& entry) {
+std::string KXMachineSurvey::xFunctionName(Entry const& entry) {
   return std::string("read").append(entry.group->name());
 }
 
-KXHostReport KXHostSurvey::xReadGroup(Entry& entry, KXHostTime now) {
-  KXHostReport report;
+KXMachineReport KXMachineSurvey::xReadGroup(Entry& entry, KXMachineTime now) {
+  KXMachineReport report;
   try {
     entry.group->read(now, report);
     entry.wasEverRead = true;
@@ -44,7 +44,7 @@ KXHostReport KXHostSurvey::xReadGroup(Entry& entry, KXHostTime now) {
     }
   } catch (std::exception const& error) {
     // Swallowed: the other groups are good, and this one is tried again.
-    report = KXHostReport();
+    report = KXMachineReport();
     if (!std::exchange(entry.isFailing, true)) {
       ka::log::Level const level = entry.wasEverRead ? ka::log::Warning : ka::log::Info;
       ka::log::LogStream(level, "KXHostSensors", "", xFunctionName(entry), 0)
@@ -54,8 +54,8 @@ KXHostReport KXHostSurvey::xReadGroup(Entry& entry, KXHostTime now) {
   return report;
 }
 
-void KXHostSurvey::xFindVanished(Entry& entry, KXHostReport const& report,
-                                 std::vector<std::string>& vanishedKeys) {
+void KXMachineSurvey::xFindVanished(Entry& entry, KXMachineReport const& report,
+                                    std::vector<std::string>& vanishedKeys) {
   bool const isSame =
       report.values.size() == entry.keys.size() &&
       std::all_of(report.values.begin(), report.values.end(),
@@ -68,10 +68,10 @@ void KXHostSurvey::xFindVanished(Entry& entry, KXHostReport const& report,
   entry.keys = std::move(keys);
 }
 
-std::vector<KXHostKey> KXHostSurvey::keys() const {
-  std::vector<KXHostKey> keys;
+std::vector<KXMachineKey> KXMachineSurvey::keys() const {
+  std::vector<KXMachineKey> keys;
   for (Entry const& entry : mEntries) {
-    std::vector<KXHostKey> const more = entry.group->keys();
+    std::vector<KXMachineKey> const more = entry.group->keys();
     keys.insert(keys.end(), more.begin(), more.end());
   }
   return keys;
