@@ -163,7 +163,8 @@ int runReportingErrors(int argc, char** argv) {
     // Before any thread is made, so that signals wait for us and not for one of them.
     KXStop const stop;
     KXOutput output(STDOUT_FILENO, stop);
-    return run(argc, argv, output, stop);
+    int const exitCode = run(argc, argv, output, stop);
+    return output.finish() ? exitCode : kFailed;
   } catch (KXUsageError const& error) {
     say(error.what());
     return kUsage;

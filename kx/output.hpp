@@ -1,6 +1,10 @@
 // stdout, written so that neither a reader that went away nor one that sleeps can hold the tool.
 #pragma once
 
+#include <sys/types.h>
+
+#include <chrono>
+#include <string>
 #include <string_view>
 
 #include <kx/stop.hpp>
@@ -20,11 +24,20 @@ struct KXTerminal {
 /// Ownership: borrows the stop, which outlives it. Threads: one.
 class KXOutput {
  public:
-  KXOutput(int descriptor, KXStop const& stop) : mDescriptor(descriptor), mStop(stop) {}
+  using TimePoint = std::chrono::steady_clock::time_point;
 
-  /// Writes all of it. False, and from then on without effect, if the reader went away, or if the
-  /// end is wished for and nobody has read for a second. std::system_error if the write fails.
-  bool write(std::string_view text);
+  KXOutput(int descriptor, KXStop const& stop);
+  ~KXOutput();
+  KXOutput(KXOutput const&) = delete;
+  KXOutput& operator=(KXOutput const&) = delete;
+
+  /// Writes all of it as fast as it is read. What nobody has read when the time comes, or when the
+  /// end is wished for, waits for the next call. Without effect once the reader has gone away.
+  /// std::system_error if the write fails.
+  void write(std::string_view text, TimePoint until = TimePoint::max());
+  /// Writes what waits, and gives up when nobody reads for a second: then it tells on stderr how
+  /// many lines were lost. False if any were, by this call or one before.
+  bool finish();
   /// True if nobody can read any more, also when nothing was written since.
   bool isClosed();
 
@@ -32,14 +45,21 @@ class KXOutput {
   KXTerminal terminal() const;
 
  private:
-  bool xWaitUntilWritable();
+  template <class Wait>
+  void xWriteWhile(Wait isWritable);
+  ssize_t xWrite(std::string_view text) const;
+  bool xWaitUntil(TimePoint until) const;
 
   int const mDescriptor;
+  int const mOwnTerminal;  ///< the same terminal, opened anew so that no write to it can block
+  bool const mIsSocket;
   KXStop const& mStop;
+  std::string mWaiting;
   bool mIsClosed = false;
+  bool mHasLost = false;
 };
 
-/// Writes `kx: `, the text and a line break to stderr, if that can be written to.
+/// Writes `kx: `, the text and a line break to stderr, if that can be written to within a second.
 void say(std::string_view text);
 
 }  // namespace KX::tool

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include <host/rttools/kxmodulelibrary.hpp>
+#include <host/vsm/kxvsm.hpp>
 #include <kxerror/kxerror.hpp>
 
 namespace KX::tool {
@@ -16,9 +17,18 @@ KXSession::KXSession(Options const& options, KXStop const& stop)
   xAwaitSensors(stop);
 }
 
+boost::shared_ptr<KXVsm> KXSession::vsm() const {
+  return boost::static_pointer_cast<KXVsm>(broker().getProxy("VSM", 0)->getModule());
+}
+
 KXValue KXSession::call(std::string const& module, std::string const& method,
                         std::vector<KXValue> arguments) const {
   return mHost.getBroker()->getProxy(module, 0)->genericCall(method, KXValue(std::move(arguments)));
+}
+
+void KXSession::keepSensorsAhead(int periodMs) const {
+  int const sensorsMs = static_cast<int>(call("KXHostSensors", "getPeriodMs"));
+  if (periodMs < sensorsMs) call("KXHostSensors", "setPeriodMs", {periodMs});
 }
 
 std::vector<std::string> KXSession::keys(std::string const& pattern) const {

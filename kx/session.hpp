@@ -10,6 +10,10 @@
 
 #include <kx/stop.hpp>
 
+namespace KX {
+class KXVsm;
+}  // namespace KX
+
 namespace KX::tool {
 
 enum KXExitCode { kOk = 0, kFailed = 1, kUsage = 2, kNothingThere = 3, kTimeOut = 4 };
@@ -41,9 +45,15 @@ class KXSession {
   KXSession(Options const& options, KXStop const& stop);
 
   KXBroker& broker() const { return *mHost.getBroker(); }
+  /// The hardware cycle. KXError if the session has none.
+  boost::shared_ptr<KXVsm> vsm() const;
   /// Calls a method of a module by name.
   KXValue call(std::string const& module, std::string const& method,
                std::vector<KXValue> arguments = {}) const;
+
+  /// Lets the sensors be read at least once in this time. Otherwise a watch would give each value
+  /// several times; what they have read already needs no slowing down.
+  void keepSensorsAhead(int periodMs) const;
 
   /// The keys of the store that match a shell pattern, sorted; the empty pattern means all.
   std::vector<std::string> keys(std::string const& pattern) const;

@@ -60,8 +60,8 @@ std::string secondsText(std::int64_t timeUs, int decimals) {
 
 std::string jsonLine(KXSample const& sample) {
   return "{\"time\":" + secondsText(sample.timeUs, 6) +
-         ",\"key\":" + KXValue(sample.key).toString(1) + ",\"value\":" + sample.value.toString(1) +
-         "}\n";
+         ",\"key\":" + KXValue(std::string(sample.key)).toString(1) +
+         ",\"value\":" + sample.value.toString(1) + "}\n";
 }
 
 std::string csvHeader(std::vector<std::string> const& columns) {
@@ -72,7 +72,7 @@ std::string csvHeader(std::vector<std::string> const& columns) {
 
 std::string csvLine(KXBatch const& batch) {
   std::vector<std::string> cells{secondsText(batch.timeUs, 9)};
-  for (KXValue const& value : batch.values) cells.push_back(csvCell(value));
+  for (auto const& value : batch.values) cells.push_back(value ? csvCell(*value) : "");
   return fmt::format("{}\n", fmt::join(cells, ","));
 }
 

@@ -1,67 +1,158 @@
-// Which periods of a watch were taken, which were missed and why, and how late the batches were.
+// Which periods of a watch were taken, which were missed and how, and how late the batches were.
+// All times are of the monotonic clock, in microseconds. Threads: one.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <deque>
+#include <limits>
 #include <map>
+#include <optional>
+#include <span>
 
 namespace KX::tool {
 
 enum class KXPacing { Timed, Cycle };
 
-/// The account of a watch. asked = taken + failedReads + skipped + overdue.
+/// The account of a watch. asked = taken + failedReads + cyclesSkipped + skipped + overdue.
 struct KXPunctualityReport {
   std::int64_t asked = 0;
   std::int64_t taken = 0;
-  std::int64_t failedReads = 0;  ///< the watcher logged that its read failed
-  std::int64_t skipped = 0;      ///< gaps between batches of which the watcher said nothing
-  std::int64_t overdue = 0;      ///< periods after the last batch, not caught up with at the stop
+  std::int64_t failedReads = 0;    ///< the watcher logged that its read failed
+  std::int64_t cyclesSkipped = 0;  ///< the hardware cycle did not come in time to pace them
+  std::int64_t skipped = 0;        ///< the watcher took no batch, and said nothing of it
+  std::int64_t overdue = 0;        ///< after the last batch, and not caught up with at the stop
   std::int64_t latenessCount = 0;
   std::int64_t p50Us = 0;
   std::int64_t p99Us = 0;
   std::int64_t maxUs = 0;
 };
 
-/// Puts each batch to the period it was due in. Period k is due at `start + k * period`, k from 0.
-/// With timed pacing the start is the moment before the watch was started. The watcher takes
-/// overrun periods later, one after the other, so of several batches within one period the last
-/// is put to that period and the others to the free ones before it: their lateness counts whole.
-/// With cycle pacing the first batch comes at once and the others on the grid of the hardware
-/// cycle, whose place on the wall clock nobody tells: the earliest batch of all gives the grid, and
-/// lateness is measured against it, the first batch left out.
-/// Threads: one. Times are wall clock, in microseconds. Memory: one entry per lateness that
-/// occurred, so at most one per microsecond of a period in normal operation.
+/// The periods that a watch of this length asks for: those that are due before it ends. The first
+/// is due at its start.
+std::int64_t periodsAsked(std::chrono::microseconds duration, int periodMs) noexcept;
+
+/// Puts each batch to the period it was taken for; periods count from 0.
+/// Memory: one entry per lateness that occurred.
 class KXPunctuality {
  public:
-  KXPunctuality(int periodMs, std::int64_t startUs, KXPacing pacing);
+  static constexpr std::int64_t kNoLimit = std::numeric_limits<std::int64_t>::max();
 
-  /// One batch; in the order of their times.
-  void addBatch(std::int64_t timeUs);
+  /// `limit` is the number of periods asked for, if that is known before the end.
+  KXPunctuality(int periodMs, std::int64_t limit)
+      : mPeriodUs(std::int64_t{periodMs} * 1000), mLimit(limit) {}
+  virtual ~KXPunctuality() = default;
 
+  /// Reads that the watcher logged as failed since the last call; before the batches after them.
+  void addFailedReads(std::int64_t count) noexcept;
+  /// One batch; in the order in which they were taken.
+  virtual void addBatch(std::int64_t timeUs) = 0;
   /// Some moment at which a period was due, best known so far.
-  std::int64_t dueTimeUs() const noexcept { return mStartUs; }
+  virtual std::int64_t dueTimeUs() const noexcept = 0;
+  /// No batch comes any more. Returns how many of the last ones belong to periods beyond the limit:
+  /// the stop came too late for them. Without a limit those periods were asked that ended before
+  /// the stop or were taken: one that the stop cut short was not missed.
+  std::int64_t finish(std::int64_t stopUs);
+  /// After finish().
+  KXPunctualityReport report() const;
 
-  /// Asked are the periods that ended before the stop or were taken: one that the stop cut short
-  /// was not missed.
-  KXPunctualityReport report(std::int64_t stopUs, std::int64_t failedReads) const;
-
- private:
-  void xAddTimed(std::int64_t timeUs);
-  void xAddCyclePaced(std::int64_t timeUs);
-  std::int64_t xLastPeriod() const noexcept;
-  std::int64_t xLateness(std::int64_t timeUs, std::int64_t period) const noexcept;
-  void xSettleRun();
+ protected:
+  void xTake(std::int64_t period, std::optional<std::int64_t> latenessUs);
+  virtual void xSettle(std::int64_t stopUs) = 0;
+  virtual std::int64_t xEndedPeriods(std::int64_t stopUs) const = 0;
+  /// The periods up to the last batch for which the hardware cycle did not come in time.
+  virtual std::int64_t xCyclesSkipped() const = 0;
 
   std::int64_t const mPeriodUs;
-  KXPacing const mPacing;
-  std::int64_t mStartUs;
+  std::int64_t mFailedReads = 0;
+  std::int64_t mLastPeriod = -1;  ///< the last one that was taken
+
+ private:
+  std::int64_t const mLimit;
   std::int64_t mTaken = 0;
+  std::int64_t mBeyondLimit = 0;
+  std::int64_t mAsked = 0;
   std::map<std::int64_t, std::int64_t> mLatenessUs;  // lateness, how often it occurred
-  std::int64_t mSettledPeriod = -1;                  // the last period that is settled
+};
+
+/// Timed pacing: period k is due at `start + k * period`, the start being the moment before the
+/// watch was started. The watcher makes up for overrun periods, one after the other, so of several
+/// batches within one period the last is put to that period and the others to the free ones before
+/// it: their lateness counts whole. A batch that comes before anything is due shows that the
+/// schedule was moved, as small steps of the wall clock do; the later ones are measured by it.
+class KXTimedPunctuality : public KXPunctuality {
+ public:
+  KXTimedPunctuality(int periodMs, std::int64_t startUs, std::int64_t limit = kNoLimit)
+      : KXPunctuality(periodMs, limit), mStartUs(startUs) {}
+
+  void addBatch(std::int64_t timeUs) override;
+  std::int64_t dueTimeUs() const noexcept override { return mStartUs; }
+
+ private:
+  void xSettle(std::int64_t stopUs) override;
+  std::int64_t xEndedPeriods(std::int64_t stopUs) const override;
+  std::int64_t xCyclesSkipped() const override { return 0; }
+
+  void xSettleRun();
+  bool xIsCutShort(std::int64_t stopUs) const;
+  std::int64_t xLastPeriod() const noexcept;
+
+  std::int64_t mStartUs;
+  std::int64_t mSettledPeriod = -1;
   // Batches behind a gap: they belong to successive periods from mRunFirst on, but may move back
   // into the gap when more of them come than periods are due.
   std::int64_t mRunFirst = 0;
   std::deque<std::int64_t> mRunTimesUs;
+};
+
+/// Pacing by the hardware cycle: the first batch comes at once, then one at every `period / 10
+/// ms`th cycle. Period k is due as many cycles after the start, on the cycle's own 10 ms grid. A
+/// cycle that is skipped is not made up for, and cycles that fall due while the watcher is busy are
+/// served by one batch: both are periods missed. A batch is put to the first cycle that waited for
+/// it and measured against that cycle's deadline; the first one has none.
+class KXCyclePunctuality : public KXPunctuality {
+ public:
+  KXCyclePunctuality(int periodMs, std::int64_t startUs, std::int64_t limit = kNoLimit)
+      : KXPunctuality(periodMs, limit), mCyclesPerPeriod(periodMs / 10), mStartUs(startUs) {}
+
+  /// The cycles raised since the last call, by deadline; before the batches that they paced.
+  void addCycles(std::span<std::int64_t const> deadlinesUs);
+  /// The first cycle that the watcher counted, by its number among those added, from 0: it lies
+  /// between these, which differ if a cycle came in the midst of the start.
+  void setFirstCycle(std::int64_t least, std::int64_t most) noexcept;
+
+  void addBatch(std::int64_t timeUs) override;
+  std::int64_t dueTimeUs() const noexcept override { return mFirstDueUs.value_or(mStartUs); }
+
+ private:
+  struct Cycle {
+    std::int64_t number;
+    std::int64_t deadlineUs;
+  };
+
+  void xSettle(std::int64_t) override {}
+  std::int64_t xEndedPeriods(std::int64_t stopUs) const override;
+  std::int64_t xCyclesSkipped() const override;
+
+  void xFindPhase(std::int64_t secondBatchUs);
+  void xKeepDue();
+  std::optional<std::int64_t> xServed(std::int64_t timeUs);
+  std::int64_t xPeriodOf(std::int64_t dueUs) const noexcept;
+
+  std::int64_t const mCyclesPerPeriod;
+  std::int64_t const mStartUs;
+  std::int64_t mLeastFirst = 0;
+  std::int64_t mMostFirst = 0;
+  std::int64_t mCycleCount = 0;
+  std::deque<Cycle> mCycles;                 // not looked at yet
+  std::optional<std::int64_t> mFirstNumber;  // of the cycle that begins period 1
+  std::optional<std::int64_t> mFirstDueUs;   // when that was due
+  std::deque<std::int64_t> mDueUs;           // cycles that begin a period, after the last batch
+  std::optional<std::int64_t> mLastDueUs;    // the last of those before
+  std::int64_t mLastBatchUs = 0;
+  std::int64_t mFailedReadsServed = 0;
+  std::deque<std::int64_t> mUnservedPeriods;  // had their cycle, and lie behind the last batch
+  std::int64_t mPacedPeriods = 0;             // had their cycle, up to the last batch
 };
 
 /// The next moment to fetch: half-way between two periods, so that the fetch does not hold the

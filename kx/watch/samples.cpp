@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <tuple>
 #include <utility>
 
 namespace KX::tool {
@@ -21,63 +22,162 @@ std::vector<std::string> KXWatchedKeys::columns() const {
   return columns;
 }
 
-KXSampleReader::KXSampleReader(KXWatchedKeys const& keys)
-    : mColumnCount(keys.data.size() + keys.unknown.size()),
+std::int64_t KXBatch::sampleCount() const {
+  return std::ranges::count_if(values, [](auto const& value) { return value.has_value(); });
+}
+
+std::vector<KXSample> samplesInOrder(KXFetched const& fetched,
+                                     std::vector<std::string> const& columns) {
+  struct Placed {
+    std::int64_t orderUs;  // never falls within the batches, nor within one key's events
+    bool isEvent;
+    KXSample sample;
+  };
+  std::vector<Placed> placed;
+  std::int64_t orderUs = 0;
+  for (KXBatch const& batch : fetched.batches) {
+    orderUs = std::max(orderUs, batch.timeUs);
+    for (std::size_t i = 0; i < columns.size(); ++i) {
+      if (!batch.values[i]) continue;
+      placed.push_back({orderUs, false, {batch.timeUs, columns[i], *batch.values[i]}});
+    }
+  }
+  KXEvent const* before = nullptr;
+  for (KXEvent const& event : fetched.events) {
+    bool const isOfSameKey = before != nullptr && before->key == event.key;
+    orderUs = isOfSameKey ? std::max(orderUs, event.timeUs) : event.timeUs;
+    before = &event;
+    placed.push_back({orderUs, true, {event.timeUs, event.key, event.value}});
+  }
+  std::ranges::stable_sort(placed, {},
+                           [](Placed const& p) { return std::tuple(p.orderUs, p.isEvent); });
+  std::vector<KXSample> samples;
+  samples.reserve(placed.size());
+  for (Placed& p : placed) samples.push_back(std::move(p.sample));
+  return samples;
+}
+
+KXSampleReader::KXSampleReader(KXWatchedKeys const& keys, IsEvent isEvent)
+    : mColumns(keys.columns()),
       mDataCount(keys.data.size()),
-      mAwaitsFirst(keys.events.begin(), keys.events.end()) {
-  for (std::string const& key : keys.columns()) mColumnOfKey.emplace(key, mColumnOfKey.size());
+      mIsEvent(std::move(isEvent)),
+      mEventKeys(keys.events.begin(), keys.events.end()),
+      mAwaitsFirst(mEventKeys) {
+  for (std::string const& key : mColumns) mColumnOfKey.emplace(key, mColumnOfKey.size());
 }
 
 KXFetched KXSampleReader::read(KXValue const& result, bool isLast) {
   KXFetched fetched;
-  for (int i = 0; i < result.getSize(); ++i) xReadEntry(result[i], fetched.samples);
-  // Data keys come first, so that a batch is open before unknown keys ask for it.
-  std::ranges::stable_sort(fetched.samples, {}, [](KXSample const& sample) {
-    return std::pair(sample.timeUs, sample.isEvent);
-  });
-  for (KXSample& sample : fetched.samples) xFile(sample);
-  xTakeBatches(isLast, fetched.batches);
+  Batches batches;
+  for (int i = 0; i < result.getSize(); ++i) {
+    auto const& key = static_cast<std::string const&>(result[i][0]);
+    KXValue const& taken = result[i][1];
+    auto const column = mColumnOfKey.find(key);
+    if (column != mColumnOfKey.end()) {
+      xReadColumn(column->second, taken, batches);
+    } else if (mEventKeys.contains(key)) {
+      xReadEvents(key, taken, fetched.events);
+    }
+  }
+  xJoinHeld(batches);
+  for (OpenBatch& open : batches) {
+    bool const isNewest = &open == &batches.back();
+    if (xIsRaise(open)) {
+      for (std::size_t i = mDataCount; i < mColumns.size(); ++i) {
+        if (!open.batch.values[i]) continue;
+        fetched.events.push_back({open.batch.timeUs, mColumns[i], *open.batch.values[i]});
+      }
+    } else if (isNewest && !isLast && open.filled < mColumns.size() - mBecameEvent.size()) {
+      mHeld = std::move(open);
+    } else {
+      fetched.batches.push_back(std::move(open.batch));
+    }
+  }
+  // Raises of several keys that were unknown at first came in order of time.
+  std::ranges::stable_sort(fetched.events, {}, &KXEvent::key);
   return fetched;
 }
 
-void KXSampleReader::xReadEntry(KXValue const& entry, std::vector<KXSample>& samples) {
-  auto const& key = static_cast<std::string const&>(entry[0]);
-  KXValue const& taken = entry[1];
-  auto const column = mColumnOfKey.find(key);
-  bool const isData = column != mColumnOfKey.end() && column->second < mDataCount;
+void KXSampleReader::xReadEvents(std::string const& key, KXValue const& taken,
+                                 std::vector<KXEvent>& events) {
   int first = 0;
   // The watcher begins an event key that is added to a running watch with its value of that
   // moment. Nobody raised that.
   if (taken.getSize() > 0 && mAwaitsFirst.erase(key) > 0) first = 1;
   for (int i = first; i < taken.getSize(); ++i) {
-    KXValue const& sample = taken[i];
-    samples.push_back({microseconds(sample[0]), key, sample[1], !isData});
+    events.push_back({microseconds(taken[i][0]), key, taken[i][1]});
   }
 }
 
-void KXSampleReader::xFile(KXSample& sample) {
-  auto const column = mColumnOfKey.find(sample.key);
-  if (column == mColumnOfKey.end()) return;
-  auto batch = mOpenBatches.find(sample.timeUs);
-  if (batch == mOpenBatches.end()) {
-    // A sample of an unknown key that belongs to no batch was pushed: the key became an event.
-    if (sample.isEvent) return;
-    batch = mOpenBatches.try_emplace(sample.timeUs).first;
-    batch->second.values.resize(mColumnCount);
+// From the newest to the oldest: keys have their newest batches in common, not their oldest ones.
+void KXSampleReader::xReadColumn(std::size_t column, KXValue const& taken, Batches& batches) const {
+  auto next = batches.end();
+  for (int i = taken.getSize() - 1; i >= 0; --i) {
+    KXValue const& time = taken[i][0];
+    auto place = xFind(column, time, batches, next);
+    if (place == next) {
+      KXBatch batch{microseconds(time), std::vector<std::optional<KXValue>>(mColumns.size())};
+      place = batches.insert(next, OpenBatch{time, std::move(batch)});
+    }
+    next = place;
+    // Filled already: the watcher has the key twice, since it failed half-way through making an
+    // event of it.
+    if (place->batch.values[column]) continue;
+    place->batch.values[column] = taken[i][1];
+    ++place->filled;
   }
-  sample.isEvent = false;
-  batch->second.values[column->second] = sample.value;
-  ++batch->second.filled;
 }
 
-void KXSampleReader::xTakeBatches(bool isLast, std::vector<KXBatch>& batches) {
-  while (!mOpenBatches.empty()) {
-    auto const batch = mOpenBatches.begin();
-    bool const isNewest = std::next(batch) == mOpenBatches.end();
-    if (isNewest && !isLast && batch->second.filled < mColumnCount) return;
-    batches.push_back({batch->first, std::move(batch->second.values)});
-    mOpenBatches.erase(batch);
+// The batch that a time belongs to, before another; that other if there is none. What was sampled
+// of a key before it became an event may have lost its block: there the time itself decides.
+KXSampleReader::Batches::iterator KXSampleReader::xFind(std::size_t column, KXValue const& time,
+                                                        Batches& batches,
+                                                        Batches::iterator before) const {
+  bool const mayHaveBecomeEvent = column >= mDataCount;
+  for (auto place = before; place != batches.begin();) {
+    --place;
+    if (place->time.sharesBlockWith(time)) return place;
+    if (mayHaveBecomeEvent && place->time == time) return place;
   }
+  return before;
+}
+
+// The rest of a batch that a fetch cut in two is the first of the next fetch.
+void KXSampleReader::xJoinHeld(Batches& batches) {
+  if (!mHeld) return;
+  auto& held = *mHeld;
+  bool isSame = !batches.empty() && batches.front().time == held.time;
+  for (std::size_t i = 0; isSame && i < mColumns.size(); ++i) {
+    isSame = !held.batch.values[i] || !batches.front().batch.values[i];
+  }
+  if (isSame) {
+    OpenBatch& rest = batches.front();
+    for (std::size_t i = 0; i < mColumns.size(); ++i) {
+      if (held.batch.values[i]) rest.batch.values[i] = std::move(held.batch.values[i]);
+    }
+    rest.filled += held.filled;
+  } else {
+    batches.push_front(std::move(held));
+  }
+  mHeld.reset();
+}
+
+// A batch has samples of the data keys. Where there are none, what was sampled of a key that is not
+// there yet has no value.
+bool KXSampleReader::xIsRaise(OpenBatch const& open) {
+  auto const& values = open.batch.values;
+  for (std::size_t i = 0; i < mColumns.size(); ++i) {
+    if (!values[i]) continue;
+    if (i < mDataCount || (mDataCount == 0 && !values[i]->isValid()) || !xIsEvent(i)) return false;
+  }
+  return true;
+}
+
+bool KXSampleReader::xIsEvent(std::size_t column) {
+  if (mBecameEvent.contains(column)) return true;
+  if (!mIsEvent(mColumns[column])) return false;
+  mBecameEvent.insert(column);
+  return true;
 }
 
 }  // namespace KX::tool

@@ -11,24 +11,20 @@
 namespace KX::tool {
 namespace {
 
-std::string causesText(KXPunctualityReport const& report, KXPacing pacing) {
-  // With timed pacing an overrun is made up for, so only a client that held the buffer leaves a
-  // gap. With cycle pacing overdue periods become one, which looks the same from here.
-  char const* const skipped =
-      pacing == KXPacing::Timed ? "buffer busy" : "buffer busy or cycle overrun";
+std::string causesText(KXPunctualityReport const& report) {
   std::vector<std::string> causes;
   for (auto const& [count, cause] :
-       {std::pair(report.failedReads, "read failed"), std::pair(report.skipped, skipped),
-        std::pair(report.overdue, "overdue at the stop")}) {
+       {std::pair(report.failedReads, "read failed"),
+        std::pair(report.cyclesSkipped, "hardware cycle late"),
+        std::pair(report.skipped, "skipped"), std::pair(report.overdue, "overdue at the stop")}) {
     if (count > 0) causes.push_back(fmt::format("{} {}", count, cause));
   }
   return causes.empty() ? "" : fmt::format(" ({})", fmt::join(causes, ", "));
 }
 
-std::string periods(KXPunctualityReport const& report, KXPacing pacing, int periodMs) {
+std::string periods(KXPunctualityReport const& report, int periodMs) {
   return fmt::format("asked {} of {} ms, took {}, missed {}{}", counted(report.asked, "period"),
-                     periodMs, report.taken, report.asked - report.taken,
-                     causesText(report, pacing));
+                     periodMs, report.taken, report.asked - report.taken, causesText(report));
 }
 
 std::string lateness(KXPunctualityReport const& report) {
@@ -42,16 +38,22 @@ std::string lateness(KXPunctualityReport const& report) {
 
 }  // namespace
 
-std::string summaryText(KXPunctualityReport const& report, KXPacing pacing, int periodMs,
-                        KXWatchedKeys const& keys, KXWatchCounts const& counts) {
+std::string summaryText(KXPunctualityReport const& report, int periodMs, KXWatchedKeys const& keys,
+                        KXWatchCounts const& counts) {
   auto const dataKeys = static_cast<std::int64_t>(keys.data.size() + keys.unknown.size());
   auto const eventKeys = static_cast<std::int64_t>(keys.events.size());
-  std::string const events =
-      fmt::format("{} of {}", counted(counts.events, "event"), counted(eventKeys, "event key"));
-  if (keys.data.empty()) return "no data key was watched, so no period was seen; " + events;
-  return fmt::format("{}; {} of {}{}; {}", periods(report, pacing, periodMs),
-                     counted(counts.samples, "sample"), counted(dataKeys, "data key"),
-                     keys.events.empty() ? "" : ", " + events, lateness(report));
+  std::string events = counted(counts.events, "event");
+  // Keys that were not there at first may have become events.
+  if (eventKeys > 0) events += " of " + counted(eventKeys, "event key");
+  bool const hasEvents = eventKeys > 0 || counts.events > 0;
+  std::string const samples =
+      fmt::format("{} of {}", counted(counts.samples, "sample"), counted(dataKeys, "data key"));
+  if (keys.data.empty()) {
+    return fmt::format("no data key was watched, so no period was seen; {}{}",
+                       keys.unknown.empty() ? "" : samples + ", ", events);
+  }
+  return fmt::format("{}; {}{}; {}", periods(report, periodMs), samples,
+                     hasEvents ? ", " + events : "", lateness(report));
 }
 
 }  // namespace KX::tool

@@ -14,9 +14,9 @@ struct KXWatchCounts {
   std::int64_t events = 0;   ///< raises of event keys
 };
 
-/// Periods asked, taken, missed and why, samples, events, lateness. Without data keys there are no
+/// Periods asked, taken, missed and how, samples, events, lateness. Without data keys there are no
 /// batches to see periods by, and it says so.
-std::string summaryText(KXPunctualityReport const& report, KXPacing pacing, int periodMs,
-                        KXWatchedKeys const& keys, KXWatchCounts const& counts);
+std::string summaryText(KXPunctualityReport const& report, int periodMs, KXWatchedKeys const& keys,
+                        KXWatchCounts const& counts);
 
 }  // namespace KX::tool

@@ -65,25 +65,22 @@ std::string readable(KXValue const& value) {
 
 KXTable::KXTable(KXWatchedKeys const& keys) {
   for (auto const* group : {&keys.data, &keys.unknown, &keys.events}) {
-    for (std::string const& key : *group) xRowFor(key);
+    for (std::string const& key : *group) {
+      mRowOfKey.emplace(key, mRows.size());
+      mRows.emplace_back().key = forTerminal(key);
+    }
   }
 }
 
-std::size_t KXTable::xRowFor(std::string const& key) {
-  auto const [place, isNew] = mRowOfKey.try_emplace(key, mRows.size());
-  if (isNew) mRows.emplace_back().key = forTerminal(key);
-  return place->second;
-}
-
-void KXTable::add(KXFetched const& fetched) {
-  for (KXSample const& sample : fetched.samples) {
-    Row& row = mRows[xRowFor(sample.key)];
+void KXTable::add(std::vector<KXSample> const& samples) {
+  for (KXSample const& sample : samples) {
+    Row& row = mRows[mRowOfKey.find(sample.key)->second];
     row.value = sample.value;
     row.timeUs = sample.timeUs;
     ++row.samples;
-    mNewestUs = std::max(mNewestUs, sample.timeUs);
+    mNewestUs = sample.timeUs;
   }
-  mSamples += static_cast<std::int64_t>(fetched.samples.size());
+  mSamples += static_cast<std::int64_t>(samples.size());
 }
 
 KXTable::Widths KXTable::xWidths(KXTerminal const& terminal) const {

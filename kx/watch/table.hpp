@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -20,7 +21,8 @@ class KXTable {
  public:
   explicit KXTable(KXWatchedKeys const& keys);
 
-  void add(KXFetched const& fetched);
+  /// Samples of the keys of the watch, in the order in which they came.
+  void add(std::vector<KXSample> const& samples);
 
   /// The time of the newest sample; 0 before the first.
   std::int64_t newestUs() const noexcept { return mNewestUs; }
@@ -46,11 +48,10 @@ class KXTable {
   };
 
   Widths xWidths(KXTerminal const& terminal) const;
-  std::size_t xRowFor(std::string const& key);
   std::string xTitle() const;
 
   std::vector<Row> mRows;
-  std::map<std::string, std::size_t> mRowOfKey;
+  std::map<std::string, std::size_t, std::less<>> mRowOfKey;
   std::int64_t mNewestUs = 0;
   std::int64_t mSamples = 0;
   std::size_t mDrawnLines = 0;

@@ -4,12 +4,16 @@
 #include <algorithm>
 #include <chrono>
 #include <memory>
+#include <optional>
+#include <utility>
 
 #include <kxerror/kxerror.hpp>
 
 #include <kx/commands.hpp>
 #include <kx/session.hpp>
 #include <kx/text.hpp>
+#include <kx/watch/clocks.hpp>
+#include <kx/watch/cyclelog.hpp>
 #include <kx/watch/punctuality.hpp>
 #include <kx/watch/samples.hpp>
 #include <kx/watch/summary.hpp>
@@ -22,11 +26,9 @@ namespace {
 
 using SteadyTime = std::chrono::steady_clock::time_point;
 using std::chrono::microseconds;
-using namespace std::chrono_literals;
 
-std::int64_t wallClockUs() {
-  auto const time = std::chrono::system_clock::now().time_since_epoch();
-  return std::chrono::duration_cast<microseconds>(time).count();
+SteadyTime steadyTime(std::int64_t monotonicUs) {
+  return SteadyTime(microseconds(monotonicUs));
 }
 
 // One watch from its start to its summary. The session outlives it.
@@ -36,24 +38,23 @@ class Watch {
         KXOutput& output, KXStop const& stop)
       : mOptions(options),
         mPeriodMs(correctedPeriodMs(options.periodMs)),
-        mPacing(options.isCyclePaced ? KXPacing::Cycle : KXPacing::Timed),
         mSession(session),
         mKeys(std::move(keys)),
         mOutput(output),
         mStop(stop),
-        mReader(mKeys),
+        mReader(mKeys,
+                [this](std::string const& key) { return isEventType(mSession.typeOf(key)); }),
         mWriter(makeWriter(options.format, mKeys, [this] { return xTerminal(); })) {}
 
   void run() {
-    mOutput.write(mWriter->begin());
     xStart();
+    mOutput.write(mWriter->begin(), mEnd);
     xFetchUntilEnd();
-    std::int64_t const durationUs = microseconds(mOptions.duration.value_or(0ms)).count();
-    std::int64_t const stopUs = mIsOver ? mStartUs + durationUs : wallClockUs();
+    std::int64_t const stopUs = readClocks().monotonicUs;
     xCall("stopWatching");
-    xFetch(true);
-    auto const report = mPunctuality->report(stopUs, mLog.failedReads());
-    say(summaryText(report, mPacing, mPeriodMs, mKeys, mCounts));
+    xFetch(stopUs);
+    mOutput.finish();
+    say(summaryText(mPunctuality->report(), mPeriodMs, mKeys, mCounts));
   }
 
  private:
@@ -70,11 +71,31 @@ class Watch {
   void xStart() {
     // Data keys before the start: added later, each would begin with a sample outside any batch.
     xCall("addListeners", {mKeys.columns()});
-    mStartTime = std::chrono::steady_clock::now();
-    mStartUs = wallClockUs();
-    mPunctuality = std::make_unique<KXPunctuality>(mPeriodMs, mStartUs, mPacing);
+    if (mOptions.isCyclePaced) mCycleLog.emplace(mSession.vsm());
+    std::int64_t const cyclesBefore = mCycleLog ? mCycleLog->count() : 0;
+    KXClocks const start = readClocks();
     xCall("startWatching", {mOptions.periodMs});
-    // Event keys after the start: the watcher subscribes to a key only if it is added meanwhile.
+    std::int64_t const cyclesAfter = mCycleLog ? mCycleLog->count() : 0;
+
+    std::int64_t limit = KXPunctuality::kNoLimit;
+    if (mOptions.duration) {
+      limit = periodsAsked(*mOptions.duration, mPeriodMs);
+      mEnd = steadyTime(start.monotonicUs) + *mOptions.duration;
+    }
+    mTimeline.emplace(mPeriodMs, start);
+    if (mCycleLog) {
+      auto punctuality = std::make_unique<KXCyclePunctuality>(mPeriodMs, start.monotonicUs, limit);
+      punctuality->setFirstCycle(cyclesBefore, cyclesAfter);
+      mCyclePunctuality = punctuality.get();
+      mPunctuality = std::move(punctuality);
+    } else {
+      mPunctuality = std::make_unique<KXTimedPunctuality>(mPeriodMs, start.monotonicUs, limit);
+    }
+    xAddEventKeys();
+  }
+
+  // After the start: the watcher subscribes to a key only if it is added meanwhile.
+  void xAddEventKeys() {
     for (std::string const& key : mKeys.events) {
       try {
         xCall("addListener", {key});
@@ -86,33 +107,39 @@ class Watch {
   }
 
   void xFetchUntilEnd() {
-    // A millisecond early, because a period that is due at the very end is not asked for.
-    SteadyTime const end =
-        mOptions.duration ? mStartTime + *mOptions.duration - 1ms : SteadyTime::max();
     while (!mStop.isRequested() && !mOutput.isClosed()) {
-      std::int64_t const nowUs = wallClockUs();
-      std::int64_t const untilFetchUs =
-          nextFetchUs(nowUs, mPunctuality->dueTimeUs(), mPeriodMs) - nowUs;
-      SteadyTime const fetch = std::chrono::steady_clock::now() + microseconds(untilFetchUs);
-      mStop.waitUntil(std::min(fetch, end));
-      mIsOver = std::chrono::steady_clock::now() >= end;
-      if (mIsOver) return;
-      xFetch(false);
+      SteadyTime const fetch =
+          steadyTime(nextFetchUs(readClocks().monotonicUs, mPunctuality->dueTimeUs(), mPeriodMs));
+      mStop.waitUntil(std::min(fetch, mEnd));
+      if (std::chrono::steady_clock::now() >= mEnd) return;
+      xFetch(std::nullopt);
     }
   }
 
-  void xFetch(bool isLast) {
-    KXFetched const fetched = mReader.read(xCall("getData"), isLast);
-    for (KXBatch const& batch : fetched.batches) mPunctuality->addBatch(batch.timeUs);
-    for (KXSample const& sample : fetched.samples) {
-      ++(sample.isEvent ? mCounts.events : mCounts.samples);
+  // With the moment of the stop, this is the last fetch.
+  void xFetch(std::optional<std::int64_t> stopUs) {
+    KXFetched fetched = mReader.read(xCall("getData"), stopUs.has_value());
+    KXClocks const now = readClocks();
+    std::int64_t const failedReads = mLog.failedReads();
+    mPunctuality->addFailedReads(failedReads - std::exchange(mFailedReads, failedReads));
+    if (mCycleLog) mCyclePunctuality->addCycles(mCycleLog->takeDeadlinesUs());
+    std::vector<std::int64_t> wallTimesUs;
+    for (KXBatch const& batch : fetched.batches) wallTimesUs.push_back(batch.timeUs);
+    for (std::int64_t const timeUs : mTimeline->toMonotonic(std::move(wallTimesUs), now)) {
+      mPunctuality->addBatch(timeUs);
     }
-    mOutput.write(mWriter->next(fetched, isLast));
+    if (stopUs) {
+      // What was taken between the end of --for and the stop was not asked for.
+      auto const beyond = static_cast<std::size_t>(mPunctuality->finish(*stopUs));
+      fetched.batches.resize(fetched.batches.size() - std::min(beyond, fetched.batches.size()));
+    }
+    for (KXBatch const& batch : fetched.batches) mCounts.samples += batch.sampleCount();
+    mCounts.events += static_cast<std::int64_t>(fetched.events.size());
+    mOutput.write(mWriter->next(fetched, stopUs.has_value()), mEnd);
   }
 
   KXWatchOptions const& mOptions;
   int const mPeriodMs;  ///< as the watcher corrects it
-  KXPacing const mPacing;
   KXSession const& mSession;
   KXWatchedKeys const mKeys;
   KXOutput& mOutput;
@@ -120,11 +147,13 @@ class Watch {
   KXWatchLog mLog;
   KXSampleReader mReader;
   std::unique_ptr<KXSampleWriter> const mWriter;
+  std::optional<KXCycleLog> mCycleLog;  ///< where the hardware cycle paces
+  std::optional<KXTimeline> mTimeline;
   std::unique_ptr<KXPunctuality> mPunctuality;
+  KXCyclePunctuality* mCyclePunctuality = nullptr;  ///< mPunctuality, where the cycle paces
   KXWatchCounts mCounts;
-  SteadyTime mStartTime;
-  std::int64_t mStartUs = 0;
-  bool mIsOver = false;  ///< --for has passed
+  std::int64_t mFailedReads = 0;
+  SteadyTime mEnd = SteadyTime::max();  ///< of --for
 };
 
 // A table of batches has no place for what comes at moments of its own.
@@ -139,19 +168,13 @@ void leaveOutEvents(KXWatchedKeys& keys) {
   keys.events.clear();
 }
 
-// Sensors that are read more rarely than they are sampled would give each value several times.
-void keepSensorsAhead(KXSession const& session, int periodMs) {
-  int const sensorsMs = static_cast<int>(session.call("KXHostSensors", "getPeriodMs"));
-  if (periodMs < sensorsMs) session.call("KXHostSensors", "setPeriodMs", {periodMs});
-}
-
 }  // namespace
 
 int watch(KXWatchOptions const& options, KXOutput& output, KXStop const& stop) {
   KXSession const session({.withVsm = options.isCyclePaced, .withWatcher = true}, stop);
   KXWatchedKeys keys = findKeys(session, options.patterns);
   if (options.format == KXFormat::Csv) leaveOutEvents(keys);
-  keepSensorsAhead(session, correctedPeriodMs(options.periodMs));
+  session.keepSensorsAhead(correctedPeriodMs(options.periodMs));
   Watch(options, session, std::move(keys), output, stop).run();
   return kOk;
 }

@@ -74,9 +74,7 @@ class KeyFinder {
 
   void xAddKey(std::string const& key) {
     if (!mSeen.insert(key).second) return;
-    std::string const type = mSession.typeOf(key);
-    bool const isPushed = type == "Event" || type == "MicroEvent";
-    (isPushed ? mKeys.events : mKeys.data).push_back(key);
+    (isEventType(mSession.typeOf(key)) ? mKeys.events : mKeys.data).push_back(key);
   }
 
   std::string xMissing(std::string const& argument) const {
@@ -91,6 +89,10 @@ class KeyFinder {
 };
 
 }  // namespace
+
+bool isEventType(std::string_view type) {
+  return type == "Event" || type == "MicroEvent";
+}
 
 KXWatchedKeys findKeys(KXSession const& session, std::vector<std::string> const& patterns) {
   KeyFinder finder(session);

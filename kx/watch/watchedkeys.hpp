@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <kx/session.hpp>
@@ -15,5 +16,8 @@ namespace KX::tool {
 /// for which nothing is there is told on stderr.
 /// KXToolError (nothing there) if the store has none of them.
 KXWatchedKeys findKeys(KXSession const& session, std::vector<std::string> const& patterns);
+
+/// True for a type of the store whose keys are pushed and not sampled.
+bool isEventType(std::string_view type);
 
 }  // namespace KX::tool

@@ -1,5 +1,7 @@
 #include <kx/watch/writers.hpp>
 
+#include <cstdlib>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -11,11 +13,15 @@ namespace {
 
 class KXJsonlWriter : public KXSampleWriter {
  public:
+  explicit KXJsonlWriter(KXWatchedKeys const& keys) : mColumns(keys.columns()) {}
   std::string next(KXFetched const& fetched, bool) override {
     std::string text;
-    for (KXSample const& sample : fetched.samples) text += jsonLine(sample);
+    for (KXSample const& sample : samplesInOrder(fetched, mColumns)) text += jsonLine(sample);
     return text;
   }
+
+ private:
+  std::vector<std::string> const mColumns;
 };
 
 class KXCsvWriter : public KXSampleWriter {
@@ -35,22 +41,24 @@ class KXCsvWriter : public KXSampleWriter {
 class KXTableWriter : public KXSampleWriter {
  public:
   KXTableWriter(KXWatchedKeys const& keys, std::function<KXTerminal()> terminal)
-      : mTable(keys), mTerminal(std::move(terminal)) {}
+      : mColumns(keys.columns()), mTable(keys), mTerminal(std::move(terminal)) {}
   std::string next(KXFetched const& fetched, bool isLast) override {
     constexpr std::int64_t kBlockUs = 1'000'000;
-    mTable.add(fetched);
+    mTable.add(samplesInOrder(fetched, mColumns));
     KXTerminal const terminal = mTerminal();
-    bool const isDue = mTable.newestUs() >= mDrawnUs + kBlockUs;
-    bool const hasNews = mTable.newestUs() > mDrawnUs;
+    // Either way, because the wall clock may be set back.
+    bool const isDue = std::abs(mTable.newestUs() - mDrawnUs.value_or(0)) >= kBlockUs;
+    bool const hasNews = mTable.newestUs() != mDrawnUs;
     if (!terminal.isLive && !isDue && !(isLast && hasNews)) return "";
     mDrawnUs = mTable.newestUs();
     return mTable.draw(terminal);
   }
 
  private:
+  std::vector<std::string> const mColumns;
   KXTable mTable;
   std::function<KXTerminal()> const mTerminal;
-  std::int64_t mDrawnUs = 0;
+  std::optional<std::int64_t> mDrawnUs;  ///< the newest sample of the table drawn last
 };
 
 }  // namespace
@@ -59,7 +67,7 @@ std::unique_ptr<KXSampleWriter> makeWriter(KXFormat format, KXWatchedKeys const&
                                            std::function<KXTerminal()> terminal) {
   switch (format) {
     case KXFormat::Jsonl:
-      return std::make_unique<KXJsonlWriter>();
+      return std::make_unique<KXJsonlWriter>(keys);
     case KXFormat::Csv:
       return std::make_unique<KXCsvWriter>(keys);
     default:

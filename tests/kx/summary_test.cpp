@@ -13,7 +13,7 @@ TEST(Summary, TellsPeriodsSamplesEventsAndLateness) {
   EXPECT_EQ(
       "asked 20 periods of 100 ms, took 20, missed 0; 40 samples of 2 data keys, 1 event of "
       "1 event key; lateness p50 0.096 ms, p99 0.850 ms, max 1.250 ms",
-      summaryText(kWhole, KXPacing::Timed, 100, kKeys, {.samples = 40, .events = 1}));
+      summaryText(kWhole, 100, kKeys, {.samples = 40, .events = 1}));
 }
 
 TEST(Summary, TellsWhyPeriodsWereMissed) {
@@ -22,23 +22,34 @@ TEST(Summary, TellsWhyPeriodsWereMissed) {
   KXWatchedKeys const keys{.data = {"a"}};
 
   EXPECT_EQ(
-      "asked 10 periods of 50 ms, took 4, missed 6 (3 read failed, 2 buffer busy, 1 overdue at "
-      "the stop); 4 samples of 1 data key; lateness unknown",
-      summaryText(report, KXPacing::Timed, 50, keys, {.samples = 4, .events = 0}));
+      "asked 10 periods of 50 ms, took 4, missed 6 (3 read failed, 2 skipped, 1 overdue at the "
+      "stop); 4 samples of 1 data key; lateness unknown",
+      summaryText(report, 50, keys, {.samples = 4, .events = 0}));
 }
 
-TEST(Summary, DoesNotGuessWhyACyclePacedPeriodWasMissed) {
-  KXPunctualityReport const report{.asked = 2, .taken = 1, .skipped = 1, .latenessCount = 0};
+TEST(Summary, TellsWhatTheHardwareCycleDidNotPace) {
+  KXPunctualityReport const report{.asked = 2, .taken = 1, .cyclesSkipped = 1, .latenessCount = 0};
 
   EXPECT_EQ(
-      "asked 2 periods of 10 ms, took 1, missed 1 (1 buffer busy or cycle overrun); 2 samples of "
+      "asked 2 periods of 10 ms, took 1, missed 1 (1 hardware cycle late); 2 samples of "
       "2 data keys, 0 events of 1 event key; lateness unknown",
-      summaryText(report, KXPacing::Cycle, 10, kKeys, {.samples = 2, .events = 0}));
+      summaryText(report, 10, kKeys, {.samples = 2, .events = 0}));
 }
 
 TEST(Summary, SaysThatEventsAloneShowNoPeriods) {
   EXPECT_EQ("no data key was watched, so no period was seen; 3 events of 1 event key",
-            summaryText({}, KXPacing::Timed, 100, {.events = {"e"}}, {.samples = 0, .events = 3}));
+            summaryText({}, 100, {.events = {"e"}}, {.samples = 0, .events = 3}));
+  EXPECT_EQ(
+      "no data key was watched, so no period was seen; 4 samples of 1 data key, 3 events of 1 "
+      "event key",
+      summaryText({}, 100, {.unknown = {"u"}, .events = {"e"}}, {.samples = 4, .events = 3}));
+}
+
+TEST(Summary, CountsRaisesOfKeysThatBecameEvents) {
+  EXPECT_EQ(
+      "asked 0 periods of 100 ms, took 0, missed 0; 4 samples of 2 data keys, 3 events; "
+      "lateness unknown",
+      summaryText({}, 100, {.data = {"a"}, .unknown = {"u"}}, {.samples = 4, .events = 3}));
 }
 
 }  // namespace
