@@ -189,6 +189,8 @@ TEST(Row, AndItsSharedElementOutliveAllElse) {
   KXValue pair;
   KXValue moved;
   KXValue movedPair;
+  KXValue swapped;
+  KXValue swappedOut;
   {
     KXValue times = pairs(5);
     KXValue array = samples(times);
@@ -196,10 +198,14 @@ TEST(Row, AndItsSharedElementOutliveAllElse) {
     pair = std::as_const(array)[2][0];
     moved = std::move(array[3]);
     movedPair = std::move(times.arrayData()[4]);
+    swapped.swap(array[0][0]);
+    array[4][0].swap(swappedOut);
   }
 
   EXPECT_EQ(pair.toString(1), "[2,20]");
   EXPECT_EQ(movedPair.toString(1), "[4,40]");
+  EXPECT_EQ(swapped.toString(1), "[0,0]");
+  EXPECT_EQ(swappedOut.toString(1), "[4,40]");
   EXPECT_EQ(moved.toString(1), "[[3,30],3.5]");
   EXPECT_EQ(row.toString(1), "[[1,10],1.5]");
   pair[0] = 9;

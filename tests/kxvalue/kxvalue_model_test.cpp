@@ -62,7 +62,7 @@ class Twins {
     std::size_t const other = (target + 1 + pick(kCount - 1)) % kCount;
     // Taken before the descent: references into a value end when it is copied.
     Twin const source = anySource();
-    Twin const rows = pick(3) == 0 ? builtRows() : Twin();
+    Twin rows = pick(3) == 0 ? builtRows() : Twin();
     Place const place = descend(mTwins[target]);
     switch (pick(10)) {
       case 0:
@@ -90,7 +90,9 @@ class Twins {
         *place.model = Model(place.model->elements[0]);
         break;
       default:
-        if (rows.model.isArray) assign(place, rows);
+        if (!rows.model.isArray) break;
+        *place.value = std::move(rows.value);
+        *place.model = rows.model;
         break;
     }
   }
@@ -141,12 +143,23 @@ class Twins {
     return copy;
   }
 
+  Twin anyArray() {
+    Twin array;
+    array.model = Model::array({});
+    for (std::size_t i = 1 + pick(3); i > 0; --i) {
+      Twin const element = anySource();
+      array.value.arrayPush(KXValue::arrayOf(element.value));
+      array.model.elements.push_back(Model::array({element.model}));
+    }
+    return array;
+  }
+
   // An array of rows, of any capacity and filled to any part of it.
   Twin builtRows() {
     std::size_t const capacity = std::array<std::size_t, 5>{0, 1, 2, 3, 12}[pick(5)];
-    Twin const shared = anySource();
+    Twin shared = pick(2) == 0 ? anySource() : anyArray();
     std::size_t const places = shared.model.isArray ? shared.model.elements.size() : 0;
-    KXRows rows(capacity, shared.value);
+    KXRows rows(capacity, std::move(shared.value));  // often nobody else holds it
     Twin twin;
     twin.model = Model::array({});
     for (std::size_t i = 0; i < capacity && pick(8) != 0; ++i) {
