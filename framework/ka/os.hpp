@@ -23,6 +23,11 @@ KX_API int gettimeofday(timeval* time);
 /// std::fopen for a path of any bytes; null and errno on failure.
 KX_API std::FILE* fopen(char const* path, char const* mode);
 
+/// Gives memory that was freed back to the system. The allocator keeps what it cannot cut off the
+/// end of its heaps, so without this a process stays as large as it ever was. Takes milliseconds
+/// where there is much to give.
+KX_API void releaseFreeMemory() noexcept;
+
 /// Makes the calling thread's timed waits end as exactly as the kernel can, for its lifetime, and
 /// restores the thread's former timer slack after that. The default slack of 50 us is the larger
 /// part of the lateness of a paced thread.

@@ -269,7 +269,9 @@ class KX_API KXValue {
   void xMakeRoom();
   [[noreturn]] void xFailType(char const* method, Type expected) const;
   [[noreturn]] void xFailIndex(int index) const;
-  void xAppendText(std::string& out, int verbosity) const;
+  // Same type and same content, of arrays only the size.
+  bool xEqualsInItself(KXValue const& other) const;
+  void xAppendText(std::string& out, bool isJson, bool isTyped) const;
 
   std::uint64_t mHead;
   Payload mPayload;

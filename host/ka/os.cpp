@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <ctime>
 
+#include <malloc.h>
 #include <sys/prctl.h>
 
 namespace ka::os {
@@ -17,6 +18,10 @@ int gettimeofday(timeval* time) {
 
 std::FILE* fopen(char const* path, char const* mode) {
   return std::fopen(path, mode);
+}
+
+void releaseFreeMemory() noexcept {
+  ::malloc_trim(0);
 }
 
 FineTimers::FineTimers() {

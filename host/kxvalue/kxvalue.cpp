@@ -1,15 +1,12 @@
 #include <kxvalue/kxvalue.hpp>
 
 #include <algorithm>
-#include <charconv>
-#include <cmath>
-#include <cstring>
 #include <limits>
 #include <new>
 
-#include <nlohmann/json.hpp>
-
 #include <kxerror/kxerror.hpp>
+
+#include "host/kxvalue/kxlevels.hpp"
 
 namespace KX {
 
@@ -33,37 +30,6 @@ std::size_t grownCapacity(std::size_t kept, std::size_t wanted) {
          "an array holds at most 2147483647 elements, asked for " + std::to_string(wanted));
   }
   return wanted > kept ? std::max(wanted, std::min(2 * kept, kMost)) : kept;
-}
-
-std::string base64(std::string const& bytes) {
-  constexpr char kDigits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-  std::string out;
-  out.reserve((bytes.size() + 2) / 3 * 4);
-  for (std::size_t i = 0; i < bytes.size(); i += 3) {
-    std::size_t const count = std::min<std::size_t>(3, bytes.size() - i);
-    std::uint32_t bits = 0;
-    for (std::size_t k = 0; k < 3; ++k) {
-      bits = bits << 8 | (k < count ? static_cast<unsigned char>(bytes[i + k]) : 0U);
-    }
-    for (std::size_t k = 0; k < 4; ++k) {
-      out += k <= count ? kDigits[bits >> (18 - 6 * k) & 63] : '=';
-    }
-  }
-  return out;
-}
-
-// The shortest text that reads back as the same number, and that shows it to be a float.
-std::string floatText(double value) {
-  if (!std::isfinite(value)) return std::isnan(value) ? "nan" : value > 0 ? "inf" : "-inf";
-  char buffer[32];
-  auto const end = std::to_chars(buffer, buffer + sizeof buffer, value).ptr;
-  std::string text(buffer, end);
-  if (text.find_first_of(".e") == std::string::npos) text += ".0";
-  return text;
-}
-
-std::string jsonString(std::string const& text) {
-  return nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
 }  // namespace
@@ -175,71 +141,7 @@ void KXValue::ToStringArray(std::vector<std::string>& texts, bool convertElement
   }
 }
 
-std::string KXValue::toString(int verbosity) const {
-  std::string out;
-  xAppendText(out, verbosity);
-  return out;
-}
-
-void KXValue::xAppendText(std::string& out, int verbosity) const {
-  bool const isJson = verbosity >= 1;
-  bool const isTyped = verbosity >= 2;
-  if (isTyped) out += TypeToString(getType()) + "(";
-  switch (getType()) {
-    case TypeInvalid:
-      if (isJson) out += "null";
-      break;
-    case TypeBool:
-      out += mPayload.asBool ? "true" : "false";
-      break;
-    case TypeInt:
-      out += std::to_string(mPayload.asInt);
-      break;
-    case TypeFloat:
-      out += isJson && !isTyped && !std::isfinite(mPayload.asDouble) ? "null"
-                                                                     : floatText(mPayload.asDouble);
-      break;
-    case TypeString:
-      out += isJson ? jsonString(static_cast<std::string const&>(*this))
-                    : static_cast<std::string const&>(*this);
-      break;
-    case TypeBinary:
-      out += isJson ? '"' + base64(getBinary()) + '"' : getBinary();
-      break;
-    case TypeArray: {
-      out += '[';
-      for (std::uint32_t i = 0; i < xArray()->size; ++i) {
-        if (i > 0) out += isJson ? "," : ", ";
-        xArray()->elements()[i].xAppendText(out, verbosity);
-      }
-      out += ']';
-      break;
-    }
-  }
-  if (isTyped) out += ')';
-}
-
-std::string KXValue::TypeToString(Type type) {
-  switch (type) {
-    case TypeInvalid:
-      return "invalid";
-    case TypeArray:
-      return "array";
-    case TypeBool:
-      return "bool";
-    case TypeInt:
-      return "int";
-    case TypeFloat:
-      return "float";
-    case TypeString:
-      return "string";
-    case TypeBinary:
-      return "binary";
-  }
-  return "type " + std::to_string(static_cast<int>(type));
-}
-
-bool KXValue::operator==(KXValue const& other) const {
+bool KXValue::xEqualsInItself(KXValue const& other) const {
   if (getType() != other.getType()) return false;
   switch (getType()) {
     case TypeInvalid:
@@ -254,11 +156,34 @@ bool KXValue::operator==(KXValue const& other) const {
     case TypeBinary:
       return xText()->text == other.xText()->text;
     case TypeArray:
-      return std::equal(xArray()->elements(), xArray()->elements() + xArray()->size,
-                        other.xArray()->elements(),
-                        other.xArray()->elements() + other.xArray()->size);
+      return xArray()->size == other.xArray()->size;
   }
   return false;
+}
+
+bool KXValue::operator==(KXValue const& other) const {
+  if (!xEqualsInItself(other)) return false;
+  if (getType() != TypeArray) return true;
+
+  struct Level {
+    KXValue const* left;
+    KXValue const* end;
+    KXValue const* right;
+  };
+  Levels<Level> levels;
+  KXValue const* left = this;
+  KXValue const* right = &other;
+  for (;;) {
+    if (left->getType() == TypeArray) {
+      KXValue const* const elements = left->arrayData();
+      levels.push({elements, elements + left->xArray()->size, right->arrayData()});
+    }
+    while (!levels.isEmpty() && levels.last().left == levels.last().end) levels.pop();
+    if (levels.isEmpty()) return true;
+    left = levels.last().left++;
+    right = levels.last().right++;
+    if (!left->xEqualsInItself(*right)) return false;
+  }
 }
 
 }  // namespace KX

@@ -2,6 +2,7 @@
 // that happened to hold it. So nothing here recurses and nothing allocates.
 #include <algorithm>
 
+#include <ka/os.hpp>
 #include <kxvalue/kxrows.hpp>
 #include <kxvalue/kxvalue.hpp>
 
@@ -10,6 +11,11 @@ namespace KX {
 /// Frees a block that has lost its last owner, and what it was the last to own.
 class KXValue::Freeing {
  public:
+  // From here on a freed tree counts as a peak, whose memory is not wanted again soon: a fetch of
+  // some hundred thousand samples. Below, giving back costs more than it is worth, since the next
+  // tree would have to get its pages anew.
+  static constexpr std::size_t kPeakBytes = std::size_t{32} << 20;
+
   void free(std::uint64_t head, Block* block) noexcept {
     freeTree(head, block);
     giveBack();
@@ -18,17 +24,18 @@ class KXValue::Freeing {
       mDead = piece->next;
       std::uint64_t const sharedHead = piece->shared.mHead;
       Block* const shared = piece->shared.mPayload.asBlock;
-      ::operator delete(piece);
+      freePiece(piece);
       freeTree(sharedHead, shared);
       giveBack();
     }
+    if (mBytes > kPeakBytes) ka::os::releaseFreeMemory();
   }
 
  private:
   // The way back up stands in the elements that have been dropped.
   void freeTree(std::uint64_t rootHead, Block* root) noexcept {
     if ((rootHead & kTypeMask) != TypeArray) {
-      delete static_cast<TextBlock*>(root);
+      freeText(static_cast<TextBlock*>(root));
       return;
     }
     auto* array = static_cast<ArrayBlock*>(root);
@@ -65,7 +72,7 @@ class KXValue::Freeing {
       KXValue const& element = array->elements()[next++];
       if (!element.xHoldsShare() || !xDropShare(element.mPayload.asBlock)) continue;
       if (element.getType() != TypeArray) {
-        delete element.xText();
+        freeText(element.xText());
       } else if (!giveBackWhole(element.mHead, element.xArray())) {
         return element.xArray();
       }
@@ -95,12 +102,23 @@ class KXValue::Freeing {
                        [](KXValue const& each) { return each.xHoldsShare(); });
   }
 
+  void freeText(TextBlock* text) noexcept {
+    mBytes += sizeof(TextBlock) + text->text.capacity();
+    delete text;
+  }
+
   void freeBlock(std::uint64_t head, ArrayBlock* array) noexcept {
     if ((head & kInPiece) != 0) {
       giveBack(Piece::of(head, array), 1);
     } else {
+      mBytes += sizeof(ArrayBlock) + (head >> kCapacityShift) * sizeof(KXValue);
       ::operator delete(array);
     }
+  }
+
+  void freePiece(Piece* piece) noexcept {
+    mBytes += piece->bytes;
+    ::operator delete(piece);
   }
 
   // The rows of an array mostly lie in one piece, so they are counted and given back at once.
@@ -127,13 +145,14 @@ class KXValue::Freeing {
       piece->next = mDead;
       mDead = piece;
     } else {
-      ::operator delete(piece);
+      freePiece(piece);
     }
   }
 
   Piece* mPiece = nullptr;  // in which the blocks counted last lay
   std::size_t mGiven = 0;   // of them
   Piece* mDead = nullptr;   // pieces without blocks, the last owners of what they shared
+  std::size_t mBytes = 0;   // freed so far
 };
 
 void KXValue::xFree(std::uint64_t head, Block* block) noexcept {

@@ -9,24 +9,28 @@
 
 #include <gtest/gtest.h>
 
+#include <kxvalue/kxrows.hpp>
+
+#include "tests/kxvalue/allocationcount.hpp"
 #include "tests/kxvalue/valuetexts.hpp"
 
 namespace {
-// Per thread, so that nothing but the test's own work is counted.
 thread_local long tAllocations = 0;
-thread_local long tLive = 0;
+thread_local std::size_t tBytes = 0;
+std::atomic<long> gLive{0};
 }  // namespace
 
 // Never inlined: g++ takes the pair for mismatched where it sees into one of the two only.
 [[gnu::noinline]] void* operator new(std::size_t size) {
   ++tAllocations;
-  ++tLive;
+  tBytes += size;
+  gLive.fetch_add(1, std::memory_order_relaxed);
   if (void* const memory = std::malloc(size); memory != nullptr) return memory;
   throw std::bad_alloc();
 }
 
 [[gnu::noinline]] void operator delete(void* memory) noexcept {
-  if (memory != nullptr) --tLive;
+  if (memory != nullptr) gLive.fetch_sub(1, std::memory_order_relaxed);
   std::free(memory);
 }
 
@@ -35,13 +39,22 @@ thread_local long tLive = 0;
 }
 
 namespace KX {
+
+long allocationsOfThisThread() {
+  return tAllocations;
+}
+
+long liveAllocations() {
+  return gLive.load(std::memory_order_relaxed);
+}
+
 namespace {
 
 template <class Action>
 long allocationsOf(Action&& action) {
-  long const before = tAllocations;
+  long const before = allocationsOfThisThread();
   action();
-  return tAllocations - before;
+  return allocationsOfThisThread() - before;
 }
 
 KXValue longText() {
@@ -197,7 +210,7 @@ TEST(ValueAllocation, TheLastOwnerOfAnArrayChangesItInPlace) {
 }
 
 TEST(ValueAllocation, EverythingIsFreedOnceByTheLastOwner) {
-  long const before = tLive;
+  long const before = liveAllocations();
   {
     KXValue const text = longText();
     KXValue array = KXValue::arrayOf(text, KXValue::arrayOf(text, KXValue::binary("bytes")), 5);
@@ -208,17 +221,125 @@ TEST(ValueAllocation, EverythingIsFreedOnceByTheLastOwner) {
     array = copy[1];
   }
 
-  EXPECT_EQ(tLive, before);
+  EXPECT_EQ(liveAllocations(), before);
 }
 
 TEST(ValueAllocation, ARefusedChangeKeepsNothing) {
   KXValue text = longText();
-  long const before = tLive;
+  long const before = liveAllocations();
 
   EXPECT_NE(errorOf([&] { text.arrayPush(KXValue::arrayOf(1)); }), "none");
   EXPECT_NE(errorOf([&] { KXValue::arrayOf(1, 2)[7]; }), "none");
 
-  EXPECT_EQ(tLive, before);
+  EXPECT_EQ(liveAllocations(), before);
+}
+
+/// [[0, 0], [1, 10], ...]
+KXValue pairs(std::size_t count) {
+  KXRows rows(count);
+  for (std::size_t i = 0; i < count; ++i) rows.push(static_cast<int>(i), static_cast<int>(10 * i));
+  return rows.take();
+}
+
+KXValue samples(KXValue const& times) {
+  auto const count = static_cast<std::size_t>(times.getSize());
+  KXRows rows(count, times);
+  for (std::size_t i = 0; i < count; ++i) rows.pushShared(i, 2.5);
+  return rows.take();
+}
+
+TEST(RowsAllocation, AnArrayOfAnyNumberOfRowsTakesOne) {
+  for (std::size_t const count : {0U, 1U, 2U, 1000U}) {
+    SCOPED_TRACE(count);
+    KXValue times;
+    EXPECT_EQ(allocationsOf([&] { times = pairs(count); }), 1);
+    EXPECT_EQ(allocationsOf([&] { samples(times); }), 1);
+  }
+  EXPECT_EQ(allocationsOf([] { KXRows(); }), 0);
+}
+
+TEST(RowsAllocation, ARowTakes56Bytes) {
+  constexpr std::size_t kRows = 1000;
+  constexpr std::size_t kPerArray = 64;
+  KXValue const times = pairs(kRows);
+  std::size_t const before = tBytes;
+
+  KXValue const array = samples(times);
+
+  EXPECT_LE(tBytes - before, kRows * 56 + kPerArray);
+}
+
+TEST(RowsAllocation, FillingTakingReadingAndCopyingTakeNone) {
+  KXValue const times = pairs(10);
+  KXValue const text = longText();
+  KXRows rows(10, times);
+
+  EXPECT_EQ(allocationsOf([&] {
+              for (std::size_t i = 0; i < 5; ++i) rows.pushShared(i, text);
+              for (int i = 0; i < 5; ++i) rows.push(i, text);
+              KXRows moved = std::move(rows);
+              KXValue const array = moved.take();
+              KXValue const row = array[1];
+              KXValue const pair = row[0];
+              static_cast<void>(array == array);
+            }),
+            0);
+}
+
+TEST(RowsAllocation, ARowThatNobodySharesIsChangedInItsPiece) {
+  KXValue array = samples(pairs(10));
+
+  EXPECT_EQ(allocationsOf([&] {
+              array[3] = 1;
+              array[4][0] = 2;
+              array[5][1] = 3;
+              array[6].arraySetSize(1);
+              KXValue const row = std::move(array[7]);
+              KXValue const pair = std::move(array[8][0]);
+            }),
+            0);
+  EXPECT_EQ(allocationsOf([&] { array[9].arrayPush(1); }), 1);
+  EXPECT_EQ(allocationsOf([&] { array.arrayPush(1); }), 1);
+}
+
+TEST(RowsAllocation, EverythingIsFreedWithTheLastRow) {
+  long const before = liveAllocations();
+  {
+    KXValue times = pairs(20);
+    KXValue array = samples(times);
+    KXValue const untouched = samples(times);
+    KXValue row = std::as_const(array)[1];
+    KXValue const pair = std::as_const(array)[2][0];
+    KXValue const moved = std::move(array[3]);
+    KXValue const movedPair = std::move(times.arrayData()[4]);
+    array[5] = longText();
+    array[6][1] = array;
+    array[7].arrayPush(KXValue::arrayOf(pair));
+    array.arraySetSize(10);
+    row[0][0] = KXValue::arrayOf(array);
+    KXRows abandoned(10, array);
+    abandoned.pushShared(3, longText());
+    abandoned.push(longText(), array);
+    KXRows const empty(10, array);
+    KXRows none(0, array);
+    KXValue const nothing = none.take();
+  }
+
+  EXPECT_EQ(liveAllocations(), before);
+}
+
+// What one row keeps of the others is its piece, not their values.
+TEST(RowsAllocation, ARowThatStaysKeepsNoOthersValue) {
+  KXValue row;
+  long const before = liveAllocations();
+  {
+    KXRows rows(100);
+    for (int i = 0; i < 100; ++i) rows.push(KXValue::arrayOf(i), longText());
+    row = std::as_const(static_cast<KXValue const&>(rows.take()))[50];
+  }
+
+  // The piece, the row's array, its text and the characters.
+  EXPECT_EQ(liveAllocations(), before + 4);
 }
 
 }  // namespace

@@ -1,5 +1,8 @@
 #include <atomic>
+#include <cstddef>
 #include <latch>
+#include <mutex>
+#include <random>
 #include <string>
 #include <thread>
 #include <utility>
@@ -7,6 +10,9 @@
 
 #include <gtest/gtest.h>
 
+#include <kxvalue/kxrows.hpp>
+
+#include "tests/kxvalue/allocationcount.hpp"
 #include "tests/kxvalue/valuetexts.hpp"
 
 namespace KX {
@@ -82,6 +88,115 @@ TEST(StressValue, TheLastOwnersOfABlockLetGoAndWriteAtOnce) {
 
     ASSERT_EQ(wrong, 0);
   }
+}
+
+constexpr int kKeys = 8;
+constexpr int kRows = 16;
+
+/// For each key an array of [[i, 10 i], value], the pairs those of all keys; every other key's
+/// values are texts.
+std::vector<KXValue> fetch() {
+  KXRows times(kRows);
+  for (int i = 0; i < kRows; ++i) times.push(i, 10 * i);
+  KXValue const shared = times.take();
+  std::vector<KXValue> keys;
+  for (int key = 0; key < kKeys; ++key) {
+    KXRows rows(kRows, shared);
+    for (int i = 0; i < kRows; ++i) {
+      rows.pushShared(static_cast<std::size_t>(i), key % 2 == 0 ? KXValue(i) : KXValue("text"));
+    }
+    keys.push_back(rows.take());
+  }
+  return keys;
+}
+
+/// Takes rows and pairs out of arrays, writes to them, hands some to another thread and lets go of
+/// all in a changing order. Gives the number of wrong values that it saw.
+class Client {
+ public:
+  Client(int number, std::vector<KXValue> arrays, std::mutex& mutex, std::vector<KXValue>& exchange)
+      : mRandom(static_cast<unsigned>(number)),
+        mArrays(std::move(arrays)),
+        mMutex(mutex),
+        mExchange(exchange) {}
+
+  int run() {
+    int wrong = 0;
+    while (!mArrays.empty()) {
+      std::swap(mArrays[pick(mArrays.size())], mArrays.back());
+      KXValue array = std::move(mArrays.back());
+      mArrays.pop_back();
+      for (int step = 0; step < 4; ++step) {
+        auto const index = static_cast<int>(pick(kRows));
+        KXValue pair = std::as_const(array)[index][0];
+        KXValue row = std::as_const(array)[index];
+        if (!isPair(pair, index) || !isPair(std::as_const(row)[0], index)) ++wrong;
+        if (pick(2) == 0) {
+          pair[1] = -1;
+          row[0][0] = -2;
+          if (pair != KXValue::arrayOf(index, -1)) ++wrong;
+          if (!isPair(std::as_const(array)[index][0], index)) ++wrong;
+          pair[1] = 10 * index;
+        }
+        if (pick(4) == 0) array[(index + 1) % kRows].arrayPush(pair);
+        if (pick(4) == 0) row[1] = pair;
+        wrong += exchange(std::move(pair));
+        exchange(std::move(row));
+      }
+    }
+    return wrong;
+  }
+
+ private:
+  std::size_t pick(std::size_t count) {
+    return std::uniform_int_distribution<std::size_t>(0, count - 1)(mRandom);
+  }
+  static bool isPair(KXValue const& value, int index) {
+    return static_cast<int>(value[0]) == index && static_cast<int>(value[1]) == 10 * index;
+  }
+  // Leaves a value for some other thread, and drops what that left here.
+  int exchange(KXValue value) {
+    {
+      std::lock_guard const lock(mMutex);
+      value.swap(mExchange[pick(mExchange.size())]);
+    }
+    bool const isSound = !value.isValid() || value[0].getType() == KXValue::TypeArray ||
+                         isPair(value, static_cast<int>(value[0]));
+    return isSound ? 0 : 1;
+  }
+
+  std::mt19937 mRandom;
+  std::vector<KXValue> mArrays;
+  std::mutex& mMutex;
+  std::vector<KXValue>& mExchange;
+};
+
+TEST(StressRows, ManyThreadsUseAndFreeRowsThatSharePieces) {
+  long const before = liveAllocations();
+  {
+    std::mutex mutex;
+    std::vector<KXValue> exchanged(6);
+    std::atomic<int> wrong{0};
+    for (int round = 0; round < 100; ++round) {
+      // Some arrays belong to all threads, some to one each that has only the pairs in common with
+      // the others'.
+      std::vector<KXValue> common = fetch();
+      std::vector<KXValue> own = fetch();
+      std::vector<std::vector<KXValue>> arrays(kThreads, common);
+      for (std::size_t i = 0; i < own.size(); ++i) {
+        arrays[i % kThreads].push_back(std::move(own[i]));
+      }
+      common.clear();
+      onThreads([&](int number) {
+        wrong += Client(round * kThreads + number,
+                        std::move(arrays[static_cast<std::size_t>(number)]), mutex, exchanged)
+                     .run();
+      });
+      ASSERT_EQ(wrong, 0);
+    }
+  }
+
+  EXPECT_EQ(liveAllocations(), before);
 }
 
 }  // namespace

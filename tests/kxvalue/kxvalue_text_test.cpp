@@ -1,6 +1,8 @@
 #include <cmath>
 #include <limits>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -61,6 +63,56 @@ TEST(ValueText, TakesOtherVerbositiesAsTheNearest) {
 
   EXPECT_EQ(value.toString(-1), value.toString(0));
   EXPECT_EQ(value.toString(3), value.toString(2));
+}
+
+TEST(ValueText, OfAVeryDeepNestingNeedsNoStack) {
+  constexpr int kLevels = 100'000;
+  struct {
+    int verbosity;
+    std::string open;
+    std::string innermost;
+    std::string close;
+  } const cases[] = {
+      {0, "[x, ", "[]", ", 1]"},
+      {1, R"(["x",)", "[]", ",1]"},
+      {2, R"(array([string("x"),)", "array([])", ",int(1)])"},
+  };
+  KXValue deep = KXValue::arrayOf();
+  for (int i = 0; i < kLevels; ++i) deep = KXValue::arrayOf("x", std::move(deep), 1);
+
+  for (auto const& each : cases) {
+    SCOPED_TRACE(each.verbosity);
+    std::string expected;
+    for (int i = 0; i < kLevels; ++i) expected += each.open;
+    expected += each.innermost;
+    for (int i = 0; i < kLevels; ++i) expected += each.close;
+
+    std::string const text = deep.toString(each.verbosity);
+
+    EXPECT_TRUE(text == expected);  // not printed: millions of characters
+  }
+  std::vector<std::string> texts;
+  deep.ToStringArray(texts, true);
+  ASSERT_EQ(texts.size(), 3U);
+  EXPECT_EQ(texts[1].size(), deep.toString().size() - std::string("[x, , 1]").size());
+}
+
+TEST(ValueText, OfArraysInArraysOfEveryShape) {
+  KXValue const empty = KXValue::arrayOf();
+  struct {
+    KXValue value;
+    char const* json;
+  } const cases[] = {
+      {KXValue::arrayOf(empty), "[[]]"},
+      {KXValue::arrayOf(empty, empty), "[[],[]]"},
+      {KXValue::arrayOf(1, empty), "[1,[]]"},
+      {KXValue::arrayOf(empty, 1), "[[],1]"},
+      {KXValue::arrayOf(KXValue::arrayOf(empty, 1), KXValue::arrayOf(2, empty), 3),
+       "[[[],1],[2,[]],3]"},
+      {KXValue::arrayOf(KXValue::arrayOf(KXValue::arrayOf(1)), 2), "[[[1]],2]"},
+  };
+
+  for (auto const& each : cases) EXPECT_EQ(each.value.toString(1), each.json);
 }
 
 TEST(ValueJson, TextWithEveryByteParsesAgain) {

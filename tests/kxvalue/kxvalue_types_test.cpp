@@ -324,6 +324,11 @@ TEST(ValueEquality, ComparesContent) {
       {KXValue::arrayOf(1, KXValue::arrayOf("x")), KXValue::arrayOf(1, KXValue::arrayOf("y")),
        false},
       {KXValue::arrayOf(), KXValue(), false},
+      {KXValue::arrayOf(KXValue::arrayOf(), 1), KXValue::arrayOf(KXValue::arrayOf(), 1), true},
+      {KXValue::arrayOf(KXValue::arrayOf(), 1), KXValue::arrayOf(KXValue::arrayOf(), 2), false},
+      {KXValue::arrayOf(KXValue::arrayOf(1, 2), 3), KXValue::arrayOf(KXValue::arrayOf(1), 3),
+       false},
+      {KXValue::arrayOf(KXValue::arrayOf(1), 2), KXValue::arrayOf(1, KXValue::arrayOf(2)), false},
   };
 
   for (auto const& each : cases) {
@@ -331,6 +336,19 @@ TEST(ValueEquality, ComparesContent) {
     EXPECT_EQ(each.left == each.right, each.isEqual);
     EXPECT_EQ(each.right == each.left, each.isEqual);
   }
+}
+
+TEST(ValueEquality, OfAVeryDeepNestingNeedsNoStack) {
+  auto const nested = [](KXValue innermost) {
+    for (int i = 0; i < 200'000; ++i) innermost = KXValue::arrayOf("x", std::move(innermost), i);
+    return innermost;
+  };
+  KXValue const deep = nested("end");
+
+  EXPECT_TRUE(deep == deep);
+  EXPECT_TRUE(deep == nested("end"));
+  EXPECT_FALSE(deep == nested("other end"));
+  EXPECT_FALSE(deep == nested(KXValue::arrayOf()));
 }
 
 }  // namespace
