@@ -457,7 +457,7 @@ void KXMemoryWatcher::xStopTimedPacing() {
   try {
     mMemoryProxy->wait(taskId, 0);
   } catch (KXError const&) {
-    // Whoever cannot be asked has no such task any more.
+    // The task itself: the module's last reference fell in its loop.
   }
 }
 
@@ -483,11 +483,11 @@ void KXMemoryWatcher::xOnVSMUpdate() {
 
 void KXMemoryWatcher::xRunWatchThread(int run, boost::thread& earlier) noexcept {
   std::shared_ptr<KXCallbackGuard> const loops = mLoops;
-  KXModuleScope const scope(*this);
+  InLoop const inLoop(*this);
+  KXModuleScope const scope(*this);  // ends first: the module may be destroyed in it
   if (!loops->enter()) return;
   if (earlier.joinable()) earlier.join();
   try {
-    InLoop const inLoop(*this);
     xUpdateDataLoop(run);
   } catch (...) {
     warnStandstill("xUpdateDataLoop");

@@ -55,14 +55,13 @@ class Worker : public KXModule {
   void work() {
     mWork();
     // A module that had gone under this call would be found out here.
-    mText += " and done";
-    mDiary.note(mText);
+    mDiary.note(mText + " and done");
   }
 
  private:
   Diary& mDiary;
   std::function<void()> const mWork;
-  std::string mText = "a text that is too long for the string itself";
+  std::string const mText = "a text that is too long for the string itself";
 };
 constexpr char const* kDone = "a text that is too long for the string itself and done";
 

@@ -13,6 +13,7 @@
 
 #include <memorywatcher/kxclockwatch.hpp>
 #include <tests/memorywatcher/simulatedtime.hpp>
+#include <tests/support/settableclock.hpp>
 
 namespace KX {
 namespace {
@@ -376,24 +377,6 @@ TEST_F(TimedClockSteps, TornReadingWithAStepEndsNoRhythm) {
 }
 
 // ---- in real time
-
-/// The machine's clocks, with a wall clock that can be set.
-class SettableClock : public KXClock {
- public:
-  void step(std::chrono::milliseconds by) { mOffsetUs += std::chrono::microseconds(by).count(); }
-  ka::os::timeval wallTime() override {
-    std::int64_t const us = micros(KXClock::system().wallTime()) + mOffsetUs;
-    return {us / 1'000'000, us % 1'000'000};
-  }
-  std::int64_t monotonicNs() override { return KXClock::system().monotonicNs(); }
-  void waitUntil(boost::condition_variable& condition, boost::unique_lock<boost::mutex>& lock,
-                 std::int64_t deadlineNs) override {
-    KXClock::system().waitUntil(condition, lock, deadlineNs);
-  }
-
- private:
-  std::atomic<std::int64_t> mOffsetUs{0};
-};
 
 struct HasSettableClock {
   SettableClock mClock;
