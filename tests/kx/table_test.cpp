@@ -114,7 +114,8 @@ TEST(Table, LeavesOutColumnsWhereKeysWouldFindNoRoom) {
                                      "\xE2\x80\xA6"
                                      "0/ReceivedBytesPerSecond  -           ",
                                      "Host/Cpu/Usage             12.5        "));
-  EXPECT_THAT(shown(24)[3], StartsWith("\xE2\x80\xA6" "Cpu/Usage  12.5"));
+  EXPECT_THAT(shown(24)[3], StartsWith("\xE2\x80\xA6"
+                                       "Cpu/Usage  12.5"));
 }
 
 TEST(Table, TellsOfKeysThatFindNoRoom) {
