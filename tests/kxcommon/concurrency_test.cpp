@@ -120,7 +120,6 @@ class FragileModule : public KXModule {
   explicit FragileModule(boost::shared_ptr<KXBroker> const& broker) : KXModule(broker, "Fragile") {
     publish(*this, {"tick"}, &FragileModule::tick);
   }
-  ~FragileModule() override { endParallelCalls(); }
   void tick() { ++*mTicks; }
 
  private:
@@ -132,8 +131,7 @@ TEST(StressBroker, ModulesAreDroppedWhileParallelCallsOfThemBegin) {
   for (int round = 0; round < 500; ++round) {
     std::vector<int> ids;
     {
-      auto const module = boost::make_shared<FragileModule>(host.getBroker());
-      host.publish(module);
+      auto const module = host.publish<FragileModule>();
       auto const proxy = host.getProxy("Fragile");
       for (int i = 0; i < 4; ++i) ids.push_back(proxy->pCall("tick"));
       host.getBroker()->removeModule("Fragile");
