@@ -13,6 +13,8 @@
 
 namespace KX {
 
+struct PieceRegion;
+
 // What a piece begins with. The array's block follows with room for all its elements, then the
 // rows' blocks. How pieces live: see KXValue's private part.
 struct KXValue::Piece {
@@ -33,6 +35,7 @@ struct KXValue::Piece {
 
   std::atomic<std::size_t> blocks{0};  // that are not gone yet
   std::size_t bytes = 0;               // of the allocation
+  PieceRegion* region = nullptr;       // from which it was cut, if from any
   Piece* next = nullptr;               // of those that a walk still has to free
   std::atomic<bool> isCopied{false};   // some row was, since it was built
   bool holdsShares = false;            // some row did when it was built

@@ -104,7 +104,7 @@ class KX_API KXValue {
   void arrayReserve(int capacity);
   /// Appends; an invalid value first becomes an empty array, any other type is a KXError.
   void arrayPush(KXValue element) {
-    if (!xIsAloneArray() || xIsInPiece() || xArray()->size == xCapacity()) xMakeRoom();
+    if (!xIsAloneArray() || xArray()->size == xCapacity()) xMakeRoom();
     new (xArray()->elements() + xArray()->size) KXValue(std::move(element));
     ++xArray()->size;
   }

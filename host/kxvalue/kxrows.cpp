@@ -3,14 +3,18 @@
 #include <limits>
 #include <new>
 
+#include "host/kxvalue/kxpiecememory.hpp"
+
 namespace KX {
 
 KXValue::Piece* KXRows::xNewPiece(std::size_t capacity, KXValue shared) {
   if (capacity > std::size_t{std::numeric_limits<int>::max()}) throw std::bad_array_new_length();
   std::size_t const bytes = sizeof(KXValue::Piece) + sizeof(KXValue::ArrayBlock) +
                             capacity * (sizeof(KXValue) + KXValue::Piece::kRowBytes);
-  auto* const piece = new (::operator new(bytes)) KXValue::Piece;
+  PieceMemory const allocated = allocatePiece(bytes);
+  auto* const piece = new (allocated.memory) KXValue::Piece;
   piece->bytes = bytes;
+  piece->region = allocated.region;
   new (piece->array()) KXValue::ArrayBlock;
   // Nothing will borrow from it where there is no row.
   if (capacity > 0) piece->shared = std::move(shared);

@@ -6,6 +6,8 @@
 #include <kxvalue/kxrows.hpp>
 #include <kxvalue/kxvalue.hpp>
 
+#include "host/kxvalue/kxpiecememory.hpp"
+
 namespace KX {
 
 /// Frees a block that has lost its last owner, and what it was the last to own.
@@ -28,7 +30,10 @@ class KXValue::Freeing {
       freeTree(sharedHead, shared);
       giveBack();
     }
-    if (mBytes > kPeakBytes) ka::os::releaseFreeMemory();
+    if (mBytes > kPeakBytes) {
+      releaseFreePieces();
+      ka::os::releaseFreeMemory();
+    }
   }
 
  private:
@@ -118,7 +123,7 @@ class KXValue::Freeing {
 
   void freePiece(Piece* piece) noexcept {
     mBytes += piece->bytes;
-    ::operator delete(piece);
+    KX::freePiece({piece, piece->region}, piece->bytes);
   }
 
   // The rows of an array mostly lie in one piece, so they are counted and given back at once.

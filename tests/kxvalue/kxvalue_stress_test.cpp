@@ -91,7 +91,7 @@ TEST(StressValue, TheLastOwnersOfABlockLetGoAndWriteAtOnce) {
 }
 
 constexpr int kKeys = 8;
-constexpr int kRows = 16;
+constexpr int kRows = 30;
 
 /// For each key an array of [[i, 10 i], value], the pairs those of all keys; every other key's
 /// values are texts.
@@ -171,7 +171,20 @@ class Client {
   std::vector<KXValue>& mExchange;
 };
 
-TEST(StressRows, ManyThreadsUseAndFreeRowsThatSharePieces) {
+/// `count` rows of which nothing is said.
+KXValue someRows(std::size_t count) {
+  KXRows rows(count);
+  for (std::size_t i = 0; i < count; ++i) rows.push(0, 0);
+  return rows.take();
+}
+
+class StressRows : public testing::TestWithParam<std::size_t> {};
+
+// Where much lives in pieces, their memory comes from elsewhere.
+INSTANTIATE_TEST_SUITE_P(BesideRows, StressRows, testing::Values(0, 100'000));
+
+TEST_P(StressRows, ManyThreadsUseAndFreeRowsThatSharePieces) {
+  KXValue const beside = someRows(GetParam());
   long const before = liveAllocations();
   {
     std::mutex mutex;
