@@ -121,7 +121,7 @@ void giveBack(PieceRegion& region, std::size_t offset, std::size_t bytes) noexce
     end = roundedUp(region.used, kPageBytes) / kPageBytes;
     region.used = 0;
   } else {
-    // Not the page from which the next piece is cut.
+    // The page from which the next piece is cut would only have to be got anew.
     if (&region == gRegion) end = std::min(end, region.used / kPageBytes);
     if (begin < end && region.touching()[begin] > 0) ++begin;
     if (begin < end && region.touching()[end - 1] > 0) --end;
