@@ -13,7 +13,7 @@
 #include <kxcommon/kxmodule.hpp>
 #include <kxvalue/kxvalue.hpp>
 #include <memorywatcher/kxmemorywatcher.hpp>
-#include <tests/support/memorywatcherfortest.hpp>
+#include <tests/memorywatcher/memorywatcherfortest.hpp>
 
 namespace KX::bench {
 

@@ -36,7 +36,7 @@
 #include <memorywatcher/kxmemorywatcher.hpp>
 #include <tests/support/fakememory.hpp>
 #include <tests/support/fakevsm.hpp>
-#include <tests/support/memorywatcherfortest.hpp>
+#include <tests/memorywatcher/memorywatcherfortest.hpp>
 
 namespace KX {
 
