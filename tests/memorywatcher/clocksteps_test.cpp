@@ -119,9 +119,9 @@ class ClockSteps : public P {
     step();
     ASSERT_TRUE(this->passPeriods(5, 50));
 
+    this->call("stopWatching");
     EXPECT_EQ(this->reads(), this->multiples(50, 11));
     EXPECT_EQ(this->mLog.lines(), (std::vector<LogLine>{wallClockSet(stepMs)}));
-    this->call("stopWatching");
     this->mLog.clear();
   }
 };
@@ -131,6 +131,7 @@ TYPED_TEST(ClockSteps, WithoutAStepThereIsNoWarning) {
   ASSERT_TRUE(this->startAndWait(50));
   ASSERT_TRUE(this->passPeriods(100, 50));
 
+  this->call("stopWatching");
   EXPECT_EQ(this->reads(), this->multiples(50, 101));
   EXPECT_TRUE(this->mLog.lines().empty());
 }
@@ -173,9 +174,9 @@ TYPED_TEST(ClockSteps, WhileIdleAreNoneOfTheNextStartsBusiness) {
     ASSERT_TRUE(this->startAndWait(50));
     ASSERT_TRUE(this->passPeriods(3, 50));
 
+    this->call("stopWatching");
     EXPECT_EQ(this->reads(), this->multiples(50, 4));
     EXPECT_TRUE(this->mLog.lines().empty());
-    this->call("stopWatching");
   }
 }
 
@@ -189,6 +190,7 @@ TYPED_TEST(ClockSteps, AHundredBeyondTheToleranceAreAHundredWarnings) {
     ASSERT_TRUE(this->passPeriods(1, 50));
   }
 
+  this->call("stopWatching");
   EXPECT_EQ(this->reads(), this->multiples(50, 101));
   EXPECT_EQ(this->mLog.lines(), warnings);
 }
@@ -206,6 +208,7 @@ TYPED_TEST(ClockSteps, AHundredBelowTheToleranceAreNoWarning) {
     }
   }
 
+  this->call("stopWatching");
   SimulatedTimeTest::Moments const reads = this->reads();
   ASSERT_EQ(reads.size(), 101U);
   for (std::size_t i = 1; i < reads.size(); ++i) {
@@ -229,6 +232,7 @@ TYPED_TEST(ClockSteps, TornReadingIsNoStep) {
 
   ASSERT_TRUE(this->passPeriods(3, 50));
   this->mClock.onWallTime(nullptr);
+  this->call("stopWatching");
 
   EXPECT_EQ(looks, 0);
   EXPECT_TRUE(this->mLog.lines().empty());

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -28,16 +29,25 @@ class HookedClock : public SimulatedClock {
       hook = mHook;
     }
     if (hook) hook();
+    if (gettid() == mFollowed) ++mReadings;
     return SimulatedClock::wallTime();
   }
   void onWallTime(std::function<void()> hook) {
     std::lock_guard const lock(mMutex);
     mHook = std::move(hook);
   }
+  /// From now on counts how often that thread reads the wall time, from none.
+  void follow(int threadId) {
+    mFollowed = threadId;
+    mReadings = 0;
+  }
+  int readings() const { return mReadings; }
 
  private:
   std::mutex mMutex;
   std::function<void()> mHook;  // guarded by mMutex
+  std::atomic<int> mFollowed{0};
+  std::atomic<int> mReadings{0};
 };
 
 /// Made before the module that needs it, and gone after it.
@@ -55,7 +65,12 @@ class SimulatedTimeTest : protected HasSimulatedClock, public WatcherTest {
     mMemory->setHook("getListData", [this](FakeMemory::Call const&, KXValue&) {
       int cycle = 0;
       std::function<void(int)> hook;
-      mLoopThreadId = gettid();
+      // However the hook ends: what the loop reads of the clock after it is its look at both.
+      mClock.follow(0);
+      auto const follow = [](HookedClock* clock) {
+        clock->follow(gettid());
+      };
+      std::unique_ptr<HookedClock, decltype(follow)> const following(&mClock, follow);
       {
         std::lock_guard const lock(mMutex);
         mReads.push_back(mClock.nowMs() - mStartMs);
@@ -98,9 +113,13 @@ class SimulatedTimeTest : protected HasSimulatedClock, public WatcherTest {
     }
     return waitForLoop();
   }
-  /// Waits until the loop has nothing to do but wait for its next cycle; false after 30 s.
+  /// Waits until the loop has done its cycle and has looked at the clock; false after 30 s. Under
+  /// cycle pacing it may still have to log what it saw there.
   bool waitForLoop() {
-    return mVsm == nullptr ? mClock.waitUntilParked() : isThreadParked(mLoopThreadId);
+    if (mVsm == nullptr) return mClock.waitUntilParked();
+    if (!xWaitFor([this] { return mClock.readings() > 0; })) return false;
+    ForTest::nextWakeTime(*mWatcher);  // waits for the look itself
+    return true;
   }
   /// Starts, and waits until the first cycle is over.
   bool startAndWait(int periodMs) {
@@ -108,12 +127,7 @@ class SimulatedTimeTest : protected HasSimulatedClock, public WatcherTest {
     return waitForReads(1) && waitForLoop();
   }
   bool waitForReads(std::size_t count) {
-    auto const end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (reads().size() < count) {
-      if (std::chrono::steady_clock::now() > end) return false;
-      std::this_thread::yield();
-    }
-    return true;
+    return xWaitFor([&] { return reads().size() >= count; });
   }
 
   static std::vector<std::int64_t> multiples(std::int64_t periodMs, std::int64_t count) {
@@ -123,11 +137,20 @@ class SimulatedTimeTest : protected HasSimulatedClock, public WatcherTest {
   }
 
  private:
+  template <class Condition>
+  static bool xWaitFor(Condition condition) {
+    auto const end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (!condition()) {
+      if (std::chrono::steady_clock::now() > end) return false;
+      std::this_thread::yield();
+    }
+    return true;
+  }
+
   mutable std::mutex mMutex;
   std::function<void(int)> mInCycle;  // guarded by mMutex, as the next
   Moments mReads;
   std::int64_t mStartMs = 0;  // written while no loop runs
-  std::atomic<int> mLoopThreadId{0};
 };
 
 struct SimulatedTimed : SimulatedTimeTest {

@@ -16,15 +16,13 @@ std::int64_t SimulatedClock::monotonicNs() {
   return mNowNs;
 }
 
-// A sleeper stands in the list only while it waits, and never holds its own mutex when it asks for
-// ours to leave it: so we may take a sleeper's mutex while we hold ours.
 void SimulatedClock::waitUntil(boost::condition_variable& condition,
                                boost::unique_lock<boost::mutex>& lock, std::int64_t deadlineNs) {
   std::list<Sleeper>::iterator self;
   {
     std::lock_guard const guard(mMutex);
     if (mNowNs >= deadlineNs) return;
-    self = mSleepers.insert(mSleepers.end(), {&condition, lock.mutex(), deadlineNs});
+    self = mSleepers.insert(mSleepers.end(), {&condition, deadlineNs});
     mChanged.notify_all();
   }
   condition.wait(lock);
@@ -32,6 +30,7 @@ void SimulatedClock::waitUntil(boost::condition_variable& condition,
   {
     std::lock_guard const guard(mMutex);
     mSleepers.erase(self);
+    mChanged.notify_all();
   }
   lock.lock();
 }
@@ -56,13 +55,18 @@ bool SimulatedClock::waitUntilParkedForMs(std::int64_t ms) {
   });
 }
 
-void SimulatedClock::xMoveTo(std::int64_t ns) {
+// Sleepers hold their own mutex when they ask for ours, so we may not take theirs. Without it one
+// that is on its way into the wait misses the call: therefore again, until all have left.
+void SimulatedClock::xMoveTo(std::unique_lock<std::mutex>& lock, std::int64_t ns) {
   mNowNs = ns;
-  for (Sleeper const& sleeper : mSleepers) {
-    if (sleeper.deadlineNs > mNowNs) continue;
-    // Through its mutex: it may be on its way into the wait.
-    boost::lock_guard<boost::mutex> const guard(*sleeper.mutex);
-    sleeper.condition->notify_all();
+  auto const isDue = [this](Sleeper const& sleeper) {
+    return sleeper.deadlineNs <= mNowNs;
+  };
+  while (std::any_of(mSleepers.begin(), mSleepers.end(), isDue)) {
+    for (Sleeper const& sleeper : mSleepers) {
+      if (isDue(sleeper)) sleeper.condition->notify_all();
+    }
+    mChanged.wait_for(lock, std::chrono::milliseconds(1));
   }
 }
 
@@ -70,20 +74,20 @@ bool SimulatedClock::advanceByNs(std::int64_t ns, int sleepers) {
   std::int64_t const target = monotonicNs() + ns;
   for (;;) {
     if (!waitUntilParked(sleepers)) return false;
-    std::lock_guard const lock(mMutex);
+    std::unique_lock lock(mMutex);
     std::int64_t next = std::max(target, mNowNs);  // a thread at work may have jumped ahead
     for (Sleeper const& sleeper : mSleepers) {
       if (sleeper.deadlineNs > mNowNs) next = std::min(next, sleeper.deadlineNs);
     }
-    xMoveTo(next);
+    xMoveTo(lock, next);
     if (next >= target) break;
   }
   return waitUntilParked(sleepers);
 }
 
 void SimulatedClock::jumpByMs(std::int64_t ms) {
-  std::lock_guard const lock(mMutex);
-  xMoveTo(mNowNs + ms * 1'000'000);
+  std::unique_lock lock(mMutex);
+  xMoveTo(lock, mNowNs + ms * 1'000'000);
 }
 
 void SimulatedClock::stepWallByMs(std::int64_t ms) {

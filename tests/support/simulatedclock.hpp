@@ -48,12 +48,11 @@ class SimulatedClock : public KXClock {
  private:
   struct Sleeper {
     boost::condition_variable* condition;
-    boost::mutex* mutex;
     std::int64_t deadlineNs;
   };
 
   int xParked() const;
-  void xMoveTo(std::int64_t ns);
+  void xMoveTo(std::unique_lock<std::mutex>& lock, std::int64_t ns);
 
   std::mutex mMutex;
   std::condition_variable mChanged;
