@@ -33,7 +33,10 @@ KXClocks readClocks() {
 }
 
 KXTimeline::KXTimeline(int periodMs, KXClocks start)
-    : mPeriodUs(std::int64_t{periodMs} * 1000), mLastFetch(start), mLastUs(start.monotonicUs) {}
+    : mPeriodUs(std::int64_t{periodMs} * 1000),
+      mLastFetch(start),
+      mFormerOffsetUs(start.offsetUs()),
+      mLastUs(start.monotonicUs) {}
 
 std::vector<std::int64_t> KXTimeline::toMonotonic(std::vector<std::int64_t> wallTimesUs,
                                                   KXClocks fetch) {
@@ -46,11 +49,19 @@ std::vector<std::int64_t> KXTimeline::toMonotonic(std::vector<std::int64_t> wall
   std::vector<std::int64_t> times = std::move(wallTimesUs);
   for (std::size_t i = 0; i < times.size(); ++i) {
     std::int64_t const wallUs = times[i];
-    std::int64_t const offsetUs = i < firstAfter ? mLastFetch.offsetUs() : fetch.offsetUs();
-    times[i] = std::clamp(wallUs - offsetUs, mLastUs, std::max(mLastUs, fetch.monotonicUs));
+    std::int64_t const latestUs = std::max(mLastUs, fetch.monotonicUs);
+    auto const isPossible = [&](std::int64_t timeUs) {
+      return timeUs >= mLastUs - kLeastStepUs && timeUs <= latestUs + kLeastStepUs;
+    };
+    std::int64_t timeUs = wallUs - (i < firstAfter ? mLastFetch.offsetUs() : fetch.offsetUs());
+    // Stamped before the fetch before, but handed over only now.
+    if (!isPossible(timeUs) && isPossible(wallUs - mFormerOffsetUs))
+      timeUs = wallUs - mFormerOffsetUs;
+    times[i] = std::clamp(timeUs, mLastUs, latestUs);
     mLastUs = times[i];
     mLastWallUs = wallUs;
   }
+  if (wasSet) mFormerOffsetUs = mLastFetch.offsetUs();
   mLastFetch = fetch;
   return times;
 }

@@ -36,6 +36,7 @@ class KXTimeline {
 
   std::int64_t const mPeriodUs;
   KXClocks mLastFetch;
+  std::int64_t mFormerOffsetUs;               // before the wall clock was last set
   std::int64_t mLastUs;                       // the last batch, or the start
   std::optional<std::int64_t> mLastWallUs{};  // the last batch
 };

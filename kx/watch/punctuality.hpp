@@ -12,8 +12,6 @@
 
 namespace KX::tool {
 
-enum class KXPacing { Timed, Cycle };
-
 /// The account of a watch. asked = taken + failedReads + cyclesSkipped + skipped + overdue.
 struct KXPunctualityReport {
   std::int64_t asked = 0;

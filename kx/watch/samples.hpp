@@ -22,7 +22,6 @@ struct KXWatchedKeys {
   std::vector<std::string> unknown{};  ///< not there yet: sampled, and becoming events if they are
   std::vector<std::string> events{};   ///< events and micro-events: pushed
 
-  std::size_t count() const noexcept { return data.size() + unknown.size() + events.size(); }
   /// The columns of a batch: data keys, then unknown keys.
   std::vector<std::string> columns() const;
 };

@@ -5,7 +5,9 @@
 #include <chrono>
 #include <memory>
 #include <optional>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include <kxerror/kxerror.hpp>
 

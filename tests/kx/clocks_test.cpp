@@ -61,6 +61,18 @@ TEST(Timeline, FindsWhereTheWallClockWasSet) {
   }
 }
 
+// The watcher had looked at the clock, and was still reading when the fetch before came.
+TEST(Timeline, KnowsABatchThatWasStampedBeforeTheClockWasSetAndCameLate) {
+  for (std::int64_t const stepMs : {3'600'000, -3'600'000}) {
+    SCOPED_TRACE(stepMs);
+    KXTimeline timeline(100, clocks(0, 0));
+    fetched(timeline, {0, 100}, clocks(201, stepMs));
+
+    EXPECT_THAT(fetched(timeline, {200, 300 + stepMs, 400 + stepMs}, clocks(450, stepMs)),
+                ElementsAre(200, 300, 400));
+  }
+}
+
 TEST(Timeline, FindsAStepBeforeAnythingWasTaken) {
   KXTimeline timeline(100, clocks(0, 0));
 

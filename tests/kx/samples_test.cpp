@@ -96,6 +96,16 @@ TEST(Batches, OfOneMicrosecondStaySeveral) {
   EXPECT_THAT(batchesOf(fetched), ElementsAre("10:1,4", "10:2,5", "10:3,6"));
 }
 
+TEST(Batches, OfOneMicrosecondAreToldApartByTheirBlocks) {
+  auto reader = readerOf({.data = {"a", "b"}});
+  KXValue const t1 = at(10), t2 = at(10);
+
+  auto const fetched =
+      reader.read(fetch({entry("a", {{t1, 1}}), entry("b", {{t1, 2}, {t2, 3}})}), true);
+
+  EXPECT_THAT(batchesOf(fetched), ElementsAre("10:1,2", "10:-,3"));
+}
+
 TEST(Batches, StayInTheirOrderWhenTheWallClockIsSetBack) {
   auto reader = readerOf({.data = {"a", "b"}});
   KXValue const t1 = at(1'000'000), t2 = at(1'100'000), t3 = at(200'000);

@@ -5,7 +5,6 @@
 #include <chrono>
 #include <memory>
 #include <regex>
-#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -105,9 +104,7 @@ TEST(WatchCsv, HasARowPerBatchAndAColumnPerDataKey) {
   EXPECT_THAT(messagesOf(result),
               Contains("kx: --format csv has one row per batch: event keys are left out; --format "
                        "jsonl prints them"));
-  std::set<std::string> times;
   for (std::size_t i = 1; i < rows.size(); ++i) {
-    EXPECT_TRUE(times.insert(rows[i][0]).second) << rows[i][0];
     for (std::string const& cell : rows[i]) EXPECT_GT(std::stod(cell), 0) << cell;
   }
 }
@@ -338,19 +335,22 @@ ToolResult watchStopped(std::vector<std::string> const& arguments, std::chrono::
   return resultOf(child);
 }
 
-TEST(TimingWatch, StoppedProcessCatchesUpAndMissesNothing) {
+TEST(TimingWatch, StoppedProcessMakesUpForTheStop) {
   struct Case {
     std::chrono::seconds stopped;
     std::vector<std::string> arguments;
     long asked;
+    long askedMeanwhile;
   };
-  for (Case const& c : {Case{std::chrono::seconds(1), {"--period", "50", "--for", "3s"}, 60},
-                        Case{std::chrono::seconds(1), {"--period", "10", "--for", "3s"}, 300},
-                        Case{std::chrono::seconds(5), {"--period", "100", "--for", "7s"}, 70}}) {
+  for (Case const& c :
+       {Case{std::chrono::seconds(1), {"--period", "50", "--for", "3s"}, 60, 20},
+        Case{std::chrono::seconds(1), {"--period", "10", "--for", "3s"}, 300, 100},
+        Case{std::chrono::seconds(5), {"--period", "100", "--for", "7s"}, 70, 50}}) {
     SCOPED_TRACE(c.asked);
     ToolResult const result = watchStopped(c.arguments, c.stopped);
     expectNothingIsMadeUpOrLost(result, c.asked);
-    EXPECT_THAT(summaryOf(result).causes, Not(HasSubstr("skipped")));
+    // A busy machine may cost one for other reasons.
+    EXPECT_LT(summaryOf(result).missed * 10, c.askedMeanwhile) << result.errors;
   }
 }
 
