@@ -1,9 +1,10 @@
 // What buffered numbers and waiting events take, and what stays after a peak.
 
 #include <malloc.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <string>
 
@@ -54,8 +55,26 @@ void waitingEvent(benchmark::State& state) {
   }
 }
 
-// Resident memory after ten million samples were buffered, fetched and dropped, as a multiple of
-// what it was before.
+// In a process of its own: what other benchmarks left free would hide what this one leaves.
+void peak(benchmark::State& state) {
+  for (auto _ : state) {
+    std::string const program = std::filesystem::read_symlink("/proc/self/exe").string();
+    std::FILE* const child = popen(("'" + program + "' --after-peak").c_str(), "r");
+    double ratio = 0;
+    if (child == nullptr || std::fscanf(child, "%lf", &ratio) != 1) {
+      return state.SkipWithError("the process did not answer");
+    }
+    pclose(child);
+    state.counters["ratio"] = ratio;
+  }
+}
+
+BENCHMARK(bufferedNumber)->Arg(1)->Arg(10)->Arg(1000)->Iterations(1)->Repetitions(1);
+BENCHMARK(waitingEvent)->Iterations(1)->Repetitions(1);
+BENCHMARK(peak)->Iterations(1)->Repetitions(1);
+
+}  // namespace
+
 double afterPeak() {
   constexpr int kKeys = 10'000;
   WatcherHost host(kKeys);
@@ -66,30 +85,4 @@ double afterPeak() {
   return residentBytes() / before;
 }
 
-// In a process of its own: what other benchmarks left free would hide what this one leaves.
-void peak(benchmark::State& state) {
-  for (auto _ : state) {
-    int ends[2];
-    if (pipe(ends) != 0) return state.SkipWithError("no pipe");
-    pid_t const child = fork();
-    if (child == 0) {
-      double const ratio = afterPeak();
-      ssize_t const written = write(ends[1], &ratio, sizeof ratio);
-      _exit(written == sizeof ratio ? 0 : 1);
-    }
-    close(ends[1]);
-    double ratio = 0;
-    bool const isThere = read(ends[0], &ratio, sizeof ratio) == sizeof ratio;
-    close(ends[0]);
-    waitpid(child, nullptr, 0);
-    if (!isThere) return state.SkipWithError("the child did not answer");
-    state.counters["ratio"] = ratio;
-  }
-}
-
-BENCHMARK(bufferedNumber)->Arg(1)->Arg(10)->Arg(1000)->Iterations(1)->Repetitions(1);
-BENCHMARK(waitingEvent)->Iterations(1)->Repetitions(1);
-BENCHMARK(peak)->Iterations(1)->Repetitions(1);
-
-}  // namespace
 }  // namespace KX::bench

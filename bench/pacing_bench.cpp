@@ -201,8 +201,9 @@ void loss(benchmark::State& state) {
   }
 }
 
-// How long at the most a fetch of a million samples holds the data mutex, as a thread sees it that
-// tries for it all the time. The middle of several tries: being put to sleep counts too.
+// How long at the most a fetch of a million samples holds the data mutex: the longest time between
+// two moments at which another thread, that tries all the time, finds it free. The middle of
+// several fetches, since that thread's own interruptions count too.
 void hold(benchmark::State& state) {
   constexpr int kKeys = 10'000;
   constexpr int kTries = 9;
@@ -215,7 +216,7 @@ void hold(benchmark::State& state) {
       std::atomic<bool> isFetching{true};
       double longest = 0;
       std::thread prober([&] {
-        std::int64_t heldSince = 0;
+        std::int64_t lastFree = nowNs(CLOCK_MONOTONIC);
         while (isFetching) {
           bool wasLocked = false;
           {
@@ -223,8 +224,8 @@ void hold(benchmark::State& state) {
                                                wasLocked);
           }
           std::int64_t const now = nowNs(CLOCK_MONOTONIC);
-          if (!wasLocked) heldSince = now;
-          longest = std::max(longest, static_cast<double>(now - heldSince) * 1e-3);
+          longest = std::max(longest, static_cast<double>(now - lastFree) * 1e-3);
+          if (!wasLocked) lastFree = now;
         }
       });
       benchmark::DoNotOptimize(host.watcher().getData());

@@ -55,4 +55,8 @@ struct FloorBuffers {
   std::vector<std::vector<FloorSample>> buffers;
 };
 
+/// Resident memory after ten million samples were buffered, fetched and dropped, as a multiple of
+/// what it was before.
+double afterPeak();
+
 }  // namespace KX::bench

@@ -19,15 +19,18 @@ struct KXWatchOptions {
   std::optional<std::chrono::milliseconds> duration;  ///< none: until a signal ends it
   KXFormat format = KXFormat::Table;
   bool isCyclePaced = false;
+  std::vector<std::string> libraries;  ///< the user's modules, as for KXHost::loadModule()
 };
 
 struct KXListOptions {
   std::string pattern;  ///< empty: all keys
   bool withTypes = false;
+  std::vector<std::string> libraries;
 };
 
 struct KXDescribeOptions {
   std::string module;  ///< empty: a list of the modules
+  std::vector<std::string> libraries;
 };
 
 int watch(KXWatchOptions const& options, KXOutput& output, KXStop const& stop);

@@ -49,14 +49,20 @@ std::string describedModule(KXModuleCore const& module) {
   return linesForTerminal(text);
 }
 
+// What a module says of itself is only known in its own process; null for others.
+boost::shared_ptr<KXModuleCore> coreOf(KXSession const& session, std::string const& name) {
+  return session.broker().getProxy(name, 0)->getModuleCore();
+}
+
 std::string listedModules(KXSession const& session, std::vector<std::string> const& names) {
   std::size_t width = 0;
-  for (std::string const& name : names) width = std::max(width, name.size());
+  for (std::string const& name : names) width = std::max(width, displayWidth(forTerminal(name)));
   std::string text;
   for (std::string const& name : names) {
-    std::string const description =
-        session.broker().getProxy(name, 0)->getModuleCore()->getModuleDescription();
-    text += fmt::format("{:<{}}  {}\n", forTerminal(name), width, forTerminal(description));
+    auto const core = coreOf(session, name);
+    text += fmt::format(
+        "{}  {}\n", fitToWidth(forTerminal(name), width),
+        core == nullptr ? "(in another process)" : forTerminal(core->getModuleDescription()));
   }
   return text;
 }
@@ -65,7 +71,8 @@ std::string listedModules(KXSession const& session, std::vector<std::string> con
 
 int describe(KXDescribeOptions const& options, KXOutput& output, KXStop const& stop) {
   // All modules that a watch can have, the hardware cycle included.
-  KXSession const session({.withVsm = true, .withWatcher = true}, stop);
+  KXSession const session({.withVsm = true, .withWatcher = true, .libraries = options.libraries},
+                          stop);
   std::vector<std::string> const names = session.broker().getModuleNames();
   if (options.module.empty()) {
     output.write(listedModules(session, names));
@@ -77,7 +84,13 @@ int describe(KXDescribeOptions const& options, KXOutput& output, KXStop const& s
         fmt::format("unknown module '{}', loaded: '{}'{}", forTerminal(options.module),
                     fmt::join(names, "', '"), nearestHint(options.module, names)));
   }
-  output.write(describedModule(*session.broker().getProxy(options.module, 0)->getModuleCore()));
+  auto const core = coreOf(session, options.module);
+  if (core == nullptr) {
+    throw KXToolError(kFailed, fmt::format("expected module '{}' in this process, it is in another "
+                                           "one and cannot be described",
+                                           forTerminal(options.module)));
+  }
+  output.write(describedModule(*core));
   return kOk;
 }
 

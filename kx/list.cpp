@@ -8,11 +8,11 @@
 namespace KX::tool {
 
 int list(KXListOptions const& options, KXOutput& output, KXStop const& stop) {
-  KXSession const session({}, stop);
+  KXSession const session({.libraries = options.libraries}, stop);
+  session.awaitMatches({options.pattern}, stop);
   std::vector<std::string> const keys = session.keys(options.pattern);
   if (keys.empty()) {
-    throw KXToolError(kNothingThere, "no key matches '" + forTerminal(options.pattern) + "'" +
-                                         nearestHint(options.pattern, session.keys("")));
+    throw KXToolError(kNothingThere, session.noMatchText({options.pattern}));
   }
   std::string text;
   for (std::string const& key : keys) {

@@ -24,7 +24,8 @@ Exit codes: 0 ok, 1 failed, 2 wrong usage, 3 nothing there, 4 time-out.)";
 constexpr char const* kWatchFooter = R"(
 KEY is the name of a key or a shell pattern (* matches / too; quote it). A name that is not there
 yet is watched from the moment it appears, beside at least one key that is there. Without KEY: load,
-memory, rates, uptime and events of this machine. Sensors are read as often as they are sampled. Data keys are sampled once per period, events are printed as they are raised.
+memory, rates, uptime and events of this machine. Data keys are sampled once per period, events are
+printed as they are raised. Sensors are read every 100 ms, or once per period where that is shorter.
 
 Formats:
   table   keys, last values, times taken, samples so far. On a terminal it is redrawn in place,
@@ -36,9 +37,12 @@ Formats:
           ones and control characters blanks.
 
 The watch ends after --for, at SIGINT, SIGTERM or SIGHUP, or when nobody reads stdout any more. What
-was taken until then is printed. A summary on stderr tells the periods asked, taken and missed, and how
-late the batches were: against the moment of the start plus whole periods, with --cycle against
-the earliest batch, because nobody tells when the hardware cycle is due.)";
+was taken until then is printed, unless nobody reads for a second: then the lines that were lost are
+counted, and the exit code is 1. --for asks for the periods that are due before its end, the first
+at its start: 3s of 100 ms are 30 periods. A summary on stderr tells the periods asked, taken and
+missed, and how late the batches were: against the moment of the start plus whole periods, with
+--cycle against the moment when the hardware cycle was due that a batch served.
+)";
 
 struct Arguments {
   KXWatchOptions watch;
@@ -48,6 +52,13 @@ struct Arguments {
   std::string duration;
   std::string format = "table";
 };
+
+void addLoad(CLI::App& verb, std::vector<std::string>& libraries) {
+  verb.add_option("--load", libraries,
+                  "load a module library of your own, by file or by name; may be repeated")
+      ->option_text("LIB")
+      ->allow_extra_args(false);
+}
 
 CLI::App* addWatch(CLI::App& app, Arguments& arguments) {
   CLI::App* const verb = app.add_subcommand("watch", "sample keys and print what was taken");
@@ -65,6 +76,7 @@ CLI::App* addWatch(CLI::App& app, Arguments& arguments) {
       ->take_last();
   verb->add_flag("--cycle", arguments.watch.isCyclePaced,
                  "pace by a 10 ms hardware cycle (VSM) instead of timed waits");
+  addLoad(*verb, arguments.watch.libraries);
   verb->footer(kWatchFooter);
   return verb;
 }
@@ -73,6 +85,7 @@ CLI::App* addList(CLI::App& app, Arguments& arguments) {
   CLI::App* const verb = app.add_subcommand("list", "list the keys, sorted");
   verb->add_option("PATTERN", arguments.list.pattern, "shell pattern; none: all keys");
   verb->add_flag("--types", arguments.list.withTypes, "print the type before each key");
+  addLoad(*verb, arguments.list.libraries);
   return verb;
 }
 
@@ -80,6 +93,7 @@ CLI::App* addDescribe(CLI::App& app, Arguments& arguments) {
   CLI::App* const verb =
       app.add_subcommand("describe", "describe the modules, or one module and its methods");
   verb->add_option("MODULE", arguments.describe.module, "name of a module; none: all of them");
+  addLoad(*verb, arguments.describe.libraries);
   return verb;
 }
 

@@ -1,17 +1,23 @@
 #include <kx/session.hpp>
 
+#include <algorithm>
 #include <chrono>
 #include <utility>
 
+#include <fmt/format.h>
+
 #include <host/rttools/kxmodulelibrary.hpp>
 #include <host/vsm/kxvsm.hpp>
+#include <kx/text.hpp>
 #include <kxerror/kxerror.hpp>
 
 namespace KX::tool {
 
 KXSession::KXSession(Options const& options, KXStop const& stop)
-    : mHost({.name = "kx", .withVsm = options.withVsm}) {
+    : mHasOwnLibraries(!options.libraries.empty()),
+      mHost({.name = "kx", .withVsm = options.withVsm}) {
   mHost.loadModule(findLibrary("kxhostsensors"));
+  for (std::string const& library : options.libraries) mHost.loadModule(findLibrary(library));
   // Last, so that it is the first to go: its end still speaks to the store.
   if (options.withWatcher) mHost.loadModule(findLibrary("memorywatcher"));
   xAwaitSensors(stop);
@@ -35,6 +41,33 @@ std::vector<std::string> KXSession::keys(std::string const& pattern) const {
   std::vector<std::string> names;
   call("KXMemory", "getKeys", {pattern}).ToStringArray(names, false);
   return names;
+}
+
+std::string KXSession::noMatchText(std::vector<std::string> const& patterns) const {
+  std::vector<std::string> const all = keys("");
+  std::vector<std::string> texts;
+  for (std::string const& pattern : patterns) {
+    std::string const near = nearestText(pattern, all);
+    texts.push_back(
+        fmt::format("'{}'{}", forTerminal(pattern), near.empty() ? "" : " (" + near + ")"));
+  }
+  return fmt::format("no key matches {}", fmt::join(texts, ", "));
+}
+
+void KXSession::awaitMatches(std::vector<std::string> const& patterns, KXStop const& stop) const {
+  using namespace std::chrono_literals;
+  if (!mHasOwnLibraries) return;
+  auto const deadline = std::chrono::steady_clock::now() + 1s;
+  auto const isThere = [this](std::string const& pattern) {
+    return xMatches(pattern);
+  };
+  while (!std::ranges::all_of(patterns, isThere) && std::chrono::steady_clock::now() < deadline) {
+    if (stop.waitUntil(std::chrono::steady_clock::now() + 10ms)) return;
+  }
+}
+
+bool KXSession::xMatches(std::string const& pattern) const {
+  return !typeOf(pattern).empty() || !keys(pattern).empty();
 }
 
 std::string KXSession::typeOf(std::string const& key) const {

@@ -29,7 +29,7 @@ class KXToolError : public std::runtime_error {
   KXExitCode mExitCode;
 };
 
-/// An embedded host with the module libraries that stand beside the tool.
+/// An embedded host with the module libraries that stand beside the tool, and the user's own.
 /// Ownership: a value of a command; its end shuts the host down, last module first.
 /// Threads: one builds and ends it; calls go from any thread.
 /// Errors: KXError of the libraries and of the modules called.
@@ -38,6 +38,8 @@ class KXSession {
   struct Options {
     bool withVsm = false;      ///< run the 10 ms hardware cycle, which then paces the watcher
     bool withWatcher = false;  ///< load KXMemoryWatcher
+    /// The user's own, loaded in this order between the sensors and the watcher.
+    std::vector<std::string> libraries{};
   };
 
   /// Returns when the sensors have published their keys. KXToolError if that takes too long, or if
@@ -57,12 +59,19 @@ class KXSession {
 
   /// The keys of the store that match a shell pattern, sorted; the empty pattern means all.
   std::vector<std::string> keys(std::string const& pattern) const;
+  /// What to say of keys and patterns that the store has nothing for, on one line.
+  std::string noMatchText(std::vector<std::string> const& patterns) const;
+  /// Waits up to a second for the store to have something for each of these keys and patterns, if
+  /// the session has libraries of the user's: their keys may come from threads of their own.
+  void awaitMatches(std::vector<std::string> const& patterns, KXStop const& stop) const;
   /// The type of a key; empty if the store does not know it.
   std::string typeOf(std::string const& key) const;
 
  private:
   void xAwaitSensors(KXStop const& stop) const;
+  bool xMatches(std::string const& pattern) const;
 
+  bool const mHasOwnLibraries;
   KXHost mHost;
 };
 

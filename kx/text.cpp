@@ -4,6 +4,8 @@
 #include <array>
 #include <cctype>
 #include <cstdint>
+#include <ranges>
+#include <utility>
 #include <vector>
 
 #include <fmt/format.h>
@@ -129,7 +131,7 @@ std::string fitToWidth(std::string_view text, std::size_t width, KXCut cut) {
   std::size_t const needed = displayWidth(text);
   if (needed <= width) return std::string(text) + std::string(width - needed, ' ');
   if (width == 0) return "";
-  std::size_t const tail = cut == KXCut::Middle ? (width - 1) / 2 : 0;
+  std::size_t const tail = cut == KXCut::Start ? width - 1 : 0;
   std::size_t const head = width - 1 - tail;
   return std::string(text.substr(0, byteOfColumn(text, head))) + std::string(kEllipsis) +
          std::string(text.substr(byteOfColumn(text, needed - tail)));
@@ -139,24 +141,34 @@ std::string counted(std::int64_t count, std::string_view noun) {
   return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s");
 }
 
-std::string nearest(std::string_view name, std::span<std::string const> candidates) {
+std::vector<std::string> nearest(std::string_view name, std::span<std::string const> candidates) {
+  constexpr std::size_t kMost = 3;
   std::string const wanted = lowerCase(name);
-  std::string best;
   std::size_t const least = std::min<std::size_t>(2, name.empty() ? 0 : name.size() - 1);
-  std::size_t bestDistance = std::max(least, name.size() / 3) + 1;
+  std::size_t const farthest = std::max(least, name.size() / 3);
+  std::vector<std::pair<std::size_t, std::string>> near;
   for (std::string const& candidate : candidates) {
     std::size_t const distance = editDistance(wanted, lowerCase(candidate));
-    if (distance < bestDistance) {
-      best = candidate;
-      bestDistance = distance;
-    }
+    if (distance <= farthest) near.emplace_back(distance, candidate);
   }
-  return best;
+  std::ranges::stable_sort(near, {}, &std::pair<std::size_t, std::string>::first);
+  std::vector<std::string> names;
+  for (auto const& [distance, candidate] : near | std::views::take(kMost)) {
+    if (distance <= near.front().first + 1) names.push_back(candidate);
+  }
+  return names;
+}
+
+std::string nearestText(std::string_view name, std::span<std::string const> candidates) {
+  std::vector<std::string> names = nearest(name, candidates);
+  if (names.empty()) return "";
+  for (std::string& each : names) each = forTerminal(each);
+  return fmt::format("nearest {} '{}'", names.size() == 1 ? "is" : "are", fmt::join(names, "', '"));
 }
 
 std::string nearestHint(std::string_view name, std::span<std::string const> candidates) {
-  std::string const found = nearest(name, candidates);
-  return found.empty() ? "" : "; nearest is '" + forTerminal(found) + "'";
+  std::string const text = nearestText(name, candidates);
+  return text.empty() ? "" : "; " + text;
 }
 
 }  // namespace KX::tool

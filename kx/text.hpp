@@ -6,6 +6,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace KX::tool {
 
@@ -29,8 +30,8 @@ std::string forTerminal(std::string_view text);
 /// The columns that a text without control characters takes, one per character.
 std::size_t displayWidth(std::string_view text) noexcept;
 
-/// Where a text that is too long loses characters: keys differ at both ends.
-enum class KXCut { End, Middle };
+/// Where a text that is too long loses characters: of keys, which begin alike, at the start.
+enum class KXCut { Start, End };
 
 /// The text cut to so many columns, the cut marked by an ellipsis, or filled up with blanks.
 std::string fitToWidth(std::string_view text, std::size_t width, KXCut cut = KXCut::End);
@@ -38,12 +39,16 @@ std::string fitToWidth(std::string_view text, std::size_t width, KXCut cut = KXC
 /// `1 key`, `2 keys`.
 std::string counted(std::int64_t count, std::string_view noun);
 
-/// The candidate with the fewest insertions, removals, replacements and swaps of neighbours between
-/// it and `name`, capitals ignored; the first of several. Empty if none is near: more than a third
-/// of the name, and more than two characters or all of them, would have to change.
-std::string nearest(std::string_view name, std::span<std::string const> candidates);
+/// Up to three candidates with the fewest insertions, removals, replacements and swaps of
+/// neighbours between them and `name`, capitals ignored; the nearest first. Near is what a third of
+/// the name, or two characters but not all of them, would have to change for, and at most one
+/// change farther than the nearest.
+std::vector<std::string> nearest(std::string_view name, std::span<std::string const> candidates);
 
-/// `; nearest is 'NAME'` for an error message, fit for a terminal; empty if none is near.
+/// `nearest is 'NAME'`, `nearest are 'NAME', 'NAME'`, fit for a terminal; empty if none is near.
+std::string nearestText(std::string_view name, std::span<std::string const> candidates);
+
+/// The same behind `; ` for the end of an error message.
 std::string nearestHint(std::string_view name, std::span<std::string const> candidates);
 
 }  // namespace KX::tool

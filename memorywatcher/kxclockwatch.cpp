@@ -5,10 +5,24 @@
 
 namespace KX {
 
+void KXClockWatch::restart() {
+  mReference.reset();
+  look(0);
+}
+
 std::int64_t KXClockWatch::look(int periodMs) {
-  // A torn reading says nothing about a step: the next good one is held against the last good one.
-  if (!readMoment(mClock, mMoment)) return 0;
-  KXMoment const before = mReference.value_or(mMoment);
+  bool const isGood = readMoment(mClock, mMoment);
+  if (!mReference) {
+    if (isGood) mReference = mMoment;
+    return 0;
+  }
+  if (!isGood) {
+    // A torn reading says nothing about a step: the next good one is held against the last good
+    // one.
+    mMoment.wallUs = mReference->wallUs + (mMoment.monotonicNs - mReference->monotonicNs) / 1000;
+    return 0;
+  }
+  KXMoment const before = *mReference;
   mReference = mMoment;
   std::int64_t const setUs =
       (mMoment.wallUs - before.wallUs) - (mMoment.monotonicNs - before.monotonicNs) / 1000;

@@ -13,12 +13,13 @@ class KXClockWatch {
  public:
   explicit KXClockWatch(KXClock& clock) : mClock(clock) {}
 
-  /// Forgets what the wall clock did before: the next look is the first.
-  void restart() { mReference.reset(); }
+  /// Forgets what the wall clock did before, and looks.
+  void restart();
   /// By how many microseconds the wall clock has been set since the last look; 0 if it was not.
   /// What is not more than a quarter of a period, nor than 5 ms, is the clocks' own unevenness.
   std::int64_t look(int periodMs);
-  /// What both clocks showed at the last look.
+  /// What both clocks showed at the last look. Where they could not be read together, the wall
+  /// clock is told from the monotonic one, so that a step in between stays to be found.
   KXMoment const& moment() const noexcept { return mMoment; }
 
  private:

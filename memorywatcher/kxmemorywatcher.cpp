@@ -42,9 +42,23 @@ ptime const& epoch() {
   return value;
 }
 
-ptime utcTime(ka::os::timeval time) {
-  return epoch() + boost::posix_time::seconds(time.tv_sec) + microseconds(time.tv_usec);
+ptime utcTime(KXMoment const& moment) {
+  return epoch() + microseconds(moment.wallUs);
 }
+
+// The module whose loop this thread is running; null in no loop.
+thread_local KXMemoryWatcher const* tLoopOf = nullptr;
+
+class InLoop {
+ public:
+  explicit InLoop(KXMemoryWatcher const& watcher) : mOuter(std::exchange(tLoopOf, &watcher)) {}
+  ~InLoop() { tLoopOf = mOuter; }
+  InLoop(InLoop const&) = delete;
+  InLoop& operator=(InLoop const&) = delete;
+
+ private:
+  KXMemoryWatcher const* const mOuter;
+};
 
 // What came out of the loop, being handled. No cycle catches it, so nobody samples any more.
 void warnStandstill(char const* function) {
@@ -359,7 +373,8 @@ void KXMemoryWatcher::setPeriodMs(int const& period) {
     // Before the period changes: the pending deadline was computed with the old one.
     ptime const candidate =
         mNextWakeTime - milliseconds(mPeriodMs.load()) + milliseconds(newPeriod);
-    mNextWakeTime = std::max(utcTime(mClock.wallTime()), candidate);
+    // The moment that the deadline was last held against: the clock may be set at any time.
+    mNextWakeTime = std::max(utcTime(mClockWatch.moment()), candidate);
     mSleepGate.interrupt();
   }
   mPeriodMs = newPeriod;
@@ -385,7 +400,7 @@ void KXMemoryWatcher::startWatching(int const& period) {
 }
 
 void KXMemoryWatcher::xSetNextWakeTime() {
-  mNextWakeTime = utcTime(mClock.wallTime()) + milliseconds(mPeriodMs.load());
+  mNextWakeTime = utcTime(mClockWatch.moment()) + milliseconds(mPeriodMs.load());
 }
 
 void KXMemoryWatcher::xStartCyclePacing() {
@@ -401,8 +416,10 @@ void KXMemoryWatcher::xStartCyclePacing() {
     guard->leave();
   };
   mVsmConnection = vsm->cycleSignal().connect(slot);
-  if (mWatchThread.joinable()) mWatchThread.detach();  // that of a run that ended itself
-  mWatchThread = boost::thread([this, run = mRun.load()] { xRunWatchThread(run); });
+  // A run that ended itself may still be in its last cycle: samples are filed in their order.
+  auto const earlier = std::make_shared<boost::thread>(std::move(mWatchThread));
+  mWatchThread =
+      boost::thread([this, run = mRun.load(), earlier] { xRunWatchThread(run, *earlier); });
 }
 
 void KXMemoryWatcher::xStartTimedPacing() {
@@ -431,13 +448,16 @@ void KXMemoryWatcher::stopWatching() {
 }
 
 void KXMemoryWatcher::xStopTimedPacing() {
+  // A loop that stops the watch itself leaves after its cycle. Until then it keeps the gate, which
+  // a task that was started since waits for.
+  if (tLoopOf == this) return;
   int const taskId = mMainThreadTaskId;
   // On purpose asked of the store's proxy, although the call was made through our own.
   if (taskId == 0 || !mMemoryProxy->isRunning(taskId)) return;
   try {
     mMemoryProxy->wait(taskId, 0);
   } catch (KXError const&) {
-    // The loop itself stops the watch: it leaves at its next look.
+    // The task itself: the module's last reference fell in its loop.
   }
 }
 
@@ -447,9 +467,9 @@ void KXMemoryWatcher::xStopCyclePacing() {
   // Disconnecting does not wait for a callback that is just running.
   if (mVsmGuard != nullptr) mVsmGuard->close();
   mCycleCount = 1;
-  // A loop that stops the watch itself cannot wait for its own end.
-  if (!mWatchThread.joinable() || mWatchThread.get_id() == boost::this_thread::get_id()) return;
-  mWatchThread.join();
+  // A loop that stops the watch itself can wait neither for its own end nor for one that follows
+  // it.
+  if (mWatchThread.joinable() && tLoopOf != this) mWatchThread.join();
 }
 
 void KXMemoryWatcher::xOnVSMUpdate() {
@@ -461,10 +481,12 @@ void KXMemoryWatcher::xOnVSMUpdate() {
   }
 }
 
-void KXMemoryWatcher::xRunWatchThread(int run) noexcept {
+void KXMemoryWatcher::xRunWatchThread(int run, boost::thread& earlier) noexcept {
   std::shared_ptr<KXCallbackGuard> const loops = mLoops;
-  KXModuleScope const scope(*this);
+  InLoop const inLoop(*this);
+  KXModuleScope const scope(*this);  // ends first: the module may be destroyed in it
   if (!loops->enter()) return;
+  if (earlier.joinable()) earlier.join();
   try {
     xUpdateDataLoop(run);
   } catch (...) {
@@ -486,7 +508,9 @@ void KXMemoryWatcher::xUpdateDataLoop(int run) {
 }
 
 void KXMemoryWatcher::xMainThread() {
+  if (tLoopOf == this) return;  // it would wait for its own end
   try {
+    InLoop const inLoop(*this);
     xRunMainThread();
   } catch (...) {
     // A client that called this itself gets what came; of a parallel call nobody does.
@@ -506,21 +530,23 @@ void KXMemoryWatcher::xRunMainThread() {
   int const run = mRun;
   if (!mUseTimedSleep) {
     // A client's own call beside the hardware cycle: no start has set a deadline for it.
+    xFollowClock();
     KXCriticalSection const lock(mPacingMutex);
     xSetNextWakeTime();
   }
   while (xGoesOn(run)) {
     if (isClosing()) break;
     xUpdateValues(mDataItems);
-    xSleepForPeriod();
+    xSleepForPeriod(run);
   }
 }
 
-void KXMemoryWatcher::xSleepForPeriod() {
-  while (mSleepGate.sleepUntil(xWakeTimeNs()) && mIsWatching && !isClosing()) {
+void KXMemoryWatcher::xSleepForPeriod(int run) {
+  while (mSleepGate.sleepUntil(xWakeTimeNs()) && xGoesOn(run) && !isClosing()) {
   }
-  // From the deadline, not from now: the schedule does not drift.
   KXCriticalSection const lock(mPacingMutex);
+  if (!xGoesOn(run)) return;  // the deadline may be that of the next run already
+  // From the deadline, not from now: the schedule does not drift.
   mNextWakeTime += milliseconds(mPeriodMs.load());
 }
 

@@ -105,13 +105,13 @@ class KXMemoryWatcher : public KXModule {
 
   void xMainThread();
   void xRunMainThread();
-  void xSleepForPeriod();
+  void xSleepForPeriod(int run);
   std::int64_t xWakeTimeNs();
   void xFollowClock();
   void xSetNextWakeTime() KX_REQUIRES(*mPacingMutex);
   void xOnVSMUpdate();
   void xUpdateDataLoop(int run);
-  void xRunWatchThread(int run) noexcept;
+  void xRunWatchThread(int run, boost::thread& earlier) noexcept;
   bool xGoesOn(int run) const { return mIsWatching && mRun == run; }
   void xStartCyclePacing();
   void xStartTimedPacing();

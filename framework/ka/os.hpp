@@ -23,6 +23,12 @@ KX_API int gettimeofday(timeval* time);
 /// std::fopen for a path of any bytes; null and errno on failure.
 KX_API std::FILE* fopen(char const* path, char const* mode);
 
+/// Has the process keep memory that is freed for its next use, large blocks too, until
+/// releaseFreeMemory(). By itself the allocator gives every block of some hundred kilobytes back at
+/// once, and a process that buffers and hands over in turns gets each page anew each time: that
+/// costs more than all else it does.
+KX_API void keepFreedMemory() noexcept;
+
 /// Gives memory that was freed back to the system. The allocator keeps what it cannot cut off the
 /// end of its heaps, so without this a process stays as large as it ever was. Takes milliseconds
 /// where there is much to give.

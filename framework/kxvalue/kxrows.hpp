@@ -41,7 +41,8 @@ struct KXValue::Piece {
 
 /// Builds an array of rows [first, second] whose blocks lie in one piece of memory.
 /// Ownership: movable; what was pushed and not taken is freed with it. What it built is a value
-/// like any other, and each row too; the piece lasts as long as any of its rows.
+/// like any other, and each row too; the piece lasts as long as any of its rows. Who keeps few of
+/// many rows for long should keep their elements in an array of its own.
 /// Threads: not synchronised.
 /// Errors: only construction throws.
 /// A builder that has no room, made so, moved from or taken, takes no rows and gives an invalid

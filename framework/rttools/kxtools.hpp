@@ -15,8 +15,8 @@ class KXBroker;
 class KX_API KXTools {
  public:
   /// Runs one module as a process: reads the options (`--help` lists them), makes a broker with a
-  /// launcher and a store, lets `create` put the module into it, and serves until SIGINT, SIGTERM or
-  /// SIGHUP; then shuts down in reverse order. Returns the process's exit code: 0 after a clean
+  /// launcher and a store, lets `create` put the module into it, and serves until SIGINT, SIGTERM
+  /// or SIGHUP; then shuts down in reverse order. Returns the process's exit code: 0 after a clean
   /// end, 1 if the module could not be made, 2 for bad options.
   static int mainFunction(std::string const& name, int argc, char** argv,
                           boost::function<int(boost::shared_ptr<KXBroker>)> const& create);

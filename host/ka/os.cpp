@@ -20,6 +20,12 @@ std::FILE* fopen(char const* path, char const* mode) {
   return std::fopen(path, mode);
 }
 
+void keepFreedMemory() noexcept {
+  // The largest that the allocator takes.
+  ::mallopt(M_MMAP_THRESHOLD, 32 << 20);
+  ::mallopt(M_TRIM_THRESHOLD, 1 << 30);
+}
+
 void releaseFreeMemory() noexcept {
   ::malloc_trim(0);
 }

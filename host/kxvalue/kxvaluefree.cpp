@@ -1,6 +1,8 @@
 // How blocks go: the last share of a value drops a whole tree, of any depth and size, on the thread
 // that happened to hold it. So nothing here recurses and nothing allocates.
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 
 #include <ka/os.hpp>
 #include <kxvalue/kxrows.hpp>
@@ -11,9 +13,7 @@ namespace KX {
 /// Frees a block that has lost its last owner, and what it was the last to own.
 class KXValue::Freeing {
  public:
-  // From here on a freed tree counts as a peak, whose memory is not wanted again soon: a fetch of
-  // some hundred thousand samples. Below, giving back costs more than it is worth, since the next
-  // tree would have to get its pages anew.
+  // From here on a freed tree counts as a peak: a fetch of some hundred thousand samples.
   static constexpr std::size_t kPeakBytes = std::size_t{32} << 20;
 
   void free(std::uint64_t head, Block* block) noexcept {
@@ -28,10 +28,19 @@ class KXValue::Freeing {
       freeTree(sharedHead, shared);
       giveBack();
     }
-    if (mBytes > kPeakBytes) ka::os::releaseFreeMemory();
+    if (mBytes > kPeakBytes && isLonePeak()) ka::os::releaseFreeMemory();
   }
 
  private:
+  // Peaks that follow each other closely are no peaks but a client that fetches much each time: its
+  // memory is wanted again at once, and pages that were given back are dear to get.
+  static bool isLonePeak() noexcept {
+    using Clock = std::chrono::steady_clock;
+    static std::atomic<Clock::rep> last{Clock::duration::min().count() / 2};
+    Clock::duration const now = Clock::now().time_since_epoch();
+    return now - Clock::duration(last.exchange(now.count())) > std::chrono::seconds(10);
+  }
+
   // The way back up stands in the elements that have been dropped.
   void freeTree(std::uint64_t rootHead, Block* root) noexcept {
     if ((rootHead & kTypeMask) != TypeArray) {

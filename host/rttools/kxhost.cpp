@@ -7,6 +7,7 @@
 #include <host/memory/kxmemory.hpp>
 #include <host/rttools/kxmodulelibrary.hpp>
 #include <host/vsm/kxvsm.hpp>
+#include <ka/os.hpp>
 
 namespace KX {
 
@@ -30,6 +31,7 @@ struct KXHost::Impl {
 };
 
 KXHost::KXHost(Options const& options) : mImpl(std::make_unique<Impl>(options.name)) {
+  ka::os::keepFreedMemory();
   if (options.withLauncher) KXModule::createModule<KXLauncher>(mImpl->broker);
   if (options.withStore) KXModule::createModule<KXMemory>(mImpl->broker);
   if (options.withVsm) KXModule::createModule<KXVsm>(mImpl->broker);

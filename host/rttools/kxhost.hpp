@@ -17,6 +17,7 @@ namespace KX {
 ///     KXHost host({.name = "mine", .withStore = false});
 ///     KXModule::createModule<MyStore>(host.getBroker());
 ///
+/// Has the process keep memory that it frees (ka::os::keepFreedMemory).
 /// Ownership: a value of main() or of a test; owns the broker until shutdown() or destruction.
 /// Threads: one thread builds, loads and shuts down; calls through the broker come from any thread.
 class KX_API KXHost {

@@ -16,7 +16,8 @@ namespace {
 
 constexpr std::size_t kTakenWidth = 12;  // 06:58:45.123
 constexpr std::size_t kSamplesWidth = 8;
-constexpr std::size_t kGaps = 6;  // two blanks between columns
+constexpr std::size_t kGap = 2;  // blanks between columns
+constexpr std::size_t kLeastKeyWidth = 16;
 constexpr std::size_t kLeastValueWidth = 12;
 constexpr std::size_t kMostValueWidth = 100;
 
@@ -39,13 +40,6 @@ std::string readableFloat(double value) {
   if (!std::isfinite(value) || size >= 1e15) return fmt::format("{:g}", value);
   if (value == std::floor(value)) return fmt::format("{:.0f}", value);
   return size >= 1000 ? fmt::format("{:.1f}", value) : fmt::format("{:.4g}", value);
-}
-
-std::string line(std::string_view key, std::string_view value, std::string_view taken,
-                 std::string_view samples, std::size_t keyWidth, std::size_t valueWidth) {
-  return fmt::format("{}  {}  {}  {:>{}}", fitToWidth(key, keyWidth, KXCut::Middle),
-                     fitToWidth(value, valueWidth), fitToWidth(taken, kTakenWidth), samples,
-                     kSamplesWidth);
 }
 
 }  // namespace
@@ -84,7 +78,7 @@ void KXTable::add(std::vector<KXSample> const& samples) {
 }
 
 KXTable::Widths KXTable::xWidths(KXTerminal const& terminal) const {
-  Widths widths{3, kLeastValueWidth};
+  Widths widths{3, kLeastValueWidth, kTakenWidth, kSamplesWidth};
   for (Row const& row : mRows) {
     widths.key = std::max(widths.key, displayWidth(row.key));
     widths.value = std::max(widths.value, displayWidth(readable(row.value)));
@@ -93,13 +87,31 @@ KXTable::Widths KXTable::xWidths(KXTerminal const& terminal) const {
   if (!terminal.isLive) return widths;
 
   // The last column of a terminal stays free: some go to the next line once it is written.
-  std::size_t const fixed = kTakenWidth + kSamplesWidth + kGaps + 1;
-  auto const columns = static_cast<std::size_t>(terminal.columns);
-  std::size_t const room = columns > fixed ? columns - fixed : 0;
-  std::size_t const forKey = room > kLeastValueWidth ? room - kLeastValueWidth : 0;
+  auto const columns = static_cast<std::size_t>(std::max(terminal.columns - 1, 0));
+  auto const rest = [&] {
+    std::size_t fixed = kGap;
+    if (widths.taken > 0) fixed += kGap + widths.taken;
+    if (widths.samples > 0) fixed += kGap + widths.samples;
+    return columns > fixed ? columns - fixed : 0;
+  };
+  std::size_t const wanted = std::min(widths.key, kLeastKeyWidth) + kLeastValueWidth;
+  if (rest() < wanted) widths.samples = 0;
+  if (rest() < wanted) widths.taken = 0;
+  std::size_t const room = rest();
+  std::size_t const forKey = std::max(room - std::min(room, kLeastValueWidth), room / 2);
   widths.key = std::min(widths.key, forKey);
   widths.value = std::min(widths.value, room - widths.key);
   return widths;
+}
+
+std::string KXTable::xLine(std::string_view key, std::string_view value, std::string_view taken,
+                           std::string_view samples, Widths const& widths) {
+  std::string const gap(kGap, ' ');
+  std::string line =
+      fitToWidth(key, widths.key, KXCut::Start) + gap + fitToWidth(value, widths.value);
+  if (widths.taken > 0) line += gap + fitToWidth(taken, widths.taken);
+  if (widths.samples > 0) line += gap + fmt::format("{:>{}}", samples, widths.samples);
+  return line;
 }
 
 std::string KXTable::xTitle() const {
@@ -116,11 +128,10 @@ std::vector<std::string> KXTable::lines(KXTerminal const& terminal) const {
   auto const room = static_cast<std::size_t>(std::max(terminal.rows - 3, 1));
   if (terminal.isLive && shown > room) shown = room - 1;
 
-  std::vector<std::string> lines{
-      xTitle(), line("KEY", "VALUE", "TAKEN", "SAMPLES", widths.key, widths.value)};
+  std::vector<std::string> lines{xTitle(), xLine("KEY", "VALUE", "TAKEN", "SAMPLES", widths)};
   for (Row const& row : std::span(mRows).first(shown)) {
-    lines.push_back(line(row.key, readable(row.value), takenAt(row.timeUs),
-                         std::to_string(row.samples), widths.key, widths.value));
+    lines.push_back(xLine(row.key, readable(row.value), takenAt(row.timeUs),
+                          std::to_string(row.samples), widths));
   }
   if (shown < mRows.size()) {
     lines.push_back(fmt::format("and {} more: enlarge the window", mRows.size() - shown));

@@ -6,6 +6,7 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <kxvalue/kxvalue.hpp>
@@ -45,9 +46,13 @@ class KXTable {
   struct Widths {
     std::size_t key;
     std::size_t value;
+    std::size_t taken;    ///< 0: there is no room for this column
+    std::size_t samples;  ///< likewise, and the first to go
   };
 
   Widths xWidths(KXTerminal const& terminal) const;
+  static std::string xLine(std::string_view key, std::string_view value, std::string_view taken,
+                           std::string_view samples, Widths const& widths);
   std::string xTitle() const;
 
   std::vector<Row> mRows;

@@ -171,7 +171,9 @@ void leaveOutEvents(KXWatchedKeys& keys) {
 }  // namespace
 
 int watch(KXWatchOptions const& options, KXOutput& output, KXStop const& stop) {
-  KXSession const session({.withVsm = options.isCyclePaced, .withWatcher = true}, stop);
+  KXSession const session(
+      {.withVsm = options.isCyclePaced, .withWatcher = true, .libraries = options.libraries}, stop);
+  session.awaitMatches(options.patterns, stop);
   KXWatchedKeys keys = findKeys(session, options.patterns);
   if (options.format == KXFormat::Csv) leaveOutEvents(keys);
   session.keepSensorsAhead(correctedPeriodMs(options.periodMs));

@@ -8,7 +8,6 @@
 #include <utility>
 
 #include <kx/output.hpp>
-#include <kx/text.hpp>
 
 namespace KX::tool {
 namespace {
@@ -57,10 +56,10 @@ class KeyFinder {
   KXWatchedKeys take() {
     bool const isAnyThere = !mKeys.data.empty() || !mKeys.events.empty();
     if (!isAnyThere) {
-      throw KXToolError(kNothingThere,
-                        mMissing.empty() ? "the sensors publish no key" : xMissing(mMissing[0]));
+      throw KXToolError(kNothingThere, mMissing.empty() ? "the sensors publish no key"
+                                                        : mSession.noMatchText(mMissing));
     }
-    for (std::string const& argument : mMissing) say(xMissing(argument));
+    if (!mMissing.empty()) say(mSession.noMatchText(mMissing));
     for (auto* group : {&mKeys.data, &mKeys.unknown, &mKeys.events}) std::ranges::sort(*group);
     return std::move(mKeys);
   }
@@ -75,11 +74,6 @@ class KeyFinder {
   void xAddKey(std::string const& key) {
     if (!mSeen.insert(key).second) return;
     (isEventType(mSession.typeOf(key)) ? mKeys.events : mKeys.data).push_back(key);
-  }
-
-  std::string xMissing(std::string const& argument) const {
-    return "no key matches '" + forTerminal(argument) + "'" +
-           nearestHint(argument, mSession.keys(""));
   }
 
   KXSession const& mSession;

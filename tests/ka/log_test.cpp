@@ -277,7 +277,7 @@ TEST_F(Log, RemovalWaitsForAHandlerThatRunsElsewhere) {
     EXPECT_TRUE(hasLeft);
   });
   isRemoving.wait(false);
-  for (int i = 0; i < 1000; ++i) std::this_thread::yield();  // A chance to return too early.
+  for (int i = 0; i < 100; ++i) std::this_thread::yield();  // A chance to return too early.
   mayLeave = true;
   mayLeave.notify_one();
 
@@ -299,7 +299,7 @@ TEST_F(Log, ReplacingWaitsForTheFormerHandlerToo) {
     addHandler("one", keep("second"));
     EXPECT_TRUE(hasLeft);
   });
-  for (int i = 0; i < 1000; ++i) std::this_thread::yield();  // A chance to return too early.
+  for (int i = 0; i < 100; ++i) std::this_thread::yield();  // A chance to return too early.
   gate.open();
   replacing.join();
   logging.join();
@@ -328,7 +328,7 @@ TEST_F(Log, AHandlerThatRunsElsewhereTooMayRemoveItself) {
     removeHandler("one");  // Of no effect but to wait for the call in progress.
     EXPECT_TRUE(hasLeft);
   });
-  for (int i = 0; i < 1000; ++i) std::this_thread::yield();  // A chance to return too early.
+  for (int i = 0; i < 100; ++i) std::this_thread::yield();  // A chance to return too early.
   gate.open();
   removing.join();
   stuck.join();

@@ -1,5 +1,3 @@
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include <gmock/gmock.h>
@@ -13,18 +11,11 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
-std::string contentOf(std::string const& path) {
-  std::ifstream file(path);
-  std::ostringstream content;
-  content << file.rdbuf();
-  return content.str();
-}
-
 TEST(Describe, ShowsTheWatchersMethodsWordForWord) {
   ToolResult const result = runTool({"describe", "KXMemoryWatcher"});
 
   EXPECT_EQ(0, result.exitCode);
-  EXPECT_EQ(contentOf(KX_SOURCE_DIR "/tests/kx/describe_memorywatcher.txt"), result.output);
+  EXPECT_EQ(goldenOf("describe_memorywatcher.txt"), result.output);
   EXPECT_THAT(messagesOf(result), ElementsAre());
 }
 

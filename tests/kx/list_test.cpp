@@ -47,7 +47,13 @@ TEST(List, NothingThatMatchesIsNothingThere) {
   EXPECT_EQ(3, result.exitCode);
   EXPECT_EQ("", result.output);
   EXPECT_THAT(messagesOf(result),
-              ElementsAre("kx: no key matches 'Host/Cpu/Usge'; nearest is 'Host/Cpu/Usage'"));
+              ElementsAre("kx: no key matches 'Host/Cpu/Usge' (nearest is 'Host/Cpu/Usage')"));
+}
+
+TEST(List, NamesUpToThreeKeysThatAreNear) {
+  EXPECT_THAT(messagesOf(runTool({"list", "Host/Load/2min"})),
+              ElementsAre("kx: no key matches 'Host/Load/2min' (nearest are 'Host/Load/1min', "
+                          "'Host/Load/5min', 'Host/Load/15min')"));
 }
 
 TEST(List, TakesADashedPatternBehindTwoDashes) {

@@ -12,7 +12,9 @@
 namespace KX::tool {
 namespace {
 
+using ::testing::_;
 using ::testing::AllOf;
+using ::testing::ElementsAre;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::Not;
@@ -90,13 +92,30 @@ TEST(Table, FitsTheTerminal) {
   }
 }
 
-TEST(Table, ShowsBothEndsOfAKeyThatIsTooLong) {
+TEST(Table, ShowsTheEndOfAKeyThatIsTooLong) {
   KXTable const table({.data = {"Host/" + std::string(100, 'k') + "/end"}});
 
   std::string const line = table.lines(kScreen).back();
 
-  EXPECT_THAT(line, StartsWith("Host/"));
+  EXPECT_THAT(line, StartsWith("\xE2\x80\xA6kk"));
   EXPECT_THAT(line, HasSubstr("/end "));
+}
+
+TEST(Table, LeavesOutColumnsWhereKeysWouldFindNoRoom) {
+  KXTable table({.data = {"Host/Network/eth0/ReceivedBytesPerSecond", "Host/Cpu/Usage"}});
+  table.add({{kTimeUs, "Host/Cpu/Usage", 12.5}});
+  auto const shown = [&](int columns) {
+    return table.lines({.isLive = true, .hasColor = false, .columns = columns, .rows = 24});
+  };
+
+  EXPECT_THAT(shown(80)[1], AllOf(HasSubstr("TAKEN"), HasSubstr("SAMPLES")));
+  EXPECT_THAT(shown(50)[1], AllOf(HasSubstr("TAKEN"), Not(HasSubstr("SAMPLES"))));
+  EXPECT_THAT(shown(40), ElementsAre(_, "KEY                        VALUE       ",
+                                     "\xE2\x80\xA6"
+                                     "0/ReceivedBytesPerSecond  -           ",
+                                     "Host/Cpu/Usage             12.5        "));
+  EXPECT_THAT(shown(24)[3], StartsWith("\xE2\x80\xA6"
+                                       "Cpu/Usage  12.5"));
 }
 
 TEST(Table, TellsOfKeysThatFindNoRoom) {

@@ -4,10 +4,13 @@
 #include <string>
 #include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 namespace KX::tool {
 namespace {
+
+using ::testing::ElementsAre;
 
 using namespace std::string_literals;
 
@@ -61,8 +64,9 @@ TEST(FitToWidth, CutsTheEnd) {
   EXPECT_EQ("abc\xE2\x80\xA6", fitToWidth("abcdef", 4));
 }
 
-TEST(FitToWidth, CutsTheMiddleAndKeepsBothEnds) {
-  EXPECT_EQ("ab\xE2\x80\xA6xyz"s.substr(0, 5) + "yz", fitToWidth("abcdefxyz", 5, KXCut::Middle));
+TEST(FitToWidth, CutsTheStart) {
+  EXPECT_EQ("\xE2\x80\xA6wxyz", fitToWidth("abcdefwxyz", 5, KXCut::Start));
+  EXPECT_EQ("\xE2\x80\xA6", fitToWidth("abc", 1, KXCut::Start));
 }
 
 TEST(FitToWidth, CountsCharactersAndNotBytes) {
@@ -74,7 +78,7 @@ TEST(FitToWidth, OfNoWidthIsEmpty) {
   EXPECT_EQ("", fitToWidth("abc", 0));
 }
 
-TEST(NearestName, ToleratesTheUsualSlips) {
+TEST(NearestNames, ToleratesTheUsualSlips) {
   std::vector<std::string> const names{"watch", "list", "describe"};
   std::array const cases{
       Case{"wach", "watch"},
@@ -90,17 +94,25 @@ TEST(NearestName, ToleratesTheUsualSlips) {
   };
   for (Case const& c : cases) {
     SCOPED_TRACE(c.given);
-    EXPECT_EQ(c.expected, nearest(c.given, names));
+    std::vector<std::string> const found = nearest(c.given, names);
+    EXPECT_EQ(c.expected, found.empty() ? "" : found.front());
   }
 }
 
-TEST(NearestName, IsTheFirstOfThoseEquallyNear) {
-  std::vector<std::string> const names{"arm/q1", "arm/q2"};
+TEST(NearestNames, AreTheFirstThreeOfThoseEquallyNear) {
+  std::vector<std::string> const names{"arm/q11", "arm/q1", "leg", "arm/q2", "arm/q4"};
 
-  EXPECT_EQ("arm/q1", nearest("arm/q3", names));
+  EXPECT_THAT(nearest("arm/q3", names), ElementsAre("arm/q1", "arm/q2", "arm/q4"));
+  EXPECT_THAT(nearest("arm/q12", names), ElementsAre("arm/q11", "arm/q1", "arm/q2"));
 }
 
-TEST(NearestName, IsNamedInTheHint) {
+TEST(NearestNames, AreNamedInTheHint) {
+  std::vector<std::string> const names{"a1", "a2"};
+
+  EXPECT_EQ("; nearest are 'a1', 'a2'", nearestHint("a3", names));
+}
+
+TEST(NearestNames, IsNamedInTheHint) {
   std::vector<std::string> const names{"evil\x1b[2J"};
 
   EXPECT_EQ("; nearest is 'evil\\x1b[2J'", nearestHint("evil[2J", names));

@@ -2,6 +2,8 @@
 #pragma once
 
 #include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -105,6 +107,15 @@ inline std::vector<std::vector<std::string>> readCsv(std::string_view text) {
     if (row.size() != rows.front().size()) fail("a row of another length");
   }
   return rows;
+}
+
+/// What the tool once printed and shall go on printing: a file of tests/kx/golden.
+inline std::string goldenOf(std::string const& name) {
+  std::ifstream file(KX_SOURCE_DIR "/tests/kx/golden/" + name);
+  if (!file) throw std::runtime_error("no golden file " + name);
+  std::ostringstream content;
+  content << file.rdbuf();
+  return content.str();
 }
 
 /// A folder that is removed with everything in it.

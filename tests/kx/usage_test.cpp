@@ -34,6 +34,7 @@ TEST(Usage, WrongOnesAreOneLineAndExitCode2) {
       {{"watch", "--period"}, "kx: --period: expected a value, got none"},
       {{"watch", "--period", "abc"},
        "kx: --period: expected a whole number of milliseconds, got 'abc'"},
+      {{"list", "--load"}, "kx: --load: expected a value, got none"},
       {{"watch", "--for", "10"},
        "kx: --for: expected a duration like 500ms, 10s, 2m or 1h, got '10'"},
       {{"watch", "--for", ""}, "kx: --for: expected a duration like 500ms, 10s, 2m or 1h, got ''"},
@@ -80,8 +81,15 @@ TEST(Usage, HelpOfWatchDocumentsEveryFormatAndOption) {
   std::string const help = runTool({"watch", "--help"}).output;
 
   for (char const* part : {"KEY", "--period MS (500)", "--for DURATION", "--format FORMAT (table)",
-                           "--cycle", "table ", "jsonl ", "csv "}) {
+                           "--cycle", "--load LIB", "table ", "jsonl ", "csv "}) {
     EXPECT_THAT(help, HasSubstr(part));
+  }
+}
+
+TEST(Usage, HelpIsWhatItWas) {
+  EXPECT_EQ(goldenOf("help.txt"), runTool({"--help"}).output);
+  for (std::string const verb : {"watch", "list", "describe"}) {
+    EXPECT_EQ(goldenOf("help_" + verb + ".txt"), runTool({verb, "--help"}).output);
   }
 }
 

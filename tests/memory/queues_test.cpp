@@ -301,7 +301,7 @@ TEST_F(BusyStore, StoppedFromOutsideAfterASubscriberStoppedItWaitsForTheCallsInP
     store->exit();
     EXPECT_TRUE(isCallOver);
   });
-  for (int i = 0; i < 1000; ++i) std::this_thread::yield();  // A chance to return too early.
+  for (int i = 0; i < 100; ++i) std::this_thread::yield();  // A chance to return too early.
   gate1.open();
   ender.join();
 }

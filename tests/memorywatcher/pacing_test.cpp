@@ -17,10 +17,6 @@ namespace {
 using boost::posix_time::milliseconds;
 using boost::posix_time::ptime;
 
-ptime nowUtc() {
-  return boost::posix_time::microsec_clock::universal_time();
-}
-
 // ---- period
 
 struct PeriodCase {
@@ -99,19 +95,6 @@ TEST_F(PeriodWhileWatching, ShorterPeriodBringsTheDeadlineForward) {
   EXPECT_EQ(ForTest::nextWakeTime(*mWatcher), planned - milliseconds(20000));
 }
 
-TEST_F(PeriodWhileWatching, DeadlineThatWouldLieInThePastIsNow) {
-  startBlocked(50000);
-  // Time passes until 10 ms after the start are over.
-  ptime const due = ForTest::nextWakeTime(*mWatcher) - milliseconds(50000) + milliseconds(10);
-  while (nowUtc() <= due) std::this_thread::yield();
-  ptime const before = nowUtc();
-
-  call("setPeriodMs", 10);
-
-  EXPECT_GE(ForTest::nextWakeTime(*mWatcher), before);
-  EXPECT_LE(ForTest::nextWakeTime(*mWatcher), nowUtc());
-}
-
 TEST_F(PeriodWhileWatching, ChangeInterruptsTheSleepAndTheNextCycleRunsAtOnce) {
   call("startWatching", 3'600'000);
   ASSERT_TRUE(mMemory->waitForCalls("getListData", 1));
@@ -157,28 +140,6 @@ TEST_F(TimedControl, StartRunsMainThreadAsAParallelCall) {
   EXPECT_FALSE(client()->isRunning(taskId));
 }
 
-TEST_F(TimedControl, FirstDeadlineIsOnePeriodAfterTheStart) {
-  mMemory->block("getListData");
-  ptime const before = nowUtc();
-  call("startWatching", 50000);
-  ptime const after = nowUtc();
-  ASSERT_TRUE(mMemory->waitUntilParked());
-
-  EXPECT_GE(ForTest::nextWakeTime(*mWatcher), before + milliseconds(50000));
-  EXPECT_LE(ForTest::nextWakeTime(*mWatcher), after + milliseconds(50000));
-  mMemory->release("getListData");
-}
-
-TEST_F(TimedControl, FirstDeadlineGoesByTheCorrectedPeriod) {
-  mMemory->block("getListData");
-  ptime const before = nowUtc();
-
-  call("startWatching", -100'000);
-
-  EXPECT_GE(ForTest::nextWakeTime(*mWatcher), before + milliseconds(10));
-  mMemory->release("getListData");
-}
-
 // It cannot wait for itself. That is no failure: the loop leaves at its next look.
 TEST_F(TimedControl, StopFromWithinTheLoopThrowsNothing) {
   std::atomic<bool> hasThrown{false};
@@ -212,26 +173,6 @@ TEST_F(TimedControl, ClientsOwnLoopWaitsForTheEndOfTheRunningOne) {
   call("stopWatching");
   other.join();
   EXPECT_EQ(mMemory->getCalls("getListData").size(), 1U);
-}
-
-TEST_F(TimedControl, DeadlinesAdvanceByExactlyOnePeriod) {
-  mMemory->block("getListData");
-  call("startWatching", 10);
-  ASSERT_TRUE(mMemory->waitUntilParked());
-  ptime const first = ForTest::nextWakeTime(*mWatcher);
-  std::vector<ptime> deadlines;
-  mMemory->setHook("getListData", [&](FakeMemory::Call const&, KXValue&) {
-    if (deadlines.size() < 10) deadlines.push_back(ForTest::nextWakeTime(*mWatcher));
-  });
-
-  mMemory->release("getListData");
-  ASSERT_TRUE(mMemory->waitForCalls("getListData", 12));
-  call("stopWatching");
-
-  // The blocked call passes its hook after the release, with the first deadline still pending.
-  for (std::size_t i = 0; i < deadlines.size(); ++i) {
-    EXPECT_EQ(deadlines[i], first + milliseconds(10 * static_cast<int>(i)));
-  }
 }
 
 // A client's own parallel call waits for the gate that the loop holds; the module may not go before

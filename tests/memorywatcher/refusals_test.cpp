@@ -132,6 +132,9 @@ TYPED_TEST(ThreadRefusal, LeavesTheModuleStartedUntilItIsStopped) {
   this->call("startWatching", 30);  // ignored
   EXPECT_EQ(KXMemoryWatcherForTest::periodMs(*this->mWatcher), 10);
   EXPECT_TRUE(this->mMemory->getCalls("getListData").empty());
+  // The callback is connected before the thread is made, so that no cycle of the hardware is
+  // missed.
+  EXPECT_EQ(this->mVsm == nullptr ? 1 : this->mVsm->getSlotCount(), 1);
 
   this->call("stopWatching");
   EXPECT_FALSE(this->client()->template call<bool>("isWatching"));

@@ -132,6 +132,32 @@ class LogCapture {
   std::vector<LogLine> mLines;
 };
 
+/// True if the kernel has put a thread of this process to sleep.
+inline bool isAsleep(int threadId) {
+  std::ifstream status("/proc/self/task/" + std::to_string(threadId) + "/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.starts_with("State:")) return line.find('S', 6) != std::string::npos;
+  }
+  return false;
+}
+
+/// Waits until many looks in a row have found the thread asleep: true; or until `isOver`: false.
+/// False, too, after 30 s.
+template <class IsOver>
+bool isThreadParked(std::atomic<int> const& threadId, IsOver isOver) {
+  constexpr int kLooks = 100;
+  auto const end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  int asleepCount = 0;
+  while (!isOver() && asleepCount < kLooks && std::chrono::steady_clock::now() < end) {
+    asleepCount = isAsleep(threadId) ? asleepCount + 1 : 0;
+    std::this_thread::yield();
+  }
+  return !isOver() && asleepCount >= kLooks;
+}
+inline bool isThreadParked(std::atomic<int> const& threadId) {
+  return isThreadParked(threadId, [] { return false; });
+}
+
 /// A call on a thread of its own; the destructor waits for its end. The call must not throw.
 class Caller {
  public:
@@ -152,25 +178,10 @@ class Caller {
   /// Waits until many looks in a row have found the call asleep in the kernel: true; or until it is
   /// over: false. False, too, after 30 s.
   bool isParked() const {
-    constexpr int kLooks = 100;
-    auto const end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    int asleepCount = 0;
-    while (!mIsDone && asleepCount < kLooks && std::chrono::steady_clock::now() < end) {
-      asleepCount = xIsAsleep() ? asleepCount + 1 : 0;
-      std::this_thread::yield();
-    }
-    return !mIsDone && asleepCount >= kLooks;
+    return isThreadParked(mThreadId, [this] { return mIsDone.load(); });
   }
 
  private:
-  bool xIsAsleep() const {
-    std::ifstream status("/proc/self/task/" + std::to_string(mThreadId) + "/status");
-    for (std::string line; std::getline(status, line);) {
-      if (line.starts_with("State:")) return line.find('S', 6) != std::string::npos;
-    }
-    return false;
-  }
-
   std::atomic<int> mThreadId{0};
   std::atomic<bool> mIsDone{false};
   std::thread mThread;

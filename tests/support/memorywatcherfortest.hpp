@@ -3,13 +3,18 @@
 
 #include <cstddef>
 #include <map>
+#include <memory>
 #include <string>
+#include <utility>
 
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 #include <boost/smart_ptr/shared_ptr.hpp>
 
+#include <kxproxies/kxmemoryproxy.hpp>
+#include <kxthread/kxcallbackguard.hpp>
 #include <kxthread/kxcriticalsection.hpp>
 #include <kxthread/kxmutex.hpp>
+#include <memorywatcher/kxgates.hpp>
 #include <memorywatcher/kxlistenertable.hpp>
 #include <memorywatcher/kxmemorywatcher.hpp>
 #include <memorywatcher/kxmemorywatcheritem.hpp>
@@ -55,6 +60,15 @@ struct KXMemoryWatcherForTest {
   static boost::posix_time::ptime nextWakeTime(KXMemoryWatcher& watcher) {
     KXCriticalSection const lock(watcher.mPacingMutex);
     return watcher.mNextWakeTime;
+  }
+  static KXCycleGate& cycleGate(KXMemoryWatcher& watcher) { return watcher.mCycleGate; }
+  /// What each callback of the hardware cycle enters, since the last start.
+  static std::shared_ptr<KXCallbackGuard> vsmGuard(KXMemoryWatcher& watcher) {
+    return watcher.mVsmGuard;
+  }
+  /// Sets another store; while nobody calls.
+  static void setStore(KXMemoryWatcher& watcher, boost::shared_ptr<KXMemoryProxy> store) {
+    watcher.mMemoryProxy = std::move(store);
   }
   static int mainThreadTaskId(KXMemoryWatcher& watcher) { return watcher.mMainThreadTaskId; }
 };

@@ -47,6 +47,15 @@ bool SimulatedClock::waitUntilParked(int sleepers) {
   return mChanged.wait_for(lock, std::chrono::seconds(30), [&] { return xParked() >= sleepers; });
 }
 
+bool SimulatedClock::waitUntilParkedForMs(std::int64_t ms) {
+  std::unique_lock lock(mMutex);
+  std::int64_t const deadlineNs = mNowNs + ms * 1'000'000;
+  return mChanged.wait_for(lock, std::chrono::seconds(30), [&] {
+    return std::any_of(mSleepers.begin(), mSleepers.end(),
+                       [&](Sleeper const& sleeper) { return sleeper.deadlineNs == deadlineNs; });
+  });
+}
+
 void SimulatedClock::xMoveTo(std::int64_t ns) {
   mNowNs = ns;
   for (Sleeper const& sleeper : mSleepers) {
@@ -62,12 +71,12 @@ bool SimulatedClock::advanceByNs(std::int64_t ns, int sleepers) {
   for (;;) {
     if (!waitUntilParked(sleepers)) return false;
     std::lock_guard const lock(mMutex);
-    std::int64_t next = target;
+    std::int64_t next = std::max(target, mNowNs);  // a thread at work may have jumped ahead
     for (Sleeper const& sleeper : mSleepers) {
       if (sleeper.deadlineNs > mNowNs) next = std::min(next, sleeper.deadlineNs);
     }
     xMoveTo(next);
-    if (next == target) break;
+    if (next >= target) break;
   }
   return waitUntilParked(sleepers);
 }

@@ -40,6 +40,9 @@ class SimulatedClock : public KXClock {
   void stepWallByMs(std::int64_t ms);
   /// Waits until so many threads wait for a deadline to come; false after 30 s.
   bool waitUntilParked(int sleepers = 1);
+  /// Waits until a thread waits for the moment that is so far ahead; false after 30 s. After a
+  /// deadline was moved: who has not woken yet is still parked for the old one.
+  bool waitUntilParkedForMs(std::int64_t ms);
   std::int64_t nowMs() { return monotonicNs() / 1'000'000; }
 
  private:
