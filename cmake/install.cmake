@@ -53,7 +53,9 @@ install(DIRECTORY framework/ DESTINATION ${kx_include_dir} FILES_MATCHING PATTER
 install(DIRECTORY binding DESTINATION ${kx_include_dir} FILES_MATCHING PATTERN *.hpp)
 install(FILES host/rttools/kxhost.hpp host/rttools/kxmodulelibrary.hpp
   DESTINATION ${kx_include_dir}/host/rttools)
-install(DIRECTORY tests/support DESTINATION ${kx_include_dir}/tests FILES_MATCHING PATTERN *.hpp)
+# Without what looks inside the watcher, whose headers stay here.
+install(DIRECTORY tests/support DESTINATION ${kx_include_dir}/tests FILES_MATCHING PATTERN *.hpp
+  PATTERN memorywatcherfortest.hpp EXCLUDE)
 
 foreach(set Targets TestingTargets)
   install(EXPORT ${set} NAMESPACE memorywatcher:: FILE memorywatcher${set}.cmake

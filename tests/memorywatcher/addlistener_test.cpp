@@ -8,8 +8,8 @@
 namespace KX {
 namespace {
 
-using testing::ElementsAre;
-using testing::IsEmpty;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
 
 // ---- adding while not watching
 

@@ -11,8 +11,8 @@
 namespace KX {
 namespace {
 
-using testing::ElementsAre;
-using testing::IsEmpty;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
 
 class EventCapture : public WatcherTest {
  protected:

@@ -12,8 +12,8 @@
 namespace KX {
 namespace {
 
-using testing::ElementsAre;
-using testing::IsEmpty;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
 
 KXValue emptyArray() {
   return KXValue(std::vector<KXValue>());

@@ -105,7 +105,7 @@ TEST(StressCycleGate, NoOpeningIsMissed) {
 
 // ---- the interruptible sleep
 
-class SleepGate : public testing::Test {
+class SleepGate : public ::testing::Test {
  protected:
   static constexpr std::int64_t kHourNs = 3'600'000'000'000;
   std::int64_t now() { return mClock.monotonicNs(); }

@@ -24,7 +24,7 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using Access = KXListenerTable::Access;
 
-class ListenerTable : public testing::Test {
+class ListenerTable : public ::testing::Test {
  protected:
   void add(std::string const& key, std::string const& nature = "Data") {
     Access(mTable).insert(key, KXMemoryWatcherItem(key, nature, ""));

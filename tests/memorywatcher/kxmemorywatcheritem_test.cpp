@@ -40,7 +40,7 @@ KXValue pairOf(int seconds, int microseconds) {
 }
 
 /// A folder of its own, gone after the test.
-class ItemFile : public testing::Test {
+class ItemFile : public ::testing::Test {
  protected:
   ItemFile() {
     std::string pattern = (std::filesystem::temp_directory_path() / "kxitem-XXXXXX").string();

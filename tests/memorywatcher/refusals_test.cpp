@@ -60,7 +60,7 @@ class PlainModule : public KXModule {
   explicit PlainModule(boost::shared_ptr<KXBroker> const& broker) : KXModule(broker, "Plain") {}
 };
 
-class Refusal : public testing::Test {
+class Refusal : public ::testing::Test {
  protected:
   Refusal()
       : mBroker(KXBroker::createBroker("test")),
@@ -118,7 +118,7 @@ struct CycleRefusal : WatcherTest {
 };
 template <class P>
 class ThreadRefusal : public P {};
-using Pacings = testing::Types<TimedRefusal, CycleRefusal>;
+using Pacings = ::testing::Types<TimedRefusal, CycleRefusal>;
 TYPED_TEST_SUITE(ThreadRefusal, Pacings);
 
 // The failure reaches the caller, the flags stay as far as they were set.

@@ -47,7 +47,7 @@ class Ledger {
   std::map<std::string, std::vector<int>> mNumbers;
 };
 
-class StressWatcher : public testing::TestWithParam<bool> {
+class StressWatcher : public ::testing::TestWithParam<bool> {
  protected:
   StressWatcher() : mBroker(KXBroker::createBroker("stress")) {
     KXModule::createModule<KXLauncher>(mBroker);
@@ -280,7 +280,7 @@ TEST_P(StressWatcher, PromotedKeysKeepEveryRaise) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Pacing, StressWatcher, testing::Values(false, true),
+INSTANTIATE_TEST_SUITE_P(Pacing, StressWatcher, ::testing::Values(false, true),
                          [](auto const& kind) { return kind.param ? "Cycle" : "Timed"; });
 
 }  // namespace

@@ -228,7 +228,7 @@ void PrintTo(EventKind const& kind, std::ostream* out) {
   *out << kind.nature;
 }
 
-class Promotion : public UpdateCycle, public testing::WithParamInterface<EventKind> {};
+class Promotion : public UpdateCycle, public ::testing::WithParamInterface<EventKind> {};
 
 TEST_P(Promotion, MovesTheKeyWithItsSamplesAndSubscribesIt) {
   addUnknown({"k"});
@@ -333,11 +333,11 @@ TEST_P(Promotion, LaterFailureInTheCycleLeavesAPromotedKeyInBothMaps) {
 
 INSTANTIATE_TEST_SUITE_P(
     Kinds, Promotion,
-    testing::Values(
+    ::testing::Values(
         EventKind{"Event", {"subscribeToEvent", {"k", "KXMemoryWatcher", "_onEventNotify"}}},
         EventKind{"MicroEvent",
                   {"subscribeToMicroEvent", {"k", "KXMemoryWatcher", "", "_onEventNotify"}}}),
-    testing::PrintToStringParamName());
+    ::testing::PrintToStringParamName());
 
 TEST_F(UpdateCycle, FreshKeyPutInPlaceOfAPromotedOneStays) {
   addUnknown({"k", "z"});

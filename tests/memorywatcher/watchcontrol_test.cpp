@@ -27,7 +27,7 @@ struct CyclePacing : WatcherTest {
 
 template <class P>
 class WatchControl : public P {};
-using Pacings = testing::Types<TimedPacing, CyclePacing>;
+using Pacings = ::testing::Types<TimedPacing, CyclePacing>;
 TYPED_TEST_SUITE(WatchControl, Pacings);
 
 TYPED_TEST(WatchControl, StartRunsTheFirstCycleAtOnce) {
