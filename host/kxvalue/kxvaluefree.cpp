@@ -28,17 +28,20 @@ class KXValue::Freeing {
       freeTree(sharedHead, shared);
       giveBack();
     }
-    if (mBytes > kPeakBytes && isLonePeak()) ka::os::releaseFreeMemory();
+    if (mBytes > kPeakBytes && isLonePeak(mBytes)) ka::os::releaseFreeMemory();
   }
 
  private:
-  // Peaks that follow each other closely are no peaks but a client that fetches much each time: its
+  // Peaks of one size that follow each other closely are a client that fetches much each time: its
   // memory is wanted again at once, and pages that were given back are dear to get.
-  static bool isLonePeak() noexcept {
+  static bool isLonePeak(std::size_t bytes) noexcept {
     using Clock = std::chrono::steady_clock;
-    static std::atomic<Clock::rep> last{Clock::duration::min().count() / 2};
+    static std::atomic<Clock::rep> lastTime{Clock::duration::min().count() / 2};
+    static std::atomic<std::size_t> lastBytes{0};
     Clock::duration const now = Clock::now().time_since_epoch();
-    return now - Clock::duration(last.exchange(now.count())) > std::chrono::seconds(10);
+    Clock::duration const since = now - Clock::duration(lastTime.exchange(now.count()));
+    std::size_t const before = lastBytes.exchange(bytes);
+    return since > std::chrono::seconds(10) || bytes > 2 * before || bytes < before / 2;
   }
 
   // The way back up stands in the elements that have been dropped.
