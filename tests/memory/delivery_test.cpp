@@ -18,7 +18,6 @@
 namespace KX {
 namespace {
 
-using testing::LogCapture;
 using testing::ParkingGate;
 using Notifications = std::vector<Notification>;
 

@@ -16,8 +16,6 @@
 namespace KX {
 namespace {
 
-using testing::LogCapture;
-using testing::LogLine;
 using testing::ParkingGate;
 
 struct StoreShutdown : ::testing::Test {

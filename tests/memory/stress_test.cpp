@@ -16,7 +16,6 @@
 namespace KX {
 namespace {
 
-using testing::LogCapture;
 
 constexpr int kThreads = 4;
 constexpr int kRaises = 20000;

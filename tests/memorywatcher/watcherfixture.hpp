@@ -34,9 +34,10 @@
 #include <kxthread/kxmutex.hpp>
 #include <kxvalue/kxvalue.hpp>
 #include <memorywatcher/kxmemorywatcher.hpp>
+#include <tests/memorywatcher/memorywatcherfortest.hpp>
 #include <tests/support/fakememory.hpp>
 #include <tests/support/fakevsm.hpp>
-#include <tests/memorywatcher/memorywatcherfortest.hpp>
+#include <tests/support/logcapture.hpp>
 
 namespace KX {
 
@@ -73,22 +74,6 @@ class FakeLauncher : public KXModule {
   std::vector<std::string> mAsked;
 };
 
-/// A log record but for its time.
-struct LogLine {
-  int level;
-  std::string category;
-  std::string file;
-  std::string function;
-  int line;
-  std::string text;
-
-  bool operator==(LogLine const&) const = default;
-};
-inline void PrintTo(LogLine const& line, std::ostream* out) {
-  *out << line.level << " [" << line.category << "] '" << line.file << "' " << line.function << ":"
-       << line.line << " \"" << line.text << '"';
-}
-
 /// What the module logs when it corrects a period.
 inline LogLine corrected(int period) {
   return {
@@ -99,38 +84,6 @@ inline LogLine corrected(int period) {
       0,
       "Period have to be multiple of 10 ms, Value will be truncated to " + std::to_string(period)};
 }
-
-/// Keeps what is logged during its lifetime, and keeps stderr quiet.
-class LogCapture {
- public:
-  LogCapture() {
-    ka::log::setStderrLevel(0);
-    ka::log::addHandler("watcherfixture", [this](ka::log::Record const& record) {
-      std::lock_guard const lock(mMutex);
-      mLines.push_back(
-          {record.level, record.category, record.file, record.function, record.line, record.text});
-    });
-  }
-  ~LogCapture() {
-    ka::log::removeHandler("watcherfixture");
-    ka::log::setStderrLevel(ka::log::Warning);
-  }
-  LogCapture(LogCapture const&) = delete;
-  LogCapture& operator=(LogCapture const&) = delete;
-
-  std::vector<LogLine> lines() const {
-    std::lock_guard const lock(mMutex);
-    return mLines;
-  }
-  void clear() {
-    std::lock_guard const lock(mMutex);
-    mLines.clear();
-  }
-
- private:
-  mutable std::mutex mMutex;
-  std::vector<LogLine> mLines;
-};
 
 /// A call on a thread of its own; the destructor waits for its end. The call must not throw.
 class Caller {

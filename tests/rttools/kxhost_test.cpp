@@ -27,7 +27,6 @@ namespace fs = std::filesystem;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
-using testing::LogCapture;
 using ::testing::StartsWith;
 
 std::string library(std::string const& name) {

@@ -12,7 +12,7 @@
 
 #include <ka/log.hpp>
 
-namespace KX::testing {
+namespace KX {
 
 /// A record without its time, so that two can be compared.
 struct LogLine {
@@ -84,4 +84,4 @@ class LogCapture {
   std::vector<LogLine> mLines;  // guarded by mMutex
 };
 
-}  // namespace KX::testing
+}  // namespace KX
