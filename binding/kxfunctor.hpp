@@ -86,8 +86,8 @@ template <class Owner, class T>
 Owner* asOwner(T* object) {
   static_assert(
       std::is_convertible_v<T*, Owner*>,
-      "the object is not known to be of the member's class: a helper of a base class takes "
-      "the object as well as the member, or casts: static_cast<Derived*>(this)");
+      "the object is not known to be of the member's class: a base class that binds members of the "
+      "classes derived from it takes the object too, or casts: static_cast<Derived*>(this)");
   return object;
 }
 

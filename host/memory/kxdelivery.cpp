@@ -1,8 +1,6 @@
 #include <host/memory/kxdelivery.hpp>
 
-#include <time.h>
-
-#include <algorithm>
+#include <ctime>
 #include <utility>
 #include <vector>
 
