@@ -84,7 +84,7 @@ class ModuleEnd : public ::testing::Test {
   }
   std::vector<std::string> logged() const {
     std::vector<std::string> texts;
-    for (ka::log::Record const& record : mHost.getLogged()) texts.push_back(record.text);
+    for (LogLine const& record : mHost.getLogged()) texts.push_back(record.text);
     return texts;
   }
 
