@@ -238,7 +238,13 @@ TEST_F(Overlap, TwoCyclesThatResolveOneKeySubscribeItOnce) {
   Caller other([this] { update(); });
   ASSERT_TRUE(mMemory->waitUntilParked(2));
 
+  // The first to go on is held where it subscribes: the key still stands among the data keys then.
+  mMemory->block("subscribeToEvent");
   mMemory->release("getType");
+  bool const isOneHeld = one.isParked();
+  bool const isOtherHeld = other.isParked();
+  EXPECT_NE(isOneHeld, isOtherHeld);
+  mMemory->release("subscribeToEvent");
   one.join();
   other.join();
 
