@@ -385,6 +385,19 @@ TEST_F(ListenerTable, InsertingReplacesWhatACallbackLeft) {
   EXPECT_FALSE(access.find("a")->hasSamples());
 }
 
+TEST_F(ListenerTable, ItemPutInPlaceOfAnotherShowsNothingOlder) {
+  for (auto const* key : {"a", "b"}) add(key);
+  KXKeyListPtr const before = list();
+  post(before, 10);
+  add("a");
+  post(before, 20);
+  post(list(), 30);
+
+  KXValue const fetched = fetch();
+  EXPECT_THAT(ints(fetched, "a"), ElementsAre(30));
+  EXPECT_THAT(ints(fetched, "b"), ElementsAre(11, 21, 31));
+}
+
 TEST_F(ListenerTable, CopyOfAnItemHoldsWhatBatchesHoldForIt) {
   for (auto const* key : {"a", "b"}) add(key, "Unknown data");
   KXKeyListPtr const before = list();

@@ -114,6 +114,16 @@ TEST_F(StopOrder, GateIsOpenedAndSlotDisconnectedBeforeTheCallbackIsWaitedFor) {
   EXPECT_EQ(ForTest::cycleCount(*mWatcher), 1);
 }
 
+// That is what a stop relies on when it has waited for the callback.
+TEST_F(StopOrder, CallbackThatComesAfterTheStopHasWaitedDoesNothing) {
+  startAndCycle(2);
+  ForTest::vsmGuard(*mWatcher)->close();
+
+  mVsm->cycle(10);
+
+  EXPECT_EQ(ForTest::cycleCount(*mWatcher), 3);
+}
+
 TEST_F(StopOrder, CountIsResetBeforeTheLoopIsWaitedFor) {
   mMemory->block("getListData");
   call("startWatching", 50);

@@ -104,9 +104,9 @@ TEST_F(Refusal, OfAConditionVariableIsTheConstructionsFailure) {
 
 TEST(SleepGateRefusal, IsTheThreadLibrarysError) {
   mutexesLeft = 0;
-  EXPECT_THROW(KXSleepGate(KXClock::system()), boost::thread_resource_error);
+  EXPECT_THROW(KXSleepGate{KXClock::system()}, boost::thread_resource_error);
   conditionsLeft = 0;
-  EXPECT_THROW(KXSleepGate(KXClock::system()), boost::thread_resource_error);
+  EXPECT_THROW(KXSleepGate{KXClock::system()}, boost::thread_resource_error);
   mutexesLeft = conditionsLeft = -1;
 }
 
