@@ -4,7 +4,6 @@
 #include <array>
 #include <cctype>
 #include <cstdint>
-#include <ranges>
 #include <utility>
 #include <vector>
 
@@ -153,8 +152,9 @@ std::vector<std::string> nearest(std::string_view name, std::span<std::string co
   }
   std::ranges::stable_sort(near, {}, &std::pair<std::size_t, std::string>::first);
   std::vector<std::string> names;
-  for (auto const& [distance, candidate] : near | std::views::take(kMost)) {
-    if (distance <= near.front().first + 1) names.push_back(candidate);
+  for (auto const& [distance, candidate] : near) {
+    bool const isFarther = distance > near.front().first + 1;
+    if (!isFarther && names.size() < kMost) names.push_back(candidate);
   }
   return names;
 }

@@ -50,10 +50,9 @@ void KXPunctuality::xTake(std::int64_t period, std::optional<std::int64_t> laten
   if (latenessUs) ++mLatenessUs[std::max<std::int64_t>(*latenessUs, 0)];
 }
 
-std::int64_t KXPunctuality::finish(std::int64_t stopUs) {
+void KXPunctuality::finish(std::int64_t stopUs) {
   xSettle(stopUs);
   mAsked = mLimit != kNoLimit ? mLimit : std::max(mLastPeriod + 1, xEndedPeriods(stopUs));
-  return mBeyondLimit;
 }
 
 KXPunctualityReport KXPunctuality::report() const {

@@ -9,6 +9,7 @@
 #include <map>
 #include <optional>
 #include <span>
+#include <utility>
 
 namespace KX::tool {
 
@@ -47,10 +48,12 @@ class KXPunctuality {
   virtual void addBatch(std::int64_t timeUs) = 0;
   /// Some moment at which a period was due, best known so far.
   virtual std::int64_t dueTimeUs() const noexcept = 0;
-  /// No batch comes any more. Returns how many of the last ones belong to periods beyond the limit:
-  /// the stop came too late for them. Without a limit those periods were asked that ended before
-  /// the stop or were taken: one that the stop cut short was not missed.
-  std::int64_t finish(std::int64_t stopUs);
+  /// How many of the last batches belong to periods beyond the limit, as far as they are settled,
+  /// without those told by a former call: nobody asked for them.
+  std::int64_t takeBeyondLimit() noexcept { return std::exchange(mBeyondLimit, 0); }
+  /// No batch comes any more: all are settled. Without a limit those periods were asked that ended
+  /// before the stop or were taken: one that the stop cut short was not missed.
+  void finish(std::int64_t stopUs);
   /// After finish().
   KXPunctualityReport report() const;
 

@@ -87,7 +87,7 @@ class KXSampleReader {
   Batches::iterator xFind(std::size_t column, KXValue const& time, Batches& batches,
                           Batches::iterator before) const;
   void xJoinHeld(Batches& batches);
-  bool xIsRaise(OpenBatch const& batch);
+  bool xIsRaise(OpenBatch const& open);
   bool xIsEvent(std::size_t column);
 
   std::vector<std::string> const mColumns;

@@ -130,11 +130,10 @@ class Watch {
     for (std::int64_t const timeUs : mTimeline->toMonotonic(std::move(wallTimesUs), now)) {
       mPunctuality->addBatch(timeUs);
     }
-    if (stopUs) {
-      // What was taken between the end of --for and the stop was not asked for.
-      auto const beyond = static_cast<std::size_t>(mPunctuality->finish(*stopUs));
-      fetched.batches.resize(fetched.batches.size() - std::min(beyond, fetched.batches.size()));
-    }
+    if (stopUs) mPunctuality->finish(*stopUs);
+    // What was taken between the last period of --for and the stop was not asked for.
+    auto const beyond = static_cast<std::size_t>(mPunctuality->takeBeyondLimit());
+    fetched.batches.resize(fetched.batches.size() - std::min(beyond, fetched.batches.size()));
     for (KXBatch const& batch : fetched.batches) mCounts.samples += batch.sampleCount();
     mCounts.events += static_cast<std::int64_t>(fetched.events.size());
     mOutput.write(mWriter->next(fetched, stopUs.has_value()), mEnd);

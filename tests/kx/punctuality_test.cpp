@@ -71,7 +71,8 @@ TEST(TimedPunctuality, AsksForAsManyPeriodsAsTheLimitWhateverTheStop) {
 TEST(TimedPunctuality, LeavesOutWhatTheStopCameTooLateFor) {
   auto punctuality = timed(50, {0.1, 50.2, 100.1, 150.3, 200.1, 250.1}, 4);
 
-  EXPECT_EQ(2, punctuality.finish(atMs(251)));
+  punctuality.finish(atMs(251));
+  EXPECT_EQ(2, punctuality.takeBeyondLimit());
   EXPECT_EQ(4, punctuality.report().asked);
   EXPECT_EQ(4, punctuality.report().taken);
   EXPECT_EQ(4, punctuality.report().latenessCount);
@@ -81,7 +82,8 @@ TEST(TimedPunctuality, LeavesOutWhatTheStopCameTooLateFor) {
 TEST(TimedPunctuality, DoesNotTakeABatchTooManyForOneThatIsMissing) {
   auto punctuality = timed(50, {0.1, 100.1, 150.3, 200.1}, 4);
 
-  EXPECT_EQ(1, punctuality.finish(atMs(200.3)));
+  punctuality.finish(atMs(200.3));
+  EXPECT_EQ(1, punctuality.takeBeyondLimit());
   EXPECT_EQ(3, punctuality.report().taken);
   EXPECT_EQ(1, punctuality.report().skipped);
 }
@@ -173,7 +175,8 @@ TEST(TimedPunctuality, StopWhileItCatchesUpLeavesTheRestOverdue) {
   EXPECT_EQ(505'000, some.maxUs);
   EXPECT_EQ(4, one.taken);
   EXPECT_EQ(4, one.overdue);
-  EXPECT_EQ(2, all.finish(atMs(806)));
+  all.finish(atMs(806));
+  EXPECT_EQ(2, all.takeBeyondLimit());
   EXPECT_EQ(8, all.report().taken);
 }
 
@@ -339,9 +342,24 @@ TEST_F(CyclePunctuality, LeavesOutWhatIsBeyondTheLimit) {
   cycles(-7, 200);
   batches({0.1, 43.1, 93.1, 143.1, 193.1});
 
-  EXPECT_EQ(1, punctuality.finish(atMs(200)));
+  punctuality.finish(atMs(200));
+  EXPECT_EQ(1, punctuality.takeBeyondLimit());
   EXPECT_EQ(4, punctuality.report().asked);
   EXPECT_EQ(4, punctuality.report().taken);
+}
+
+// The last fetch but one may come so late that it brings the first batch beyond.
+TEST_F(CyclePunctuality, TellsOfWhatIsBeyondTheLimitAsSoonAsItComes) {
+  auto& punctuality = make(50, 3);
+  cycles(-7, 200);
+  batches({0.1, 43.1, 93.1});
+  EXPECT_EQ(0, punctuality.takeBeyondLimit());
+
+  batches({143.1});
+
+  EXPECT_EQ(1, punctuality.takeBeyondLimit());
+  punctuality.finish(atMs(150));
+  EXPECT_EQ(0, punctuality.takeBeyondLimit());
 }
 
 TEST_F(CyclePunctuality, CyclesComeInPartsAsTheyAreFetched) {
