@@ -70,13 +70,13 @@ void KXListenerTable::postBatch(KXKeyListPtr list, ka::os::timeval time, KXValue
 // No access, which would take in first: memory is what is missing when this is called.
 void KXListenerTable::putBack(KXTaken&& taken) {
   KXCriticalSection const lock(mMutex);
+  mBatches.splice(mBatches.begin(), taken.batches);
   for (KXOwnSamples& own : taken.own) {
     auto const found = mEntries.find(static_cast<std::string const&>(own.key));
     if (found == mEntries.end() || found->second.since != own.since) continue;
     xMarkOwn(found->second);
     found->second.item.putSamplesInFront(std::move(own.samples));
   }
-  mBatches.splice(mBatches.begin(), taken.batches);
 }
 
 // ---- taking in
@@ -118,7 +118,7 @@ void KXListenerTable::xTakeInBatch(Post& post) {
 void KXListenerTable::xTakeInSample(Post& post) {
   // An item's own samples are older than what batches hold for it.
   if (!mBatches.empty()) xSpreadBatches();
-  Entry& entry = xEntry(std::string(post.key()));
+  Entry& entry = xEntry(post.key());
   xAddSample(entry, {post.timeUs / 1'000'000, post.timeUs % 1'000'000}, post.value);
 }
 
@@ -145,13 +145,13 @@ void KXListenerTable::xAddSample(Entry& entry, ka::os::timeval time, KXValue con
   entry.item.addData(time, value);
 }
 
-KXListenerTable::Entry& KXListenerTable::xEntry(std::string const& key) {
+KXListenerTable::Entry& KXListenerTable::xEntry(std::string_view key) {
   auto const found = mEntries.find(key);
   if (found != mEntries.end()) return found->second;
   Entry entry;
-  entry.key = KXValue(key);
+  entry.key = KXValue(std::string(key));
   entry.since = mVersion + 1;
-  Entry& made = mEntries.emplace(key, std::move(entry)).first->second;
+  Entry& made = mEntries.emplace(std::string(key), std::move(entry)).first->second;
   xChangeKeys();
   return made;
 }
@@ -259,8 +259,9 @@ std::vector<std::pair<std::string, std::string>> KXListenerTable::Access::nature
 
 void KXListenerTable::Access::insert(std::string const& key, KXMemoryWatcherItem item) {
   mTable.mMutex->assertHeld();
-  // First, so that a key that was made does not stand there without its item.
-  mTable.mWithOwnSamples.reserve(mTable.mWithOwnSamples.size() + 1);
+  // First, so that no memory is wanted once the key is made: it would stand there without its item.
+  std::vector<Entry*>& withOwn = mTable.mWithOwnSamples;
+  if (withOwn.size() == withOwn.capacity()) withOwn.reserve(2 * withOwn.size() + 16);
   Entry& entry = mTable.xEntry(key);
   if (item.hasSamples()) mTable.xMarkOwn(entry);
   entry.item = std::move(item);
@@ -282,6 +283,7 @@ KXListenerTable::Dropped KXListenerTable::Access::erase(std::string const& key) 
   if (found == mTable.mEntries.end()) return dropped;
   mTable.xUnmarkOwn(found->second);
   dropped.entries.insert(mTable.mEntries.extract(found));
+  ++mTable.mRemovals;
   mTable.xChangeKeys();
   return dropped;
 }
@@ -291,6 +293,7 @@ KXListenerTable::Dropped KXListenerTable::Access::eraseAll() {
   Dropped dropped;
   dropped.entries.swap(mTable.mEntries);
   dropped.batches.swap(mTable.mBatches);
+  ++mTable.mRemovals;
   mTable.mWithOwnSamples.clear();
   mTable.xChangeKeys();
   return dropped;
@@ -298,8 +301,15 @@ KXListenerTable::Dropped KXListenerTable::Access::eraseAll() {
 
 KXTaken KXListenerTable::Access::take() {
   mTable.mMutex->assertHeld();
+  KXKeyListPtr const keys = list();
+  KXTaken taken = takeSamples();
+  taken.list = keys;
+  return taken;
+}
+
+KXTaken KXListenerTable::Access::takeSamples() {
+  mTable.mMutex->assertHeld();
   KXTaken taken;
-  taken.list = list();
   taken.own.reserve(mTable.mWithOwnSamples.size());
   // From here on nothing can fail.
   for (Entry* const entry : mTable.mWithOwnSamples) {

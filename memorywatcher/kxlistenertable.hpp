@@ -2,13 +2,16 @@
 // Any thread posts; everything else goes through KXListenerTable::Access, which holds the mutex.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -46,7 +49,8 @@ struct KXBatch {
   std::uint32_t begin;
   std::uint32_t end;
 };
-/// In order of posting, in pieces of a fixed size: growing moves none, and two are joined at once.
+/// In order of posting, in pieces of a fixed size: growing moves none, and two are joined in
+/// constant time and without memory, which putBack() needs.
 using KXBatches = std::list<std::vector<KXBatch>>;
 
 /// The samples that stand in an item itself: its first one, and events.
@@ -91,9 +95,14 @@ class KXListenerTable {
   /// Posts the elements [begin, end) of `values`, an array that was read for `list`.
   void postBatch(KXKeyListPtr list, ka::os::timeval time, KXValue values, std::size_t begin,
                  std::size_t end);
-  /// Puts back what an access took, in front of what has come since, and of what still waits. Leaves
-  /// out what keys that were removed meanwhile had of their own. Waits for the mutex.
+  /// Puts back what an access took, in front of what has come since, and of what still waits.
+  /// Leaves out what keys that were removed meanwhile had of their own. Waits for the mutex.
+  /// Batches always go back; std::bad_alloc if there is no memory to put an item's own samples
+  /// before newer ones.
   void putBack(KXTaken&& taken);
+  /// Counts the removals of keys. Told without the mutex: whoever finds it as it was under the
+  /// mutex knows that no key has been removed since.
+  std::uint64_t removals() const noexcept { return mRemovals; }
   /// How many posts wait to be taken in.
   std::size_t waiting() const noexcept { return mMailbox.size(); }
 
@@ -105,7 +114,7 @@ class KXListenerTable {
     std::uint64_t since = 0;
     std::size_t ownPlace = 0;  // in mWithOwnSamples, counted from 1; 0 if it is not there
   };
-  using Entries = std::map<std::string, Entry>;
+  using Entries = std::map<std::string, Entry, std::less<>>;
 
   void xTakeIn() KX_REQUIRES(*mMutex);
   void xTakeInWaiting() KX_REQUIRES(*mMutex);
@@ -113,7 +122,7 @@ class KXListenerTable {
   void xTakeInSample(Post& post) KX_REQUIRES(*mMutex);
   void xSpreadBatches() KX_REQUIRES(*mMutex);
   void xAddSample(Entry& entry, ka::os::timeval time, KXValue const& value) KX_REQUIRES(*mMutex);
-  Entry& xEntry(std::string const& key) KX_REQUIRES(*mMutex);
+  Entry& xEntry(std::string_view key) KX_REQUIRES(*mMutex);
   void xMarkOwn(Entry& entry) KX_REQUIRES(*mMutex);
   void xUnmarkOwn(Entry& entry) noexcept KX_REQUIRES(*mMutex);
   void xChangeKeys() noexcept KX_REQUIRES(*mMutex);
@@ -125,6 +134,7 @@ class KXListenerTable {
   KXBatches mBatches KX_GUARDED_BY(*mMutex);
   std::vector<Entry*> mWithOwnSamples KX_GUARDED_BY(*mMutex);
   std::uint64_t mVersion KX_GUARDED_BY(*mMutex) = 1;
+  std::atomic<std::uint64_t> mRemovals{0};
   KXKeyListPtr mList KX_GUARDED_BY(*mMutex);  // null when the keys have changed since it was made
 };
 
@@ -146,7 +156,8 @@ class KXListenerTable::Access {
   Access(Access const&) = delete;
   Access& operator=(Access const&) = delete;
 
-  /// Takes in what was posted since. Whoever waited for somebody else meanwhile wants it.
+  /// Takes in what was posted since. For after a call to the store, before an entry is replaced or
+  /// erased: what arrived meanwhile belongs to the old one.
   void takeIn();
 
   /// Null if the key is not there. What batches hold for the key does not stand in the item.
@@ -167,6 +178,8 @@ class KXListenerTable::Access {
   /// Moves out everything buffered; the keys stay. Moves as many things as there are batches and
   /// items with samples of their own, however many samples those hold.
   KXTaken take();
+  /// As take(), but for the list of keys, which is left null.
+  KXTaken takeSamples();
 
  private:
   std::optional<KXCriticalSection> mLock;

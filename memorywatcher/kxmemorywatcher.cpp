@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <exception>
+#include <mutex>
 
 #include <boost/function.hpp>
 
@@ -46,25 +47,45 @@ ptime utcTime(KXMoment const& moment) {
   return epoch() + microseconds(moment.wallUs);
 }
 
-// The module whose loop this thread is running; null in no loop.
-thread_local KXMemoryWatcher const* tLoopOf = nullptr;
-
+// Stands around a loop, so that what is called from within it knows where it is.
 class InLoop {
  public:
-  explicit InLoop(KXMemoryWatcher const& watcher) : mOuter(std::exchange(tLoopOf, &watcher)) {}
-  ~InLoop() { tLoopOf = mOuter; }
+  explicit InLoop(KXMemoryWatcher const& watcher)
+      : mWatcher(watcher), mOuter(std::exchange(tInnermost, this)) {}
+  ~InLoop() { tInnermost = mOuter; }
   InLoop(InLoop const&) = delete;
   InLoop& operator=(InLoop const&) = delete;
 
- private:
-  KXMemoryWatcher const* const mOuter;
-};
+  /// True on a thread that is running the module's loop.
+  static bool of(KXMemoryWatcher const& watcher) {
+    InLoop const* loop = tInnermost;
+    while (loop != nullptr && &loop->mWatcher != &watcher) loop = loop->mOuter;
+    return loop != nullptr;
+  }
 
-// What came out of the loop, being handled. No cycle catches it, so nobody samples any more.
-void warnStandstill(char const* function) {
-  ka::log::LogStream(ka::log::Warning, kModuleName, "", function, 0)
-      << "the watch stands still: " << describeCurrentException()
-      << "; only stopWatching and then startWatching set it going again";
+ private:
+  static thread_local InLoop const* tInnermost;  // this thread's; null in no loop
+
+  KXMemoryWatcher const& mWatcher;
+  InLoop const* const mOuter;
+};
+thread_local InLoop const* InLoop::tInnermost = nullptr;
+
+// Called in a catch block around the loop: nobody samples any more.
+void warnStandstill(char const* function) noexcept {
+  try {
+    ka::log::LogStream(ka::log::Warning, kModuleName, "", function, 0)
+        << "the watch stands still: " << describeCurrentException()
+        << "; only stopWatching and then startWatching set it going again";
+  } catch (...) {
+    // Out of memory: the line is lost, the host goes on.
+  }
+}
+
+// For the way out of a failed fetch, whose own error is the one that counts.
+void putBackLogged(KXListenerTable& table, KXTaken& taken) {
+  ka::log::runLogged(kModuleName, "getData", "putting samples back failed",
+                     [&] { table.putBack(std::move(taken)); });
 }
 
 }  // namespace
@@ -209,7 +230,7 @@ void KXMemoryWatcher::addListener(std::string const& name) {
   }
   // What a callback for the new key left behind since the subscription gives way to the entry.
   items.takeIn();
-  items.insert(name, item);
+  items.insert(name, std::move(item));
 }
 
 void KXMemoryWatcher::addListeners(std::vector<std::string> const& listNames) {
@@ -334,8 +355,8 @@ KXValue KXMemoryWatcher::getData() {
     return buildFetch(data, events);
   } catch (...) {
     // Nothing is lost for want of memory.
-    mDataItems.putBack(std::move(data));
-    mEventItems.putBack(std::move(events));
+    putBackLogged(mDataItems, data);
+    putBackLogged(mEventItems, events);
     throw;
   }
 }
@@ -347,11 +368,11 @@ void KXMemoryWatcher::clearBuffer() {
 
 // What is taken is dropped behind the access, without a lock.
 void KXMemoryWatcher::clearBufferData() {
-  KXTaken const dropped = KXListenerTable::Access(mDataItems).take();
+  KXTaken const dropped = KXListenerTable::Access(mDataItems).takeSamples();
 }
 
 void KXMemoryWatcher::clearBufferEvent() {
-  KXTaken const dropped = KXListenerTable::Access(mEventItems).take();
+  KXTaken const dropped = KXListenerTable::Access(mEventItems).takeSamples();
 }
 
 // ---- watch control, period and pacing
@@ -416,10 +437,18 @@ void KXMemoryWatcher::xStartCyclePacing() {
     guard->leave();
   };
   mVsmConnection = vsm->cycleSignal().connect(slot);
-  // A run that ended itself may still be in its last cycle: samples are filed in their order.
+  // A run that ended itself may still be in its last cycle: samples are posted in their order.
   auto const earlier = std::make_shared<boost::thread>(std::move(mWatchThread));
-  mWatchThread =
-      boost::thread([this, run = mRun.load(), earlier] { xRunWatchThread(run, *earlier); });
+  try {
+    mWatchThread = boost::thread([this, run = mRun.load(), loops = mLoops, earlier] {
+      if (earlier->joinable()) earlier->join();
+      // Until here the module may have gone, in that last cycle.
+      if (loops->enter()) xRunWatchThread(run, *loops);
+    });
+  } catch (...) {
+    mWatchThread = std::move(*earlier);
+    throw;
+  }
 }
 
 void KXMemoryWatcher::xStartTimedPacing() {
@@ -450,7 +479,7 @@ void KXMemoryWatcher::stopWatching() {
 void KXMemoryWatcher::xStopTimedPacing() {
   // A loop that stops the watch itself leaves after its cycle. Until then it keeps the gate, which
   // a task that was started since waits for.
-  if (tLoopOf == this) return;
+  if (InLoop::of(*this)) return;
   int const taskId = mMainThreadTaskId;
   // On purpose asked of the store's proxy, although the call was made through our own.
   if (taskId == 0 || !mMemoryProxy->isRunning(taskId)) return;
@@ -469,7 +498,7 @@ void KXMemoryWatcher::xStopCyclePacing() {
   mCycleCount = 1;
   // A loop that stops the watch itself can wait neither for its own end nor for one that follows
   // it.
-  if (mWatchThread.joinable() && tLoopOf != this) mWatchThread.join();
+  if (mWatchThread.joinable() && !InLoop::of(*this)) mWatchThread.join();
 }
 
 void KXMemoryWatcher::xOnVSMUpdate() {
@@ -481,18 +510,15 @@ void KXMemoryWatcher::xOnVSMUpdate() {
   }
 }
 
-void KXMemoryWatcher::xRunWatchThread(int run, boost::thread& earlier) noexcept {
-  std::shared_ptr<KXCallbackGuard> const loops = mLoops;
+void KXMemoryWatcher::xRunWatchThread(int run, KXCallbackGuard& loops) noexcept {
   InLoop const inLoop(*this);
   KXModuleScope const scope(*this);  // ends first: the module may be destroyed in it
-  if (!loops->enter()) return;
-  if (earlier.joinable()) earlier.join();
   try {
     xUpdateDataLoop(run);
   } catch (...) {
     warnStandstill("xUpdateDataLoop");
   }
-  loops->leave();
+  loops.leave();
 }
 
 void KXMemoryWatcher::xUpdateDataLoop(int run) {
@@ -508,7 +534,7 @@ void KXMemoryWatcher::xUpdateDataLoop(int run) {
 }
 
 void KXMemoryWatcher::xMainThread() {
-  if (tLoopOf == this) return;  // it would wait for its own end
+  if (InLoop::of(*this)) return;  // it would wait for its own end
   try {
     InLoop const inLoop(*this);
     xRunMainThread();
@@ -521,12 +547,8 @@ void KXMemoryWatcher::xMainThread() {
 
 void KXMemoryWatcher::xRunMainThread() {
   ka::os::FineTimers const fineTimers;
-  mSleepGate.lock();
   // Unlocked on every way out: a store that fails must not lock out the next run.
-  auto const unlock = [](KXSleepGate* gate) {
-    gate->unlock();
-  };
-  std::unique_ptr<KXSleepGate, decltype(unlock)> const held(&mSleepGate, unlock);
+  std::lock_guard<KXSleepGate> const held(mSleepGate);
   int const run = mRun;
   if (!mUseTimedSleep) {
     // A client's own call beside the hardware cycle: no start has set a deadline for it.
@@ -589,7 +611,7 @@ void KXMemoryWatcher::xUpdateValues(KXListenerTable& items) {
   try {
     xReadBatch(items, list, resolvesNatures);
   } catch (KXError const& error) {
-    // The period is lost for the keys that were not filed; the next one goes on.
+    // The period is lost for the keys whose values were not posted; the next one goes on.
     ka::log::LogStream(ka::log::Warning, "memoryWatcher", "", "xUpdateValues", 0)
         << "Error caught getting data: " << messageOf(error);
   }
@@ -630,20 +652,36 @@ void KXMemoryWatcher::xReadBatch(KXListenerTable& items, KXKeyListPtr const& lis
 void KXMemoryWatcher::xResolveNature(std::string const& name, std::vector<std::string>& promoted) {
   std::string const nature = mMemoryProxy->getType(name);
   if (nature == kUnknownData) return;
-  KXMemoryWatcherItem item;
-  {
-    KXListenerTable::Access data(mDataItems);
-    KXMemoryWatcherItem const* const known = data.find(name);
-    // Removed by a client meanwhile, or resolved by another cycle.
-    if (known == nullptr || known->getNature() != kUnknownData) return;
-    data.retype(name, nature);
-    if (!isEventNature(nature)) return;
-    item = data.itemWithSamples(name);
+  std::string expected = kUnknownData;
+  for (;;) {
+    KXMemoryWatcherItem item;
+    std::uint64_t removals = 0;
+    {
+      KXListenerTable::Access data(mDataItems);
+      KXMemoryWatcherItem const* const known = data.find(name);
+      // Removed by a client meanwhile, or resolved by another cycle.
+      if (known == nullptr || known->getNature() != expected) return;
+      if (isEventNature(nature)) {
+        item = data.itemWithSamples(name);
+        item.setNature(nature);
+      }
+      promoted.reserve(promoted.size() + 1);
+      data.retype(name, nature);
+      if (!isEventNature(nature)) return;
+      removals = mDataItems.removals();
+    }
+    KXListenerTable::Access events(mEventItems);
+    // Only one lock is held at a time, so a client may have removed the key in between. Who removes
+    // it from now on waits for the event keys, and finds it there.
+    if (mDataItems.removals() != removals) {
+      expected = nature;
+      continue;
+    }
+    promoted.push_back(name);
+    events.insert(name, std::move(item));
+    xSubscribe(name, nature);
+    return;
   }
-  promoted.push_back(name);
-  KXListenerTable::Access events(mEventItems);
-  events.insert(name, std::move(item));
-  xSubscribe(name, nature);
 }
 
 void KXMemoryWatcher::xErasePromoted(std::vector<std::string> const& promoted) {

@@ -111,7 +111,7 @@ class KXMemoryWatcher : public KXModule {
   void xSetNextWakeTime() KX_REQUIRES(*mPacingMutex);
   void xOnVSMUpdate();
   void xUpdateDataLoop(int run);
-  void xRunWatchThread(int run, boost::thread& earlier) noexcept;
+  void xRunWatchThread(int run, KXCallbackGuard& loops) noexcept;
   bool xGoesOn(int run) const { return mIsWatching && mRun == run; }
   void xStartCyclePacing();
   void xStartTimedPacing();

@@ -100,7 +100,8 @@ class KX_API KXModuleCore : public boost::enable_shared_from_this<KXModuleCore> 
 
 /// How a module ends, whoever drops its last reference: it is marked as closing, which runs its
 /// hooks; its parallel calls are waited for, and none begins any more; it is destroyed. On a thread
-/// that is inside the module this waits for that thread's way out (KXModuleScope).
+/// that is inside the module this is left to that thread's way out (KXModuleScope), and if other
+/// parallel calls are inside by then, to the last of them.
 struct KX_API KXModuleEnd {
   void operator()(KXModuleCore* module) const noexcept;
 };

@@ -17,7 +17,9 @@ KXModuleScope::KXModuleScope(KXModuleCore& module) noexcept : mModule(module), m
 
 KXModuleScope::~KXModuleScope() {
   tInnermost = mOuter;
-  if (mIsToEndModule) KXModuleEnd()(&mModule);
+  // Not waiting for the module's other parallel calls: one of them may wait for this thread. The
+  // last of them ends the module then.
+  if (mIsToEndModule && mModule.getParallelCalls()->abandon()) delete &mModule;
 }
 
 KXModuleScope* KXModuleScope::xOutermost(KXModuleCore const& module) noexcept {

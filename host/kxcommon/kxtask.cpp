@@ -23,9 +23,9 @@ int nextTaskId() {
 class InParallelCall {
  public:
   explicit InParallelCall(KXModuleCore& core)
-      : mScope(core), mGuard(core.getParallelCalls()), mHasEntered(mGuard->enter()) {}
+      : mCore(core), mScope(core), mGuard(core.getParallelCalls()), mHasEntered(mGuard->enter()) {}
   ~InParallelCall() {
-    if (mHasEntered) mGuard->leave();
+    if (mHasEntered && mGuard->leave()) KXModuleScope::takeOver(mCore);
   }
   InParallelCall(InParallelCall const&) = delete;
   InParallelCall& operator=(InParallelCall const&) = delete;
@@ -33,7 +33,8 @@ class InParallelCall {
   bool hasEntered() const noexcept { return mHasEntered; }
 
  private:
-  KXModuleScope const mScope;  // ends last: the module may die in it, which waits for the guard
+  KXModuleCore& mCore;
+  KXModuleScope const mScope;  // ends last: the module may die in it
   std::shared_ptr<KXCallbackGuard> const mGuard;
   bool const mHasEntered;
 };

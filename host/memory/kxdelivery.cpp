@@ -58,8 +58,14 @@ KXDelivery::QueuePointer KXDelivery::xQueueOf(std::string const& module) {
 
 bool KXDelivery::post(KXSubscriptionList const& subscribers, KXValue const& value) {
   bool isToAttend = false;
-  for (auto const& subscription : subscribers) {
-    isToAttend = subscription->queue->post(subscription, value) || isToAttend;
+  try {
+    for (auto const& subscription : subscribers) {
+      isToAttend = subscription->queue->post(subscription, value) || isToAttend;
+    }
+  } catch (...) {
+    // Memory for one of them is missing: those before it have a notification that wakes them.
+    attend(subscribers);
+    throw;
   }
   return isToAttend;
 }
