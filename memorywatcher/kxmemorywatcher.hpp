@@ -41,10 +41,13 @@ namespace KX {
 /// its cycle.
 ///
 /// Locks: mDataMutex guards mDataItems, mEventMutex guards mEventItems; who needs both takes
-/// mEventMutex first. The update cycle and onEventNotify() wait for neither: they post, and whoever
-/// holds the mutex takes in what waits before anything else. Clients hold the mutexes for moments,
-/// however much is buffered: what is taken out under them is worked on without them.
-/// The two gates are signals, not locks.
+/// mEventMutex first. onEventNotify() takes neither, it posts. The update cycle posts too; it skips
+/// its period if it finds its mutex held when it begins, and waits only where it moves a key to the
+/// events. Whoever holds a mutex takes in what waits before anything else. Clients hold them for
+/// moments, however much is buffered, but mEventMutex also while the store answers to a subscription
+/// or to its end. mControlMutex comes before mPacingMutex, and neither beside the two others.
+/// What a start makes (mWatchThread, mVsmConnection, mVsmGuard) belongs to it, and to the stop while
+/// mIsStopping. The two gates are signals, not locks.
 ///
 /// Errors: what the store or the host throws reaches the caller, but where an operation says that
 /// it logs it.
