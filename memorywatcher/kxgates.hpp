@@ -1,4 +1,5 @@
-// Wake-up signals between threads. They are no data locks: one thread locks, another unlocks.
+// What loops wait at: the gate that the hardware cycle opens, and the sleep of timed pacing.
+// Neither guards any data.
 #pragma once
 
 #include <atomic>
@@ -12,7 +13,8 @@
 
 namespace KX {
 
-/// The gate of the hardware cycle, initially open. Opening it is one atomic exchange and, if
+/// The gate of the hardware cycle, initially open, so that a loop's first cycle comes at once.
+/// Opening it is one atomic exchange and, if
 /// somebody waits, one wake-up: no lock, no allocation. Opening it twice is opening it once.
 class KXCycleGate {
  public:
@@ -32,7 +34,7 @@ class KXSleepGate {
  public:
   /// Throws boost::thread_resource_error if the system is out of mutexes or condition variables.
   explicit KXSleepGate(KXClock& clock) : mMutex(std::in_place), mClock(clock) {}
-  /// The mutex goes before the condition variable.
+  /// The mutex is made first and goes first.
   ~KXSleepGate() { mMutex.reset(); }
   KXSleepGate(KXSleepGate const&) = delete;
   KXSleepGate& operator=(KXSleepGate const&) = delete;

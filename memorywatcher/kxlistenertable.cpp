@@ -52,7 +52,7 @@ struct KXListenerTable::Post {
 KXListenerTable::KXListenerTable(boost::shared_ptr<KXMutex> mutex) : mMutex(std::move(mutex)) {}
 
 KXListenerTable::~KXListenerTable() {
-  mMutex->assertHeld();  // nobody else is left
+  mMutex->assertHeld();  // for the analysis: there is nobody left to hold it against
   KXMailbox<Post>::drop(mWaiting);
 }
 

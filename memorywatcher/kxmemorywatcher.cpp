@@ -29,9 +29,12 @@ using boost::posix_time::microseconds;
 constexpr int kCycleMs = 10;
 constexpr char const* kModuleName = "KXMemoryWatcher";
 constexpr char const* kEventMethod = "_onEventNotify";
+// On purpose not the module's name: filters of the log, and kx, know the lines about keys that
+// could not be found or read by this category and their very words.
+constexpr char const* kStoreCategory = "memoryWatcher";
 
-// Events wait in front of their table until somebody looks at it. More than so many of them the
-// update cycle takes in, so that they do not keep the next client waiting.
+// Events wait in front of their table until somebody has access to it. Above this number the cycle
+// takes them in itself, so that the next client need not.
 constexpr std::size_t kManyEvents = 65536;
 
 bool isEventNature(std::string const& nature) {
@@ -209,7 +212,7 @@ void KXMemoryWatcher::addListener(std::string const& name) {
     item.setNature(mMemoryProxy->getType(name));
   } catch (KXError const&) {
     // The store does not know the key yet: it is watched as data until its kind is known.
-    ka::log::LogStream(ka::log::Warning, "memoryWatcher", "", "addListener", 0)
+    ka::log::LogStream(ka::log::Warning, kStoreCategory, "", "addListener", 0)
         << "The key " << name
         << " could not be found, but it will be watched as soon as it becomes available.";
   }
@@ -224,6 +227,9 @@ void KXMemoryWatcher::addListener(std::string const& name) {
   bool const isEvent = isEventNature(item.getNature());
   KXListenerTable::Access items(isEvent ? mEventItems : mDataItems);
   if (items.find(name) != nullptr) return;
+  // On purpose asked anew: after a start in between, the first sample has no time and no value. The
+  // subscription is made under the lock, so that a removal finds the key either absent or
+  // subscribed.
   if (mIsWatching) {
     item.addData(firstTime, firstValue);
     if (isEvent) xSubscribe(name, item.getNature());
@@ -407,7 +413,7 @@ void KXMemoryWatcher::startWatching(int const& period) {
   KXCriticalSection const control(mControlMutex);
   // A stop in progress is not waited for: it may wait for the very cycle that calls here.
   if (mIsStarting || mIsWatching || mIsStopping || isClosing()) return;
-  mIsStarting = true;
+  mIsStarting = true;  // on purpose still set if this throws: the way back is a stop
   setPeriodMs(period);
   {
     KXCriticalSection const lock(mPacingMutex);
@@ -530,6 +536,8 @@ void KXMemoryWatcher::xUpdateDataLoop(int run) {
     if (weak_from_this().expired()) break;
     xFollowClock();
   }
+  // Open again: the first cycle of the next run comes at once, and a loop that waits beside this
+  // one gets to see that it is over.
   mCycleGate.unlock();
 }
 
@@ -612,7 +620,7 @@ void KXMemoryWatcher::xUpdateValues(KXListenerTable& items) {
     xReadBatch(items, list, resolvesNatures);
   } catch (KXError const& error) {
     // The period is lost for the keys whose values were not posted; the next one goes on.
-    ka::log::LogStream(ka::log::Warning, "memoryWatcher", "", "xUpdateValues", 0)
+    ka::log::LogStream(ka::log::Warning, kStoreCategory, "", "xUpdateValues", 0)
         << "Error caught getting data: " << messageOf(error);
   }
   if (mEventItems.waiting() > kManyEvents) xTakeInManyEvents();
@@ -645,7 +653,7 @@ void KXMemoryWatcher::xReadBatch(KXListenerTable& items, KXKeyListPtr const& lis
     }
   }
   postUpTo(wanted);
-  values = KXValue();  // whoever fetches it may take it apart
+  values = KXValue();  // our share goes, so that a fetch may take the answer apart without a copy
   xErasePromoted(promoted);
 }
 

@@ -44,10 +44,10 @@ namespace KX {
 /// mEventMutex first. onEventNotify() takes neither, it posts. The update cycle posts too; it skips
 /// its period if it finds its mutex held when it begins, and waits only where it moves a key to the
 /// events. Whoever holds a mutex takes in what waits before anything else. Clients hold them for
-/// moments, however much is buffered, but mEventMutex also while the store answers to a subscription
-/// or to its end. mControlMutex comes before mPacingMutex, and neither beside the two others.
-/// What a start makes (mWatchThread, mVsmConnection, mVsmGuard) belongs to it, and to the stop while
-/// mIsStopping. The two gates are signals, not locks.
+/// moments, however much is buffered, but mEventMutex also while the store answers to a
+/// subscription or to its end. mControlMutex comes before mPacingMutex, and neither beside the two
+/// others. What a start makes (mWatchThread, mVsmConnection, mVsmGuard) belongs to it, and to the
+/// stop while mIsStopping. The two gates are signals, not locks.
 ///
 /// Errors: what the store or the host throws reaches the caller, but where an operation says that
 /// it logs it.
@@ -90,13 +90,14 @@ class KXMemoryWatcher : public KXModule {
   /// Called by the store for each raise of a subscribed key. Takes no lock and waits for nobody.
   void onEventNotify(std::string const& dataName, KXValue const& dataValue, KXValue const& message);
 
+  // For callers in this process; not published.
   void subscribeToEvent(std::string const& name);
   void subscribeToMicroEvent(std::string const& name);
   /// Logs it if the store refuses.
   void unsubscribeFromEvent(std::string const& name);
   /// Logs it if the store refuses.
   void unsubscribeFromMicroEvent(std::string const& name);
-  /// Subscribes every event key that is watched.
+  /// Reads every event key that is watched once, as a cycle does, and subscribes it.
   void subscribeToEvents();
   /// Ends the subscription of every event key that is watched; the keys stay.
   void unsubscribeFromEvents();

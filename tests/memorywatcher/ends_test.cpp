@@ -216,6 +216,35 @@ TYPED_TEST(Ends, LastReferenceMayFallInTheModulesOwnCycle) {
 
 // The store asks for the type of a key, and the module goes meanwhile, while clients' parallel
 // calls wait for the loop.
+// The stop waits for the loop, so the loop's way out may not wait for the stop.
+TYPED_TEST(Ends, LastReferenceMayFallInACycleThatAParallelStopWaitsFor) {
+  this->inCycle([this](int cycle) {
+    if (cycle > 1) return;
+    {
+      auto const client = this->client();
+      client->pCall("stopWatching");
+    }
+    ASSERT_TRUE(becomesTrue([this] { return !this->mWatcher->isWatching(); }));
+    this->dropAll();
+  });
+  this->startAnHour();
+
+  this->expectOneEnd();
+}
+
+// The loop that was started waits for the one that started it, which ends the module.
+TYPED_TEST(Ends, LastReferenceMayFallInACycleThatHasStartedTheWatchAnew) {
+  this->inCycle([this](int cycle) {
+    if (cycle > 1) return;
+    this->mWatcher->stopWatching();
+    this->mWatcher->startWatching(kHourMs);
+    this->dropAll();
+  });
+  this->startAnHour();
+
+  this->expectOneEnd();
+}
+
 TYPED_TEST(Ends, LastReferenceMayFallWhereTheCycleResolvesANature) {
   this->add("unknown");
   this->add("event");

@@ -248,6 +248,40 @@ TEST_P(Promotion, MovesTheKeyWithItsSamplesAndSubscribesIt) {
       (Calls{{"getListData", {KXValue(Names{"k"})}}, {"getType", {"k"}}, GetParam().subscription}));
 }
 
+// The cycle holds one lock at a time: it has copied the key and waits for the event keys.
+TEST_P(Promotion, KeyThatIsRemovedOnItsWayStaysRemoved) {
+  addUnknown({"k", "other"});
+  mMemory->set("k", GetParam().nature, 7);
+  boost::shared_ptr<KXMutex> const mutex = eventMutex();
+  mutex->lock();
+  Caller cycle([this] { update(); });
+  EXPECT_TRUE(cycle.isParked());
+
+  mWatcher->removeListener("k");
+  mutex->unlock();
+  cycle.join();
+
+  EXPECT_EQ(listeners(), Names{"other"});
+  EXPECT_TRUE(mMemory->getCalls(GetParam().subscription.method).empty());
+}
+
+TEST_P(Promotion, RemovalOfAnotherKeyOnItsWayDoesNotKeepItBack) {
+  addUnknown({"k", "other"});
+  mMemory->set("k", GetParam().nature, 7);
+  boost::shared_ptr<KXMutex> const mutex = eventMutex();
+  mutex->lock();
+  Caller cycle([this] { update(); });
+  EXPECT_TRUE(cycle.isParked());
+
+  mWatcher->removeListener("other");
+  mutex->unlock();
+  cycle.join();
+
+  EXPECT_THAT(dataItems(), testing::IsEmpty());
+  EXPECT_EQ(eventItems().at("k").getNature(), GetParam().nature);
+  EXPECT_EQ(mMemory->getCalls(GetParam().subscription.method).size(), 1U);
+}
+
 TEST_P(Promotion, LaterValuesComeThroughTheCallbackOnly) {
   addUnknown({"k"});
   mMemory->set("k", GetParam().nature, 7);
