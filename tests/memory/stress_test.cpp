@@ -16,7 +16,6 @@
 namespace KX {
 namespace {
 
-
 constexpr int kThreads = 4;
 constexpr int kRaises = 20000;
 
