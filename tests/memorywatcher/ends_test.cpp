@@ -151,9 +151,10 @@ TYPED_TEST(Ends, RemovalDoesNotWaitForClientsParallelCalls) {
 
   this->dropAll();
 
-  EXPECT_EQ(*this->mEnds, 1);
   EXPECT_TRUE(this->mBroker->waitForTask(first, 30'000));
   EXPECT_TRUE(this->mBroker->waitForTask(second, 30'000));
+  // A call that was just about to begin may have had the last reference.
+  EXPECT_TRUE(becomesTrue([this] { return *this->mEnds == 1; }));
 }
 
 TYPED_TEST(Ends, ModuleThatAClientHoldsEndsWithTheProxy) {

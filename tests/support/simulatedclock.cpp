@@ -41,9 +41,13 @@ int SimulatedClock::xParked() const {
                     [this](Sleeper const& sleeper) { return sleeper.deadlineNs > mNowNs; }));
 }
 
+bool SimulatedClock::xWaitUntilParked(std::unique_lock<std::mutex>& lock, int sleepers) {
+  return mChanged.wait_for(lock, std::chrono::seconds(30), [&] { return xParked() >= sleepers; });
+}
+
 bool SimulatedClock::waitUntilParked(int sleepers) {
   std::unique_lock lock(mMutex);
-  return mChanged.wait_for(lock, std::chrono::seconds(30), [&] { return xParked() >= sleepers; });
+  return xWaitUntilParked(lock, sleepers);
 }
 
 bool SimulatedClock::waitUntilParkedForMs(std::int64_t ms) {
@@ -71,10 +75,11 @@ void SimulatedClock::xMoveTo(std::unique_lock<std::mutex>& lock, std::int64_t ns
 }
 
 bool SimulatedClock::advanceByNs(std::int64_t ns, int sleepers) {
-  std::int64_t const target = monotonicNs() + ns;
+  std::unique_lock lock(mMutex);
+  std::int64_t const target = mNowNs + ns;
   for (;;) {
-    if (!waitUntilParked(sleepers)) return false;
-    std::unique_lock lock(mMutex);
+    // With the lock kept: whoever is parked is still so when the next deadline is looked for.
+    if (!xWaitUntilParked(lock, sleepers)) return false;
     std::int64_t next = std::max(target, mNowNs);  // a thread at work may have jumped ahead
     for (Sleeper const& sleeper : mSleepers) {
       if (sleeper.deadlineNs > mNowNs) next = std::min(next, sleeper.deadlineNs);
@@ -82,7 +87,7 @@ bool SimulatedClock::advanceByNs(std::int64_t ns, int sleepers) {
     xMoveTo(lock, next);
     if (next >= target) break;
   }
-  return waitUntilParked(sleepers);
+  return xWaitUntilParked(lock, sleepers);
 }
 
 void SimulatedClock::jumpByMs(std::int64_t ms) {

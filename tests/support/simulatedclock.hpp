@@ -52,6 +52,7 @@ class SimulatedClock : public KXClock {
   };
 
   int xParked() const;
+  bool xWaitUntilParked(std::unique_lock<std::mutex>& lock, int sleepers);
   void xMoveTo(std::unique_lock<std::mutex>& lock, std::int64_t ns);
 
   std::mutex mMutex;
