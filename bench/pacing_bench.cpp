@@ -187,12 +187,14 @@ void loss(benchmark::State& state) {
       });
     }
     for (std::thread& client : clients) client.join();
-    std::this_thread::sleep_until(end);
+    // In the midst of a period, so that it is certain which batch is the last.
+    std::this_thread::sleep_until(end + std::chrono::milliseconds(kPeriodMs / 2));
     host.watcher().stopWatching();
     fetch();
-    auto const periods = (KXMemoryWatcherForTest::nextWakeTime(host.watcher()) - firstDeadline)
-                             .total_microseconds() /
-                         kPeriodUs;
+    // With the one at the start.
+    auto const periods = 1 + (KXMemoryWatcherForTest::nextWakeTime(host.watcher()) - firstDeadline)
+                                     .total_microseconds() /
+                                 kPeriodUs;
     std::set<std::int64_t> const different(times.begin(), times.end());
     state.counters["periods"] = static_cast<double>(periods);
     state.counters["lost"] = static_cast<double>(periods - batches);
