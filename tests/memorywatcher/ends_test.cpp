@@ -228,7 +228,8 @@ TYPED_TEST(Ends, LastReferenceMayFallInACycleThatAParallelStopWaitsFor) {
     ASSERT_TRUE(becomesTrue([this] { return !this->mWatcher->isWatching(); }));
     this->dropAll();
   });
-  this->startAnHour();
+  this->add("event");
+  this->start(kHourMs);
 
   this->expectOneEnd();
 }
@@ -241,7 +242,8 @@ TYPED_TEST(Ends, LastReferenceMayFallInACycleThatHasStartedTheWatchAnew) {
     this->mWatcher->startWatching(kHourMs);
     this->dropAll();
   });
-  this->startAnHour();
+  this->add("event");
+  this->start(kHourMs);
 
   this->expectOneEnd();
 }

@@ -252,6 +252,7 @@ TEST_P(Promotion, MovesTheKeyWithItsSamplesAndSubscribesIt) {
 TEST_P(Promotion, KeyThatIsRemovedOnItsWayStaysRemoved) {
   addUnknown({"k", "other"});
   mMemory->set("k", GetParam().nature, 7);
+  mMemory->set("other", "Data", 1);
   boost::shared_ptr<KXMutex> const mutex = eventMutex();
   mutex->lock();
   Caller cycle([this] { update(); });
@@ -268,6 +269,7 @@ TEST_P(Promotion, KeyThatIsRemovedOnItsWayStaysRemoved) {
 TEST_P(Promotion, RemovalOfAnotherKeyOnItsWayDoesNotKeepItBack) {
   addUnknown({"k", "other"});
   mMemory->set("k", GetParam().nature, 7);
+  mMemory->set("other", "Data", 1);
   boost::shared_ptr<KXMutex> const mutex = eventMutex();
   mutex->lock();
   Caller cycle([this] { update(); });
