@@ -25,12 +25,18 @@ ka::os::timeval timeOf(KXBatch const& batch) {
 /// A batch, or one sample with its key's characters right behind it: events come one by one, and
 /// what waits of them should be small.
 struct KXListenerTable::Post {
+  Post(ka::os::timeval time, KXKeyListPtr itsList, KXValue itsValue, std::size_t first,
+       std::size_t last)
+      : timeUs(microseconds(time)),
+        list(std::move(itsList)),
+        value(std::move(itsValue)),
+        begin(static_cast<std::uint32_t>(first)),
+        end(static_cast<std::uint32_t>(last)) {}
+
   static std::unique_ptr<Post> ofSample(std::string const& key, ka::os::timeval time,
                                         KXValue value) {
     void* const memory = ::operator new(sizeof(Post) + key.size());
-    std::unique_ptr<Post> post(new (memory)
-                                   Post{nullptr, microseconds(time), nullptr, std::move(value), 0,
-                                        static_cast<std::uint32_t>(key.size())});
+    std::unique_ptr<Post> post(new (memory) Post(time, nullptr, std::move(value), 0, key.size()));
     std::memcpy(static_cast<char*>(memory) + sizeof(Post), key.data(), key.size());
     return post;
   }
@@ -41,7 +47,7 @@ struct KXListenerTable::Post {
   static void* operator new(std::size_t size) { return ::operator new(size); }
   static void operator delete(void* memory) noexcept { ::operator delete(memory); }
 
-  Post* next;
+  Post* next = nullptr;
   std::int64_t timeUs;
   KXKeyListPtr list;  // null for a sample
   KXValue value;      // the sample's, or the array of the batch
@@ -62,9 +68,7 @@ void KXListenerTable::postSample(std::string const& key, ka::os::timeval time, K
 
 void KXListenerTable::postBatch(KXKeyListPtr list, ka::os::timeval time, KXValue values,
                                 std::size_t begin, std::size_t end) {
-  mMailbox.post(std::unique_ptr<Post>(new Post{nullptr, microseconds(time), std::move(list),
-                                               std::move(values), static_cast<std::uint32_t>(begin),
-                                               static_cast<std::uint32_t>(end)}));
+  mMailbox.post(std::make_unique<Post>(time, std::move(list), std::move(values), begin, end));
 }
 
 // No access, which would take in first: memory is what is missing when this is called.
