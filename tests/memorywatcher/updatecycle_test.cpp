@@ -228,7 +228,22 @@ void PrintTo(EventKind const& kind, std::ostream* out) {
   *out << kind.nature;
 }
 
-class Promotion : public UpdateCycle, public ::testing::WithParamInterface<EventKind> {};
+class Promotion : public UpdateCycle, public ::testing::WithParamInterface<EventKind> {
+ protected:
+  /// Promotes "k", with "other" beside it, and removes one of them when the cycle, which holds one
+  /// lock at a time, has copied "k" and waits for the event keys.
+  void promoteWhileRemoving(std::string const& name) {
+    addUnknown({"k", "other"});
+    mMemory->set("k", GetParam().nature, 7);
+    mMemory->set("other", "Data", 1);
+    boost::shared_ptr<KXMutex> const mutex = eventMutex();
+    mutex->lock();
+    Caller cycle([this] { update(); });
+    EXPECT_TRUE(cycle.isParked());
+    mWatcher->removeListener(name);
+    mutex->unlock();
+  }
+};
 
 TEST_P(Promotion, MovesTheKeyWithItsSamplesAndSubscribesIt) {
   addUnknown({"k"});
@@ -248,36 +263,15 @@ TEST_P(Promotion, MovesTheKeyWithItsSamplesAndSubscribesIt) {
       (Calls{{"getListData", {KXValue(Names{"k"})}}, {"getType", {"k"}}, GetParam().subscription}));
 }
 
-// The cycle holds one lock at a time: it has copied the key and waits for the event keys.
 TEST_P(Promotion, KeyThatIsRemovedOnItsWayStaysRemoved) {
-  addUnknown({"k", "other"});
-  mMemory->set("k", GetParam().nature, 7);
-  mMemory->set("other", "Data", 1);
-  boost::shared_ptr<KXMutex> const mutex = eventMutex();
-  mutex->lock();
-  Caller cycle([this] { update(); });
-  EXPECT_TRUE(cycle.isParked());
-
-  mWatcher->removeListener("k");
-  mutex->unlock();
-  cycle.join();
+  promoteWhileRemoving("k");
 
   EXPECT_EQ(listeners(), Names{"other"});
   EXPECT_TRUE(mMemory->getCalls(GetParam().subscription.method).empty());
 }
 
 TEST_P(Promotion, RemovalOfAnotherKeyOnItsWayDoesNotKeepItBack) {
-  addUnknown({"k", "other"});
-  mMemory->set("k", GetParam().nature, 7);
-  mMemory->set("other", "Data", 1);
-  boost::shared_ptr<KXMutex> const mutex = eventMutex();
-  mutex->lock();
-  Caller cycle([this] { update(); });
-  EXPECT_TRUE(cycle.isParked());
-
-  mWatcher->removeListener("other");
-  mutex->unlock();
-  cycle.join();
+  promoteWhileRemoving("other");
 
   EXPECT_THAT(dataItems(), testing::IsEmpty());
   EXPECT_EQ(eventItems().at("k").getNature(), GetParam().nature);
