@@ -17,6 +17,7 @@ namespace KX {
 class KXBrokerManager;
 class KXModule;
 class KXModuleCore;
+class KXTransport;
 
 /// The modules of one process, by name.
 /// Ownership: held by boost::shared_ptr; owns its modules until they exit or it shuts down.
@@ -32,8 +33,14 @@ class KX_API KXBroker : public boost::enable_shared_from_this<KXBroker> {
   std::string const& getName() const noexcept;
   boost::weak_ptr<KXBrokerManager> getBrokerManager() const;
 
-  /// A proxy to a module; `flags` is 0. KXError that lists what is loaded if there is none.
+  /// A proxy to a module of this process, or else to one that the transport finds; `flags` is 0.
+  /// KXError: NotFound, with a list of what is loaded, if nobody has it; another kind if the others
+  /// could not be asked.
   boost::shared_ptr<KXProxy> getProxy(std::string const& moduleName, int flags);
+  /// The way to modules of other processes; null, as at first, for none. Belongs to the time before
+  /// the broker is used.
+  void setTransport(boost::shared_ptr<KXTransport> transport);
+  boost::shared_ptr<KXTransport> getTransport() const;
 
   bool isModulePresent(std::string const& name) const;
   /// The names of the modules, in the order in which they were published.

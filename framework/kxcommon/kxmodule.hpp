@@ -9,6 +9,7 @@
 #include <boost/smart_ptr/shared_ptr.hpp>
 
 #include <kxcommon/kxmodulecore.hpp>
+#include <kxcommon/kxmoduleinfo.hpp>
 #include <kxerror/kxapi.hpp>
 #include <kxerror/kxerror.hpp>
 #include <kxvalue/kxvalue.hpp>
@@ -33,6 +34,8 @@ class KX_API KXModule : public KXModuleCore {
   virtual std::string version();
   /// Takes the module out of service: isClosing() and no longer published.
   virtual void exit();
+  /// Name, description, version and methods as a value, for whoever is in another process.
+  KXModuleInfo describe();
   /// A page about the module; empty unless overridden.
   virtual std::string httpGet();
   /// Called once after the methods are published. A KXError refuses service.

@@ -9,6 +9,7 @@
 #include <boost/smart_ptr/weak_ptr.hpp>
 
 #include <kxcommon/kxmethodinfo.hpp>
+#include <kxcommon/kxmoduleinfo.hpp>
 #include <kxcommon/kxtask.hpp>
 #include <kxcommon/kxtransport.hpp>
 #include <kxerror/kxapi.hpp>
@@ -47,8 +48,11 @@ class KX_API KXProxy {
   R call(std::string const& method, P const&... arguments);
   /// Starts a method without arguments as a parallel call and returns its task id at once.
   int pCall(std::string const& method);
-  /// Calls a method with an array of arguments; invalid if it returns nothing.
-  KXValue genericCall(std::string const& method, KXValue const& params);
+  /// Calls a method with an array of arguments; invalid if it returns nothing. The time-out is for
+  /// modules in other processes: 0 is the transport's own.
+  KXValue genericCall(std::string const& method, KXValue const& params, int timeoutMs = 0);
+  /// What the module says of itself, wherever it is.
+  KXModuleInfo describe();
 
   /// True while the parallel call waits for a thread or runs.
   bool isRunning(int taskId);
@@ -68,7 +72,8 @@ class KX_API KXProxy {
   std::string const& xGetModuleName() const noexcept { return mModuleName; }
   void xExecute(std::string const& method, KXValue const& params, KXValue& result);
   int xPCallScript(std::string const& method, KXValue const& params);
-  void CALL_METHODS(std::string const& method, KXValue const& params, KXValue& result);
+  void CALL_METHODS(std::string const& method, KXValue const& params, KXValue& result,
+                    int timeoutMs = 0);
   void PCALL_METHODS(std::string const& method, KXValue const& params, KXValue& result);
   KXTaskInfo xCreateTaskInfo(std::string const& method) const;
   void xAddTask(std::string const& key, boost::shared_ptr<KXTask> task);

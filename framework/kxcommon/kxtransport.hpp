@@ -1,28 +1,63 @@
 // How a proxy reaches a module in another process.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <string>
+#include <vector>
 
+#include <kxcommon/kxmoduleinfo.hpp>
 #include <kxerror/kxapi.hpp>
 #include <kxvalue/kxvalue.hpp>
 
 namespace KX {
 
+/// A call that nobody waits for.
+struct KXNotification {
+  std::string method;
+  KXValue arguments;  ///< an array
+};
+
+/// What became of the notifications to one module since the transport was made:
+/// posted = delivered + dropped + waiting.
+struct KXNotificationCounts {
+  std::uint64_t posted = 0;
+  std::uint64_t delivered = 0;   ///< the receiver said so
+  std::uint64_t dropped = 0;     ///< never sent, for want of room
+  std::uint64_t waiting = 0;     ///< neither yet
+  std::size_t waitingBytes = 0;  ///< of those that were never sent
+};
+
 /// The way to modules in other processes. Threads: all operations may overlap. Failures of the way
-/// itself, and errors of the module called, are KXErrors.
+/// itself, and errors of the module called, are KXErrors: their kind tells them apart.
 class KX_API KXTransport {
  public:
   virtual ~KXTransport();
 
-  /// Calls and waits. An invalid `result` means that the method returns nothing.
+  /// Calls and waits. An invalid `result` means that the method returns nothing. A method runs once
+  /// for one call, whatever is lost on the way. A time-out of 0 is the transport's own.
   virtual void call(std::string const& module, std::string const& method, KXValue const& params,
-                    KXValue& result) = 0;
+                    KXValue& result, int timeoutMs) = 0;
   /// Starts a parallel call; `result` is its task id, an int.
   virtual void pCall(std::string const& module, std::string const& method, KXValue const& params,
                      KXValue& result) = 0;
   virtual bool isRunning(std::string const& module, int taskId) = 0;
   /// False if the time-out passed first; a time-out of 0 waits without limit.
   virtual bool wait(std::string const& module, int taskId, int timeoutMs) = 0;
+
+  /// Queues calls that nobody waits for: each is delivered once and in order, or counted as
+  /// dropped. Never waits. Throws nothing but std::bad_alloc, and nothing is queued then.
+  virtual void notify(std::string const& module, std::vector<KXNotification> notifications) = 0;
+  /// Zeros for a module that nothing was ever sent to.
+  virtual KXNotificationCounts notificationCounts(std::string const& module) const = 0;
+  /// Drops what waits for the module, and forgets it: it is known to be gone for good.
+  virtual void forget(std::string const& module) = 0;
+
+  /// Returns if the module is there. KXError: NotFound if nobody has it; another kind if that could
+  /// not be asked.
+  virtual void find(std::string const& module) = 0;
+  /// What the module says of itself. KXError as find().
+  virtual KXModuleInfo describe(std::string const& module) = 0;
 };
 
 }  // namespace KX

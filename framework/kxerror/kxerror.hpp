@@ -12,9 +12,19 @@ namespace KX {
 /// what() is the description alone, so a log line or a tool can print it behind its own words.
 class KX_API KXError : public std::exception {
  public:
+  /// What kind of failure: whoever must tell "not there" from "could not ask" asks this, never the
+  /// text.
+  enum class Kind {
+    Failed,        ///< the callee threw, or the call itself was wrong
+    NotFound,      ///< no such module, method or key
+    Refused,       ///< not allowed
+    TimedOut,      ///< no answer in time; what was called may have run
+    Disconnected,  ///< no way to the callee, or lost before its answer came
+  };
+
   /// `file` and `line` name the place in the source that gave up; a line of 0 means "none".
   KXError(std::string module, std::string method, std::string description, std::string file,
-          int line);
+          int line, Kind kind = Kind::Failed);
   KXError(KXError const&) = default;
   KXError& operator=(KXError const&) = default;
   ~KXError() override;
@@ -24,6 +34,7 @@ class KX_API KXError : public std::exception {
   std::string const& getDescription() const noexcept { return mDescription; }
   std::string const& getFileName() const noexcept { return mFile; }
   int getLine() const noexcept { return mLine; }
+  Kind getKind() const noexcept { return mKind; }
 
   /// The description.
   char const* what() const noexcept override;
@@ -34,6 +45,7 @@ class KX_API KXError : public std::exception {
   std::string mDescription;
   std::string mFile;
   int mLine;
+  Kind mKind;
 };
 
 /// What an exception says; empty where what() is null, as it may be in a derived class.

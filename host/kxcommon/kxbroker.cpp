@@ -16,8 +16,9 @@ namespace {
 
 using Module = boost::shared_ptr<KXModule>;
 
-[[noreturn]] void fail(char const* method, std::string const& text) {
-  throw KXError("KXBroker", method, text, "kxcommon/kxbroker", 0);
+[[noreturn]] void fail(char const* method, std::string const& text,
+                       KXError::Kind kind = KXError::Kind::Failed) {
+  throw KXError("KXBroker", method, text, "kxcommon/kxbroker", 0, kind);
 }
 
 // What keeps one module from leaving must not keep the others in service.
@@ -55,6 +56,7 @@ struct KXBroker::Impl {
 
   boost::shared_ptr<KXMutex> const mutex = KXMutex::createKXMutex();
   std::vector<Module> modules KX_GUARDED_BY(*mutex);  // in the order of publishing
+  boost::shared_ptr<KXTransport> transport KX_GUARDED_BY(*mutex);
   bool isShutDown KX_GUARDED_BY(*mutex) = false;
 };
 
@@ -80,12 +82,38 @@ boost::shared_ptr<KXProxy> KXBroker::getProxy(std::string const& moduleName, int
   if (Module module = mImpl->find(moduleName)) {
     return boost::shared_ptr<KXProxy>(new KXProxy(shared_from_this(), std::move(module)));
   }
+  // A module of this process may be asked for by its full address: "NAME@BROKER".
+  std::string const ownSuffix = "@" + mImpl->name;
+  if (moduleName.ends_with(ownSuffix)) {
+    Module own = mImpl->find(moduleName.substr(0, moduleName.size() - ownSuffix.size()));
+    if (own) return boost::shared_ptr<KXProxy>(new KXProxy(shared_from_this(), std::move(own)));
+  }
   std::string loaded;
   for (std::string const& name : getModuleNames()) {
     loaded += (loaded.empty() ? "'" : ", '") + name + "'";
   }
-  fail("getProxy",
-       "unknown module '" + moduleName + "', loaded: " + (loaded.empty() ? "none" : loaded));
+  std::string text =
+      "unknown module '" + moduleName + "', loaded: " + (loaded.empty() ? "none" : loaded);
+  if (boost::shared_ptr<KXTransport> const transport = getTransport()) {
+    try {
+      transport->find(moduleName);
+      return boost::shared_ptr<KXProxy>(new KXProxy(shared_from_this(), moduleName, transport));
+    } catch (KXError const& error) {
+      if (error.getKind() != KXError::Kind::NotFound) throw;
+      text += std::string("; ") + error.what();
+    }
+  }
+  fail("getProxy", text, KXError::Kind::NotFound);
+}
+
+void KXBroker::setTransport(boost::shared_ptr<KXTransport> transport) {
+  KXCriticalSection const lock(mImpl->mutex);
+  mImpl->transport = std::move(transport);
+}
+
+boost::shared_ptr<KXTransport> KXBroker::getTransport() const {
+  KXCriticalSection const lock(mImpl->mutex);
+  return mImpl->transport;
 }
 
 bool KXBroker::isModulePresent(std::string const& name) const {

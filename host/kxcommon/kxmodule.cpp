@@ -29,6 +29,12 @@ std::string KXModule::version() {
   return {};
 }
 
+KXModuleInfo KXModule::describe() {
+  KXModuleInfo info{getName(), getModuleDescription(), version(), getMethods()};
+  for (KXMethodInfo& method : info.methods) method.functor.reset();
+  return info;
+}
+
 void KXModule::exit() {
   markClosing();
   boost::shared_ptr<KXBroker> broker;

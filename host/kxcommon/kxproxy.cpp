@@ -82,10 +82,10 @@ int KXProxy::pCall(std::string const& method) {
   return taskInfo.getID();
 }
 
-KXValue KXProxy::genericCall(std::string const& method, KXValue const& params) {
+KXValue KXProxy::genericCall(std::string const& method, KXValue const& params, int timeoutMs) {
   KXValue result;
   if (!isLocal()) {
-    CALL_METHODS(method, params, result);
+    CALL_METHODS(method, params, result, timeoutMs);
   } else if (isScript()) {
     xExecute(method, params, result);
   } else {
@@ -93,6 +93,10 @@ KXValue KXProxy::genericCall(std::string const& method, KXValue const& params) {
     mModule->KXModule::execute(method, params, result);
   }
   return result;
+}
+
+KXModuleInfo KXProxy::describe() {
+  return isLocal() ? mModule->describe() : mTransport->describe(mModuleName);
 }
 
 bool KXProxy::isRunning(int taskId) {
@@ -131,8 +135,9 @@ int KXProxy::xPCallScript(std::string const& method, KXValue const& params) {
   return taskInfo.getID();
 }
 
-void KXProxy::CALL_METHODS(std::string const& method, KXValue const& params, KXValue& result) {
-  mTransport->call(mModuleName, method, params, result);
+void KXProxy::CALL_METHODS(std::string const& method, KXValue const& params, KXValue& result,
+                           int timeoutMs) {
+  mTransport->call(mModuleName, method, params, result, timeoutMs);
 }
 
 void KXProxy::PCALL_METHODS(std::string const& method, KXValue const& params, KXValue& result) {

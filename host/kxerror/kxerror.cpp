@@ -5,12 +5,13 @@
 namespace KX {
 
 KXError::KXError(std::string module, std::string method, std::string description, std::string file,
-                 int line)
+                 int line, Kind kind)
     : mModule(std::move(module)),
       mMethod(std::move(method)),
       mDescription(std::move(description)),
       mFile(std::move(file)),
-      mLine(line) {}
+      mLine(line),
+      mKind(kind) {}
 
 KXError::~KXError() = default;
 

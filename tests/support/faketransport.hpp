@@ -38,7 +38,7 @@ class FakeTransport : public KXTransport {
   }
 
   void call(std::string const& module, std::string const& method, KXValue const& params,
-            KXValue& result) override {
+            KXValue& result, int /*timeoutMs*/) override {
     if (xHooked({"call", module, method, params}, result)) return;
     result = mTarget->getProxy(module, 0)->genericCall(method, params);
   }
@@ -52,6 +52,21 @@ class FakeTransport : public KXTransport {
   }
   bool wait(std::string const& module, int taskId, int timeoutMs) override {
     return mTarget->getProxy(module, 0)->wait(taskId, timeoutMs);
+  }
+
+  void notify(std::string const& module, std::vector<KXNotification> notifications) override {
+    for (KXNotification const& notification : notifications) {
+      KXValue ignored;
+      call(module, notification.method, notification.arguments, ignored, 0);
+    }
+  }
+  KXNotificationCounts notificationCounts(std::string const& /*module*/) const override {
+    return {};
+  }
+  void forget(std::string const& /*module*/) override {}
+  void find(std::string const& module) override { mTarget->getProxy(module, 0); }
+  KXModuleInfo describe(std::string const& module) override {
+    return mTarget->getProxy(module, 0)->describe();
   }
 
  private:

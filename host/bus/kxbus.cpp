@@ -1,0 +1,9 @@
+#include <host/bus/kxbus.hpp>
+
+namespace KX {
+
+KXBusSubscription::~KXBusSubscription() = default;
+
+KXBus::~KXBus() = default;
+
+}  // namespace KX

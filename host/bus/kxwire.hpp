@@ -1,0 +1,110 @@
+// What messages look like on the wire: MessagePack, and the headers of calls, replies and event
+// packs. Pure functions. Bytes from the network are hostile: lengths beyond the bytes left, more
+// than 32 levels and types that a KXValue has not are refused before anything is allocated for
+// them. Errors: KXError that says what was expected and what came.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <host/bus/kxbus.hpp>
+#include <kxcommon/kxmoduleinfo.hpp>
+#include <kxcommon/kxtransport.hpp>
+#include <kxerror/kxapi.hpp>
+#include <kxerror/kxerror.hpp>
+#include <kxvalue/kxvalue.hpp>
+
+namespace KX {
+
+// ---- values: invalid is nil, binary is bin; integers of 32 bits; floats are doubles.
+
+KX_API void appendValue(std::string& bytes, KXValue const& value);
+KX_API std::string encodeValue(KXValue const& value);
+/// The one value that the bytes are.
+KX_API KXValue decodeValue(std::string_view bytes);
+
+// ---- calls. The payload of a request is the array of arguments.
+
+/// The header of a request that is to run once. Without it a request is a foreign client's: it runs
+/// once for each time that it arrives, and its reply has to fit one message.
+struct KXCallId {
+  std::string caller;        ///< 16 hexadecimal digits, made anew for each callee of each process
+  std::uint64_t number = 0;  ///< from 1
+  std::uint64_t done = 0;    ///< the caller has the replies of all calls up to this one
+};
+/// The header of a request that was sent before: `instance` of the callee as the caller knows it
+/// (empty if it does not), and the first part of the reply that it has not got.
+struct KXCallAgain {
+  std::string instance;
+  std::uint32_t fromPart = 0;
+};
+
+inline constexpr char const* kCallHeader = "Kx-Call";    ///< "CALLER.NUMBER.DONE"
+inline constexpr char const* kAgainHeader = "Kx-Again";  ///< "INSTANCE.PART"
+inline constexpr char const* kTaskHeader = "Kx-Task";    ///< "1": start it as a parallel call
+inline constexpr char const* kDoneHeader = "Kx-Done";    ///< "1": no call, the reply has arrived
+inline constexpr char const* kPartHeader = "Kx-Part";    ///< "INDEX.COUNT" of a reply in parts
+inline constexpr char const* kErrorCodeHeader = "Nats-Service-Error-Code";
+inline constexpr char const* kErrorTextHeader = "Nats-Service-Error";
+
+KX_API std::string formatCallId(KXCallId const& id);
+KX_API std::optional<KXCallId> parseCallId(std::string_view text);
+KX_API std::string formatCallAgain(KXCallAgain const& again);
+KX_API std::optional<KXCallAgain> parseCallAgain(std::string_view text);
+
+struct KXPart {
+  std::uint32_t index = 0;
+  std::uint32_t count = 1;
+};
+KX_API std::string formatPart(KXPart const& part);
+KX_API std::optional<KXPart> parsePart(std::string_view text);
+
+/// `[0, result]`.
+KX_API std::string encodeResult(KXValue const& result);
+/// `[1, [module, method, description, file, line]]`; the kind travels in the headers.
+KX_API std::string encodeError(KXError const& error);
+/// The service protocol's headers for an error: the code tells the kind (400 Failed, 404 NotFound,
+/// 403 Refused, 504 TimedOut, 503 Disconnected), the text is the description on one line.
+KX_API KXBusHeaders errorHeaders(KXError const& error);
+/// The result, or throws the error that the reply is, of the kind that the code says.
+KX_API KXValue decodeReply(std::string_view payload, std::string_view errorCode);
+
+// ---- packs of notifications
+
+struct KXPackHeader {
+  std::string epoch;        ///< 16 hexadecimal digits: one sender's numbering
+  std::uint64_t first = 0;  ///< number of the first notification in the pack, from 1
+  std::uint32_t count = 0;
+  std::uint64_t holeFrom = 0;  ///< those from here up to `first` were dropped; = first: none
+  std::uint64_t oldest = 0;    ///< the oldest that may still come; a new receiver begins there
+};
+struct KXPackAck {
+  std::string epoch;
+  std::uint64_t next = 0;  ///< all before this one were handled or are known as dropped
+  bool isGap = false;      ///< go back: what came began later than `next`
+};
+inline constexpr char const* kPackHeader = "Kx-Events";  ///< "EPOCH.FIRST.COUNT.HOLE.OLDEST"
+inline constexpr char const* kAckHeader = "Kx-Ack";      ///< "EPOCH.NEXT.GAP", payload empty
+
+KX_API std::string formatPackHeader(KXPackHeader const& header);
+KX_API std::optional<KXPackHeader> parsePackHeader(std::string_view text);
+KX_API std::string formatPackAck(KXPackAck const& ack);
+KX_API std::optional<KXPackAck> parsePackAck(std::string_view text);
+
+/// A notification in a pack: `[method, [argument ...]]`. A pack is the plain sequence of these,
+/// `count` of them, so that packs can be put together without touching what is encoded.
+KX_API void appendNotification(std::string& bytes, std::string_view method,
+                               KXValue const& arguments);
+/// Exactly `count` of them.
+KX_API std::vector<KXNotification> decodePack(std::string_view bytes, std::uint32_t count);
+
+// ---- descriptions
+
+KX_API KXValue toValue(KXModuleInfo const& info);
+KX_API KXModuleInfo moduleInfoFromValue(KXValue const& value);
+
+}  // namespace KX
