@@ -83,8 +83,9 @@ void KXModuleCore::throwUnknownMethod(std::string const& name) const {
     });
     if (!isRepeated) published += (published.empty() ? "'" : ", '") + method->name + "'";
   }
-  fail("getMethod", "unknown method '" + name + "' of module '" + mName +
-                        "', published: " + (published.empty() ? "none" : published),
+  fail("getMethod",
+       "unknown method '" + name + "' of module '" + mName +
+           "', published: " + (published.empty() ? "none" : published),
        KXError::Kind::NotFound);
 }
 

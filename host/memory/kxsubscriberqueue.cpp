@@ -218,6 +218,7 @@ void KXSubscriberQueue::xCall(KXSubscription& subscription, KXValue const& value
         {subscription.method, KXValue::arrayOf(subscription.key, value, subscription.message)});
   } else {
     subscription.isGone = true;
+    if (mIsGoneForGood) return;  // said already
     ka::log::LogStream(ka::log::Warning, "KXMemory", "", "deliver", 0)
         << "module '" << mModuleName << "' is gone, its subscription to key '"
         << subscription.key.toString() << "' is dropped";
@@ -273,8 +274,11 @@ void KXSubscriberQueue::xSendPack() {
       mRemote->notify(mModuleName, std::exchange(mPack, {}));
     } catch (KXError const& error) {
       if (error.getKind() != KXError::Kind::NotFound) throw;
-      mIsGoneForGood = true;  // The next notification says so, for each subscription.
+      mIsGoneForGood = true;
       mRemote.reset();
+      ka::log::LogStream(ka::log::Warning, "KXMemory", "", "deliver", 0)
+          << "module '" << mModuleName
+          << "' is gone, its subscriptions are dropped: " << messageOf(error);
     }
   });
 }
