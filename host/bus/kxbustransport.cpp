@@ -1,6 +1,5 @@
 #include <host/bus/kxbustransport.hpp>
 
-#include <mutex>
 #include <utility>
 
 namespace KX {
@@ -10,6 +9,7 @@ KXBusTransport::KXBusTransport(std::shared_ptr<KXBus> bus, KXSubjects const& sub
     : mBus(std::move(bus)),
       mCaller(*mBus, subjects, robot, timeoutMs),
       mSender(*mBus, subjects),
+      mReturns(*mBus, subjects),
       mReceiver(&receiver) {}
 
 void KXBusTransport::call(std::string const& module, std::string const& method,
@@ -56,6 +56,11 @@ void KXBusTransport::forget(std::string const& module) {
 
 void KXBusTransport::find(std::string const& module) {
   mCaller.find(module);
+}
+
+std::shared_ptr<void> KXBusTransport::observeReturns(std::string const& module,
+                                                     std::function<void()> handler) {
+  return mReturns.observe(module, std::move(handler));
 }
 
 KXModuleInfo KXBusTransport::describe(std::string const& module) {

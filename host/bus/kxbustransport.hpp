@@ -1,7 +1,9 @@
 // The transport over a bus: calls and notifications under one roof.
 #pragma once
 
+#include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -9,6 +11,7 @@
 #include <host/bus/kxcaller.hpp>
 #include <host/bus/kxeventreceiver.hpp>
 #include <host/bus/kxeventsender.hpp>
+#include <host/bus/kxreturns.hpp>
 #include <host/bus/kxsubject.hpp>
 #include <kxcommon/kxtransport.hpp>
 
@@ -33,6 +36,8 @@ class KXBusTransport : public KXTransport {
   KXNotificationCounts notificationCounts(std::string const& module) const override;
   void forget(std::string const& module) override;
   void find(std::string const& module) override;
+  std::shared_ptr<void> observeReturns(std::string const& module,
+                                       std::function<void()> handler) override;
   KXModuleInfo describe(std::string const& module) override;
 
   /// The receiver is used no more when this returns.
@@ -47,6 +52,7 @@ class KXBusTransport : public KXTransport {
   std::shared_ptr<KXBus> const mBus;
   KXCaller mCaller;
   KXEventSender mSender;
+  KXReturns mReturns;
   std::mutex mMutex;
   KXEventReceiver* mReceiver;  // guarded by mMutex; null when detached
 };
