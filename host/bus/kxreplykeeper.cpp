@@ -67,11 +67,13 @@ KXReplyKeeper::Admission KXReplyKeeper::xAdmitUnknown(Caller* caller, KXCallId c
   // Who has a part of the reply has asked here before.
   if (again && again->fromPart > 0) return {.verdict = Verdict::Forgotten};
   if (id.number <= id.done) return {.verdict = Verdict::Forgotten};
+  if (again && nowMs < (caller == nullptr ? mDoubtUntilMs : caller->doubtUntilMs)) {
+    return {.verdict = Verdict::Forgotten};
+  }
   if (caller != nullptr) {
     bool const isForgotten = id.number <= std::max(caller->done, caller->forgotten);
     return {.verdict = isForgotten ? Verdict::Forgotten : Verdict::Run};
   }
-  if (again && nowMs < mDoubtUntilMs) return {.verdict = Verdict::Forgotten};
   xAddCaller(id.caller, nowMs, thrown).done = id.done;
   return {.verdict = Verdict::Run, .isNewCaller = true};
 }
@@ -143,11 +145,13 @@ KXReplyKeeper::Counts KXReplyKeeper::counts() const {
 
 KXReplyKeeper::Caller& KXReplyKeeper::xAddCaller(std::string const& id, std::int64_t nowMs,
                                                  std::vector<Thrown>& thrown) {
+  std::int64_t const doubtUntilMs = mDoubtUntilMs;
   if (mCallers.size() >= mLimits.maxCallers) xEvictCaller(thrown);
   std::unique_ptr<Caller>& caller = mCallers[id];
   caller = std::make_unique<Caller>();
   caller->id = id;
   caller->lastMs = nowMs;
+  caller->doubtUntilMs = doubtUntilMs;
   caller->place = mByUse.insert(mByUse.end(), caller.get());
   return *caller;
 }

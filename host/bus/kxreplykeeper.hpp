@@ -124,6 +124,7 @@ class KX_API KXReplyKeeper {
     std::uint64_t forgotten =
         0;  // of those up to this one, that are not in `entries`, any may have run
     std::int64_t lastMs = 0;
+    std::int64_t doubtUntilMs = 0;  // until then this may be one whose memory was given up
     std::size_t runningCount = 0;
     std::map<std::uint64_t, Entry> entries{};
     std::list<Caller*>::iterator place{};  // in mByUse

@@ -158,9 +158,9 @@ TEST(KXReplyKeeper, NeverRunsWhatItsCallerHasGivenUp) {
 
   EXPECT_EQ(keeper.admit(5).verdict, Verdict::Forgotten);
   EXPECT_EQ(keeper.admit(6, 0, kAgain).verdict, Verdict::Forgotten);
+  EXPECT_EQ(keeper.admit(8).verdict, Verdict::Run);
   EXPECT_EQ(keeper.admit(9, 9).verdict, Verdict::Forgotten) << "gives itself up";
   EXPECT_EQ(keeper.admit(1, 1, {}, "fedcba9876543210").verdict, Verdict::Forgotten);
-  EXPECT_EQ(keeper.admit(8).verdict, Verdict::Run);
 }
 
 TEST(KXReplyKeeper, KeepsNoReplyOfACallThatWasGivenUpWhileItRan) {
@@ -328,6 +328,7 @@ TEST(KXReplyKeeper, RunsNoRepeatOfACallerThatItMayHaveForgotten) {
 
   EXPECT_EQ(keeper.admit(1, 0, kAgain, "a").verdict, Verdict::Forgotten);
   EXPECT_EQ(keeper.admit(2, 1, {}, "a").verdict, Verdict::Run) << "a first request is new";
+  EXPECT_EQ(keeper.admit(3, 0, kAgain, "a").verdict, Verdict::Forgotten) << "still in doubt";
   keeper.finish(2, 10, "a");
   keeper.pass(600'000);
   EXPECT_EQ(keeper.admit(1, 0, kAgain, "b").verdict, Verdict::Run) << "nobody waits that long";
@@ -473,7 +474,7 @@ TEST(KXReplyKeeper, RunsNoCallTwiceWhateverComes) {
       ASSERT_LE(counts.bytes, 20 * (kOverhead + 50));
       ASSERT_LE(counts.callers, callers.size());
     }
-    EXPECT_GT(resent, 10U);
+    EXPECT_GT(resent, 0U);
     for (auto const& [owner, number] : running) {
       keeper.finish({callers[owner].id, number, 0}, replyOf(1), nowMs, thrown);
     }
