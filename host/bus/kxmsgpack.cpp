@@ -1,0 +1,322 @@
+#include "host/bus/kxmsgpack.hpp"
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <concepts>
+#include <cstring>
+#include <limits>
+#include <utility>
+
+#include <kxerror/kxerror.hpp>
+#include <msgpack.hpp>
+
+namespace KX {
+
+namespace {
+
+[[noreturn]] void fail(char const* method, std::string const& text) {
+  throw KXError("KXBus", method, text, "bus/kxmsgpack", 0);
+}
+
+template <std::unsigned_integral T>
+T bigEndian(T number) noexcept {
+  static_assert(std::endian::native == std::endian::little);
+  if constexpr (sizeof(T) == 2) return __builtin_bswap16(number);
+  if constexpr (sizeof(T) == 4) return __builtin_bswap32(number);
+  if constexpr (sizeof(T) == 8) return __builtin_bswap64(number);
+  return number;
+}
+
+std::string levelsText() {
+  return "expected at most " + std::to_string(kMostLevels) + " levels of arrays, got more of them";
+}
+
+}  // namespace
+
+// ---- packing
+
+KXPacker::~KXPacker() {
+  mBytes.resize(mStart);
+}
+
+void KXPacker::finish() noexcept {
+  mStart = static_cast<std::size_t>(mNext - mBytes.data());
+  mBytes.resize(mStart);
+  mEnd = mNext;
+}
+
+// By at least as much as was appended, so that appending costs linear time; what the string is
+// filled with is what the growth costs.
+void KXPacker::xGrow(std::size_t size) {
+  constexpr std::size_t kLeast = 128;
+  auto const used = static_cast<std::size_t>(mNext - mBytes.data());
+  mBytes.resize(used + std::max({size, used - mStart, kLeast}));
+  mNext = mBytes.data() + used;
+  mEnd = mBytes.data() + mBytes.size();
+}
+
+template <class T>
+void KXPacker::xPut(std::uint8_t head, T number) noexcept {
+  T const ordered = bigEndian(number);
+  *mNext = static_cast<char>(head);
+  std::memcpy(mNext + 1, &ordered, sizeof(T));
+  mNext += 1 + sizeof(T);
+}
+
+void KXPacker::addInt(std::int32_t value) {
+  xMakeRoom(5);
+  if (value >= -32 && value <= 0x7f) {
+    *mNext++ = static_cast<char>(value);
+  } else if (value >= 0) {
+    if (value <= 0xff) {
+      xPut(0xcc, static_cast<std::uint8_t>(value));
+    } else if (value <= 0xffff) {
+      xPut(0xcd, static_cast<std::uint16_t>(value));
+    } else {
+      xPut(0xce, static_cast<std::uint32_t>(value));
+    }
+  } else if (value >= std::numeric_limits<std::int8_t>::min()) {
+    xPut(0xd0, static_cast<std::uint8_t>(value));
+  } else if (value >= std::numeric_limits<std::int16_t>::min()) {
+    xPut(0xd1, static_cast<std::uint16_t>(value));
+  } else {
+    xPut(0xd2, static_cast<std::uint32_t>(value));
+  }
+}
+
+void KXPacker::xAddFloat(double value) {
+  xMakeRoom(9);
+  xPut(0xcb, std::bit_cast<std::uint64_t>(value));
+}
+
+void KXPacker::addArray(std::size_t size) {
+  xMakeRoom(5);
+  if (size <= 0xf) {
+    *mNext++ = static_cast<char>(0x90 | size);
+  } else if (size <= 0xffff) {
+    xPut(0xdc, static_cast<std::uint16_t>(size));
+  } else {
+    xPut(0xdd, static_cast<std::uint32_t>(size));
+  }
+}
+
+void KXPacker::addString(std::string_view text) {
+  xMakeRoom(5);
+  if (text.size() <= 0x1f) {
+    *mNext++ = static_cast<char>(0xa0 | text.size());
+  } else if (text.size() <= 0xff) {
+    xPut(0xd9, static_cast<std::uint8_t>(text.size()));
+  } else if (text.size() <= 0xffff) {
+    xPut(0xda, static_cast<std::uint16_t>(text.size()));
+  } else {
+    xPut(0xdb, static_cast<std::uint32_t>(text.size()));
+  }
+  xAddText(text);
+}
+
+void KXPacker::xAddBinary(std::string_view bytes) {
+  xMakeRoom(5);
+  if (bytes.size() <= 0xff) {
+    xPut(0xc4, static_cast<std::uint8_t>(bytes.size()));
+  } else if (bytes.size() <= 0xffff) {
+    xPut(0xc5, static_cast<std::uint16_t>(bytes.size()));
+  } else {
+    xPut(0xc6, static_cast<std::uint32_t>(bytes.size()));
+  }
+  xAddText(bytes);
+}
+
+void KXPacker::xAddText(std::string_view text) {
+  constexpr std::size_t kMost = std::numeric_limits<std::uint32_t>::max();
+  if (text.size() > kMost) {
+    fail("encodeValue", "expected a text of at most " + std::to_string(kMost) + " bytes, got " +
+                            std::to_string(text.size()));
+  }
+  if (text.empty()) return;
+  xMakeRoom(text.size());
+  std::memcpy(mNext, text.data(), text.size());
+  mNext += text.size();
+}
+
+void KXPacker::addValue(KXValue const& value, int level) {
+  switch (value.getType()) {
+    case KXValue::TypeInvalid:
+      xMakeRoom(1);
+      *mNext++ = static_cast<char>(0xc0);
+      break;
+    case KXValue::TypeBool:
+      xMakeRoom(1);
+      *mNext++ = static_cast<char>(static_cast<bool>(value) ? 0xc3 : 0xc2);
+      break;
+    case KXValue::TypeInt:
+      addInt(static_cast<int>(value));
+      break;
+    case KXValue::TypeFloat:
+      xAddFloat(static_cast<double>(value));
+      break;
+    case KXValue::TypeString:
+      addString(static_cast<std::string const&>(value));
+      break;
+    case KXValue::TypeBinary:
+      xAddBinary(value.getBinary());
+      break;
+    case KXValue::TypeArray: {
+      if (level == kMostLevels) fail("encodeValue", levelsText());
+      auto const size = static_cast<std::size_t>(value.getSize());
+      KXValue const* const elements = value.arrayData();
+      addArray(size);
+      for (std::size_t i = 0; i < size; ++i) addValue(elements[i], level + 1);
+      break;
+    }
+  }
+}
+
+// ---- unpacking
+
+namespace {
+
+// What msgpack::parse() tells its findings to: false stops it. Values are collected on a stack, and
+// an array is made of those on top when its last element is there, so nothing is ever allocated for
+// what has not arrived.
+class Visitor : public msgpack::null_visitor {
+ public:
+  // With `former`, the outermost array is not made: its elements stay on the stack.
+  Visitor(std::size_t bytes, std::vector<KXValue> const* former) : mRoom(bytes), mFormer(former) {
+    if (former != nullptr) mValues.reserve(4);
+  }
+
+  std::vector<KXValue>& values() noexcept { return mValues; }
+  std::string const& fault() const noexcept { return mFault; }
+  bool isArray() const noexcept { return mIsArray; }
+
+  bool visit_nil() { return xAdd(KXValue()); }
+  bool visit_boolean(bool value) { return xAdd(KXValue(value)); }
+  bool visit_positive_integer(std::uint64_t value) {
+    if (value > std::uint64_t{std::numeric_limits<std::int32_t>::max()}) {
+      return xFail("expected an integer of 32 bits, got " + std::to_string(value));
+    }
+    return xAdd(KXValue(static_cast<int>(value)));
+  }
+  bool visit_negative_integer(std::int64_t value) {
+    if (value < std::numeric_limits<std::int32_t>::min()) {
+      return xFail("expected an integer of 32 bits, got " + std::to_string(value));
+    }
+    return xAdd(KXValue(static_cast<int>(value)));
+  }
+  bool visit_float32(float value) { return xAdd(KXValue(value)); }
+  bool visit_float64(double value) { return xAdd(KXValue(value)); }
+  bool visit_str(char const* text, std::uint32_t size) {
+    if (!xTakeRoom(size)) return false;
+    std::string_view const string(text, size);
+    if (KXValue const* const former = xFormer()) {
+      if (former->getType() == KXValue::TypeString &&
+          static_cast<std::string const&>(*former) == string) {
+        return xAdd(KXValue(*former));
+      }
+    }
+    return xAdd(KXValue(std::string(string)));
+  }
+  bool visit_bin(char const* bytes, std::uint32_t size) {
+    if (!xTakeRoom(size)) return false;
+    return xAdd(KXValue::binary(std::string(std::string_view(bytes, size))));
+  }
+  bool visit_ext(char const*, std::uint32_t) {
+    return xFail("expected a type that a value can have, got an extension");
+  }
+  bool start_map(std::uint32_t) {
+    return xFail("expected a type that a value can have, got a map");
+  }
+  bool start_array(std::uint32_t size) {
+    if (mDepth == kMostLevels) return xFail(levelsText());
+    if (!xTakeRoom(size)) return false;
+    if (mDepth == 0) mIsArray = true;
+    mStarts[mDepth++] = mValues.size();
+    return true;
+  }
+  bool end_array() {
+    std::size_t const start = mStarts[--mDepth];
+    if (mDepth == 0 && mFormer != nullptr) return true;
+    KXValue* const first = mValues.data() + start;
+    KXValue array = KXValue::arrayFrom(mValues.size() - start,
+                                       [&](std::size_t i) noexcept { return std::move(first[i]); });
+    mValues.resize(start);
+    return xAdd(std::move(array));
+  }
+  void parse_error(std::size_t, std::size_t) { xFail("expected a type, got the byte 0xc1"); }
+  void insufficient_bytes(std::size_t, std::size_t) { xFail("expected more bytes"); }
+
+ private:
+  bool xAdd(KXValue value) {
+    mValues.push_back(std::move(value));
+    return true;
+  }
+  // Each element of an array takes a byte or more, and so does each byte of a text.
+  bool xTakeRoom(std::uint32_t size) {
+    if (size > mRoom) {
+      return xFail("expected at most " + std::to_string(mRoom) +
+                   " elements or bytes, that is what is left, got " + std::to_string(size));
+    }
+    mRoom -= size;
+    return true;
+  }
+  bool xFail(std::string text) {
+    if (mFault.empty()) mFault = std::move(text);
+    return false;
+  }
+  // What the former array had where the next value comes; null: nothing, or nothing to look at.
+  KXValue const* xFormer() const noexcept {
+    if (mFormer == nullptr || mDepth == 0 || mDepth > 2) return nullptr;
+    std::size_t place = mValues.size();
+    KXValue const* elements = mFormer->data();
+    std::size_t size = mFormer->size();
+    if (mDepth == 2) {
+      std::size_t const outer = mStarts[1];
+      if (outer >= size || elements[outer].getType() != KXValue::TypeArray) return nullptr;
+      size = static_cast<std::size_t>(elements[outer].getSize());
+      elements = elements[outer].arrayData();
+      place -= outer;
+    }
+    return place < size ? elements + place : nullptr;
+  }
+
+  std::size_t mRoom;  // bytes left, less the one of each element that has not come
+  std::vector<KXValue> const* const mFormer;
+  std::vector<KXValue> mValues;
+  std::array<std::size_t, kMostLevels> mStarts{};  // of the arrays that are not complete
+  int mDepth = 0;
+  bool mIsArray = false;
+  std::string mFault;
+};
+
+}  // namespace
+
+std::vector<KXValue> KXUnpacker::xTake(std::vector<KXValue> const* former) {
+  Visitor visitor(mBytes.size() - mOffset, former);
+  std::size_t offset = mOffset;
+  bool const isWhole = msgpack::parse(mBytes.data(), mBytes.size(), offset, visitor);
+  if (!isWhole) fail("decodeValue", visitor.fault() + ", at byte " + std::to_string(offset));
+  if (former != nullptr && !visitor.isArray()) {
+    fail("decodeValue", "expected an array, got " +
+                            KXValue::TypeToString(visitor.values().front().getType()) +
+                            ", at byte " + std::to_string(mOffset));
+  }
+  mOffset = offset;
+  return std::move(visitor.values());
+}
+
+KXValue KXUnpacker::takeValue() {
+  return std::move(xTake(nullptr).front());
+}
+
+std::vector<KXValue> KXUnpacker::takeElements(std::vector<KXValue> const& former) {
+  return xTake(&former);
+}
+
+void KXUnpacker::expectEnd() const {
+  if (mOffset == mBytes.size()) return;
+  fail("decodeValue", "expected the end, got " + std::to_string(mBytes.size() - mOffset) +
+                          " bytes more, at byte " + std::to_string(mOffset));
+}
+
+}  // namespace KX
