@@ -85,15 +85,17 @@ void KXClaim::xListen() {
   }
   mQuestions = mBus.subscribe(mSubject, "", 1, [this](KXBusMessage const& m) { xHear(m); });
   mBus.flush(kFlushTimeoutMs);
+  mAsked = SteadyClock::now();
   xSay(mSubject, mInbox);
 }
 
 void KXClaim::xAwaitRivals() {
   for (;;) {
-    auto const end = SteadyClock::now() + kRivalTime;
+    auto const end = mAsked + kRivalTime;
     bool const isDecided = xWaitUntil(end);
     // Whoever slept through the end may have answers that nobody has looked at yet.
     if (isDecided || SteadyClock::now() < end + kRivalTime) break;
+    mAsked = SteadyClock::now();
     xSay(mSubject, mInbox);
   }
   {

@@ -84,6 +84,8 @@ class KX_API KXClaim {
   std::string const mInbox;
   WithdrawnHandler const mOnWithdrawn;
 
+  std::chrono::steady_clock::time_point mAsked{};  ///< those that claim at the same time
+
   mutable std::mutex mMutex;
   std::condition_variable mChanged;
   State mState = State::Asking;   // guarded by mMutex

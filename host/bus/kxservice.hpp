@@ -2,26 +2,17 @@
 #pragma once
 
 #include <chrono>
-#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include <host/bus/kxbus.hpp>
+#include <host/bus/kxmethodstatistics.hpp>
 #include <kxcommon/kxmoduleinfo.hpp>
 #include <kxerror/kxapi.hpp>
 
 namespace KX {
-
-/// What became of the calls of one method.
-struct KXMethodStatistics {
-  std::string method;
-  std::uint64_t requests = 0;  ///< errors included
-  std::uint64_t errors = 0;
-  std::string lastError;           ///< empty: none yet
-  std::uint64_t processingNs = 0;  ///< of all requests together
-};
 
 /// Who serves a module, beside what it says of itself.
 struct KXServiceIdentity {
