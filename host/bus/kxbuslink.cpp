@@ -124,6 +124,7 @@ void KXBusLink::announce(std::vector<std::string> const& modules) {
     impl.services[module] = std::make_unique<KXService>(
         *impl.bus, identity, impl.broker->getProxy(module, 0)->describe(),
         [&server = *impl.server, module] { return server.statistics(module); });
+    KXReturns::announce(*impl.bus, impl.subjects, module, impl.server->instance());
   }
   std::ranges::move(claims, std::back_inserter(impl.claims));
 }
