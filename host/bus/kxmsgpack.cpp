@@ -41,17 +41,25 @@ KXPacker::~KXPacker() {
 }
 
 void KXPacker::finish() noexcept {
-  mStart = static_cast<std::size_t>(mNext - mBytes.data());
+  mStart = xUsed();
   mBytes.resize(mStart);
   mEnd = mNext;
 }
 
-// By at least as much as was appended, so that appending costs linear time; what the string is
-// filled with is what the growth costs.
+// The string moves to twice its room by itself; what it is filled with on the way is kept small.
 void KXPacker::xGrow(std::size_t size) {
   constexpr std::size_t kLeast = 128;
-  auto const used = static_cast<std::size_t>(mNext - mBytes.data());
-  mBytes.resize(used + std::max({size, used - mStart, kLeast}));
+  constexpr std::size_t kMost = 65536;
+  std::size_t const used = xUsed();
+  mBytes.resize(used + std::max(size, std::clamp(used - mStart, kLeast, kMost)));
+  mNext = mBytes.data() + used;
+  mEnd = mBytes.data() + mBytes.size();
+}
+
+void KXPacker::xExpect(std::size_t size) {
+  constexpr std::size_t kMost = 64 << 20;  // of room that a guess may ask for
+  std::size_t const used = xUsed();
+  mBytes.reserve(used + std::min(size, kMost));
   mNext = mBytes.data() + used;
   mEnd = mBytes.data() + mBytes.size();
 }
@@ -161,20 +169,59 @@ void KXPacker::addValue(KXValue const& value, int level) {
     case KXValue::TypeBinary:
       xAddBinary(value.getBinary());
       break;
-    case KXValue::TypeArray: {
+    case KXValue::TypeArray:
       if (level == kMostLevels) fail("encodeValue", levelsText());
-      auto const size = static_cast<std::size_t>(value.getSize());
-      KXValue const* const elements = value.arrayData();
-      addArray(size);
-      for (std::size_t i = 0; i < size; ++i) addValue(elements[i], level + 1);
+      xAddElements(value, level + 1);
       break;
-    }
   }
+}
+
+void KXPacker::xAddElements(KXValue const& array, int level) {
+  auto const size = static_cast<std::size_t>(array.getSize());
+  KXValue const* const elements = array.arrayData();
+  addArray(size);
+  // Moving a long text from room to room costs as much as writing it: once a part of the elements
+  // is there, the rest is taken to be alike.
+  constexpr std::size_t kParts = 16;
+  std::size_t const part = size / kParts;
+  std::size_t const before = xUsed();
+  for (std::size_t i = 0; i < part; ++i) addValue(elements[i], level);
+  if (part > 0) xExpect((xUsed() - before) * kParts);
+  for (std::size_t i = part; i < size; ++i) addValue(elements[i], level);
 }
 
 // ---- unpacking
 
 namespace {
+
+// The pairs of integers that came lately. Samples carry the time of their cycle, so the same pairs
+// come again with each key: one block for all of them costs less than one for each.
+class Pairs {
+ public:
+  // For a message of that many bytes.
+  explicit Pairs(std::size_t bytes) {
+    constexpr std::size_t kLeast = 1024;
+    constexpr std::size_t kMost = 1 << 20;
+    if (bytes >= kLeast) mBits = std::bit_width(std::min(bytes, kMost) / sizeof(KXValue)) - 1;
+  }
+
+  bool isWorthwhile() const noexcept { return mBits > 0; }
+  KXValue get(int first, int second) {
+    if (mPairs.empty()) mPairs.resize(std::size_t{1} << mBits);
+    std::uint64_t const key = std::uint64_t{static_cast<std::uint32_t>(first)} << 32 |
+                              static_cast<std::uint32_t>(second);
+    KXValue& pair = mPairs[key * 0x9e3779b97f4a7c15U >> (64 - mBits)];
+    if (pair.isValid()) {
+      KXValue const* const known = std::as_const(pair).arrayData();
+      if (static_cast<int>(known[0]) == first && static_cast<int>(known[1]) == second) return pair;
+    }
+    return pair = KXValue::arrayOf(first, second);
+  }
+
+ private:
+  std::vector<KXValue> mPairs;  // each at the place that its numbers give
+  int mBits = 0;
+};
 
 // What msgpack::parse() tells its findings to: false stops it. Values are collected on a stack, and
 // an array is made of those on top when its last element is there, so nothing is ever allocated for
@@ -182,7 +229,7 @@ namespace {
 class Visitor : public msgpack::null_visitor {
  public:
   // With `former`, the outermost array is not made: its elements stay on the stack.
-  Visitor(std::size_t bytes, std::vector<KXValue> const* former) : mRoom(bytes), mFormer(former) {
+  Visitor(std::size_t bytes, std::vector<KXValue> const* former) : mRoom(bytes), mFormer(former), mPairs(former == nullptr ? bytes : 0) {
     if (former != nullptr) mValues.reserve(4);
   }
 
@@ -251,6 +298,13 @@ class Visitor : public msgpack::null_visitor {
     mValues.push_back(std::move(value));
     return true;
   }
+  KXValue xMakeArray(KXValue* elements, std::size_t size) {
+    if (size == 2 && mPairs.isWorthwhile() && elements[0].getType() == KXValue::TypeInt &&
+        elements[1].getType() == KXValue::TypeInt) {
+      return mPairs.get(static_cast<int>(elements[0]), static_cast<int>(elements[1]));
+    }
+    return KXValue::arrayFrom(size, [&](std::size_t i) noexcept { return std::move(elements[i]); });
+  }
   // Each element of an array takes a byte or more, and so does each byte of a text.
   bool xTakeRoom(std::uint32_t size) {
     if (size > mRoom) {
@@ -286,6 +340,7 @@ class Visitor : public msgpack::null_visitor {
   std::array<std::size_t, kMostLevels> mStarts{};  // of the arrays that are not complete
   int mDepth = 0;
   bool mIsArray = false;
+  Pairs mPairs;
   std::string mFault;
 };
 
