@@ -9,6 +9,7 @@
 #include <utility>
 
 #include <kxerror/kxerror.hpp>
+#include <kxvalue/kxrows.hpp>
 #include <msgpack.hpp>
 
 namespace KX {
@@ -208,8 +209,8 @@ class Pairs {
   bool isWorthwhile() const noexcept { return mBits > 0; }
   KXValue get(int first, int second) {
     if (mPairs.empty()) mPairs.resize(std::size_t{1} << mBits);
-    std::uint64_t const key = std::uint64_t{static_cast<std::uint32_t>(first)} << 32 |
-                              static_cast<std::uint32_t>(second);
+    std::uint64_t const key =
+        std::uint64_t{static_cast<std::uint32_t>(first)} << 32 | static_cast<std::uint32_t>(second);
     KXValue& pair = mPairs[key * 0x9e3779b97f4a7c15U >> (64 - mBits)];
     if (pair.isValid()) {
       KXValue const* const known = std::as_const(pair).arrayData();
@@ -225,11 +226,13 @@ class Pairs {
 
 // What msgpack::parse() tells its findings to: false stops it. Values are collected on a stack, and
 // an array is made of those on top when its last element is there, so nothing is ever allocated for
-// what has not arrived.
+// what has not arrived. Rows, which are arrays of two, stay on the stack until it is known whether
+// the array around them has rows only: then it is made by KXRows, in one allocation.
 class Visitor : public msgpack::null_visitor {
  public:
   // With `former`, the outermost array is not made: its elements stay on the stack.
-  Visitor(std::size_t bytes, std::vector<KXValue> const* former) : mRoom(bytes), mFormer(former), mPairs(former == nullptr ? bytes : 0) {
+  Visitor(std::size_t bytes, std::vector<KXValue> const* former)
+      : mRoom(bytes - 1), mFormer(former), mPairs(former == nullptr ? bytes : 0) {
     if (former != nullptr) mValues.reserve(4);
   }
 
@@ -240,15 +243,12 @@ class Visitor : public msgpack::null_visitor {
   bool visit_nil() { return xAdd(KXValue()); }
   bool visit_boolean(bool value) { return xAdd(KXValue(value)); }
   bool visit_positive_integer(std::uint64_t value) {
-    if (value > std::uint64_t{std::numeric_limits<std::int32_t>::max()}) {
-      return xFail("expected an integer of 32 bits, got " + std::to_string(value));
-    }
+    if (value > std::uint64_t{kGreatest}) return xFailInteger(std::to_string(value));
     return xAdd(KXValue(static_cast<int>(value)));
   }
+  // Of a signed form, whatever the number is.
   bool visit_negative_integer(std::int64_t value) {
-    if (value < std::numeric_limits<std::int32_t>::min()) {
-      return xFail("expected an integer of 32 bits, got " + std::to_string(value));
-    }
+    if (value < kLeast || value > kGreatest) return xFailInteger(std::to_string(value));
     return xAdd(KXValue(static_cast<int>(value)));
   }
   bool visit_float32(float value) { return xAdd(KXValue(value)); }
@@ -278,32 +278,71 @@ class Visitor : public msgpack::null_visitor {
     if (mDepth == kMostLevels) return xFail(levelsText());
     if (!xTakeRoom(size)) return false;
     if (mDepth == 0) mIsArray = true;
-    mStarts[mDepth++] = mValues.size();
+    mLevels[mDepth++] = {mValues.size(), size, 0};
     return true;
   }
   bool end_array() {
-    std::size_t const start = mStarts[--mDepth];
-    if (mDepth == 0 && mFormer != nullptr) return true;
-    KXValue* const first = mValues.data() + start;
-    KXValue array = KXValue::arrayFrom(mValues.size() - start,
-                                       [&](std::size_t i) noexcept { return std::move(first[i]); });
-    mValues.resize(start);
+    Level& level = mLevels[--mDepth];
+    if (mDepth == 0 && mFormer != nullptr) {
+      xSettleRows(level);
+      return true;
+    }
+    if (level.size == 2 && level.rows == 0 && mDepth > 0 && xKeepsRow(mLevels[mDepth - 1], level)) {
+      ++mLevels[mDepth - 1].rows;
+      return true;
+    }
+    KXValue* const elements = mValues.data() + level.start;
+    KXValue array = level.rows > 0    ? xMakeRows(elements, level.rows)
+                    : level.size == 2 ? xMakePair(elements)
+                                      : KXValue::arrayFrom(level.size, [&](std::size_t i) noexcept {
+                                          return std::move(elements[i]);
+                                        });
+    mValues.resize(level.start);
     return xAdd(std::move(array));
   }
   void parse_error(std::size_t, std::size_t) { xFail("expected a type, got the byte 0xc1"); }
   void insufficient_bytes(std::size_t, std::size_t) { xFail("expected more bytes"); }
 
  private:
+  static constexpr std::int32_t kLeast = std::numeric_limits<std::int32_t>::min();
+  static constexpr std::int32_t kGreatest = std::numeric_limits<std::int32_t>::max();
+
+  struct Level {
+    std::size_t start;   // of its elements on the stack
+    std::uint32_t size;  // how many there will be
+    std::uint32_t rows;  // so many rows stand there and nothing else; 0: elements
+  };
+
   bool xAdd(KXValue value) {
+    if (mDepth > 0) xSettleRows(mLevels[mDepth - 1]);
     mValues.push_back(std::move(value));
     return true;
   }
-  KXValue xMakeArray(KXValue* elements, std::size_t size) {
-    if (size == 2 && mPairs.isWorthwhile() && elements[0].getType() == KXValue::TypeInt &&
+  // Where there are two, or one that is the time of a sample, there is nothing to be gained.
+  static bool xKeepsRow(Level const& outer, Level const& row) noexcept {
+    return outer.size > 2 && row.start == outer.start + std::size_t{2} * outer.rows;
+  }
+  // Makes the rows that stand on the stack elements.
+  void xSettleRows(Level& level) {
+    if (level.rows == 0) return;
+    KXValue* const values = mValues.data() + level.start;
+    for (std::size_t i = 0; i < level.rows; ++i) values[i] = xMakePair(values + 2 * i);
+    mValues.resize(level.start + level.rows);
+    level.rows = 0;
+  }
+  static KXValue xMakeRows(KXValue* values, std::size_t size) {
+    KXRows rows(size);
+    for (std::size_t i = 0; i < size; ++i) {
+      rows.push(std::move(values[2 * i]), std::move(values[2 * i + 1]));
+    }
+    return rows.take();
+  }
+  KXValue xMakePair(KXValue* elements) {
+    if (mPairs.isWorthwhile() && elements[0].getType() == KXValue::TypeInt &&
         elements[1].getType() == KXValue::TypeInt) {
       return mPairs.get(static_cast<int>(elements[0]), static_cast<int>(elements[1]));
     }
-    return KXValue::arrayFrom(size, [&](std::size_t i) noexcept { return std::move(elements[i]); });
+    return KXValue::arrayOf(std::move(elements[0]), std::move(elements[1]));
   }
   // Each element of an array takes a byte or more, and so does each byte of a text.
   bool xTakeRoom(std::uint32_t size) {
@@ -313,6 +352,9 @@ class Visitor : public msgpack::null_visitor {
     }
     mRoom -= size;
     return true;
+  }
+  bool xFailInteger(std::string const& number) {
+    return xFail("expected an integer of 32 bits, got " + number);
   }
   bool xFail(std::string text) {
     if (mFault.empty()) mFault = std::move(text);
@@ -325,7 +367,7 @@ class Visitor : public msgpack::null_visitor {
     KXValue const* elements = mFormer->data();
     std::size_t size = mFormer->size();
     if (mDepth == 2) {
-      std::size_t const outer = mStarts[1];
+      std::size_t const outer = mLevels[1].start;
       if (outer >= size || elements[outer].getType() != KXValue::TypeArray) return nullptr;
       size = static_cast<std::size_t>(elements[outer].getSize());
       elements = elements[outer].arrayData();
@@ -337,7 +379,7 @@ class Visitor : public msgpack::null_visitor {
   std::size_t mRoom;  // bytes left, less the one of each element that has not come
   std::vector<KXValue> const* const mFormer;
   std::vector<KXValue> mValues;
-  std::array<std::size_t, kMostLevels> mStarts{};  // of the arrays that are not complete
+  std::array<Level, kMostLevels> mLevels;  // of the arrays that are not complete
   int mDepth = 0;
   bool mIsArray = false;
   Pairs mPairs;
@@ -347,6 +389,8 @@ class Visitor : public msgpack::null_visitor {
 }  // namespace
 
 std::vector<KXValue> KXUnpacker::xTake(std::vector<KXValue> const* former) {
+  if (mOffset == mBytes.size())
+    fail("decodeValue", "expected more bytes, at byte " + std::to_string(mOffset));
   Visitor visitor(mBytes.size() - mOffset, former);
   std::size_t offset = mOffset;
   bool const isWhole = msgpack::parse(mBytes.data(), mBytes.size(), offset, visitor);

@@ -16,8 +16,7 @@ inline std::string fromHex(std::string_view text) {
   }
   std::string bytes;
   for (std::size_t i = 0; i + 1 < digits.size(); i += 2) {
-    bytes +=
-        static_cast<char>(kDigits.find(digits[i]) << 4 | (kDigits.find(digits[i + 1]) & 0xf));
+    bytes += static_cast<char>(kDigits.find(digits[i]) << 4 | (kDigits.find(digits[i + 1]) & 0xf));
   }
   return bytes;
 }
