@@ -393,7 +393,9 @@ TEST_F(PackSender, NamesAHoleThatNothingFollows) {
 
   EXPECT_THAT(taken(), ElementsAre(Sent{1, 3, 1, {}}));
   EXPECT_EQ(sender.getCounts(), (KXNotificationCounts{2, 0, 2, 0, 0}));
+  EXPECT_FALSE(sender.isDone());
   ack(3);
+  EXPECT_TRUE(sender.isDone());
   nowMs += 10'000;
   EXPECT_THAT(taken(), IsEmpty());
 }
