@@ -27,6 +27,8 @@ using boost::posix_time::ptime;
 using boost::posix_time::microseconds;
 
 constexpr int kCycleMs = 10;
+// How long a batch read may take where the store is in another process: one period, but so long.
+constexpr int kMinReadMs = 100;
 constexpr char const* kModuleName = "KXMemoryWatcher";
 constexpr char const* kEventMethod = "_onEventNotify";
 // On purpose not the module's name: filters of the log, and kx, know the lines about keys that
@@ -629,7 +631,7 @@ void KXMemoryWatcher::xUpdateValues(KXListenerTable& items) {
 void KXMemoryWatcher::xReadBatch(KXListenerTable& items, KXKeyListPtr const& list,
                                  bool resolvesNatures) {
   ka::os::timeval const time = mClock.wallTime();
-  KXValue values = mMemoryProxy->getListData(list->names);
+  KXValue values = mMemoryProxy->getListData(list->names, std::max(mPeriodMs.load(), kMinReadMs));
 
   std::size_t const wanted = list->since.size();
   std::size_t const given =

@@ -46,7 +46,9 @@ class KX_API KXTransport {
   virtual bool wait(std::string const& module, int taskId, int timeoutMs) = 0;
 
   /// Queues calls that nobody waits for: each is delivered once and in order, or counted as
-  /// dropped. Never waits. Throws nothing but std::bad_alloc, and nothing is queued then.
+  /// dropped. Never waits. A receiver that is cut off, or not there yet, is waited for. KXError,
+  /// and nothing is queued: NotFound if nobody has listened for so long that the receiver has to be
+  /// taken for gone.
   virtual void notify(std::string const& module, std::vector<KXNotification> notifications) = 0;
   /// Zeros for a module that nothing was ever sent to.
   virtual KXNotificationCounts notificationCounts(std::string const& module) const = 0;

@@ -25,11 +25,14 @@ class KX_API KXMemoryProxy {
   /// The current value of one key. KXError if nobody ever wrote it.
   KXValue getData(std::string const& name);
   /// The values of all these keys at one moment: an array with one value per name, in the same
-  /// order; invalid where the store has no value. `names` is an array of strings.
-  KXValue getListData(KXValue const& names);
+  /// order; invalid where the store has no value. `names` is an array of strings. The time-out is
+  /// for a store in another process: 0 is the transport's own.
+  KXValue getListData(KXValue const& names, int timeoutMs = 0);
   /// The type of a key: "Data", "Event", "MicroEvent" or "Unknown data". KXError if unknown.
   std::string getType(std::string const& name);
-  /// Has `callbackMethod` of `callbackModule` called as (name, value, message) at each raise.
+  /// Has `callbackMethod` of `callbackModule` called as (name, value, message) at each raise. Where
+  /// the store is in another process, the callback module is one of this process's broker: the
+  /// store is told "MODULE@BROKER", here and where a subscription ends.
   void subscribeToEvent(std::string const& name, std::string const& callbackModule,
                         std::string const& callbackMethod);
   void subscribeToMicroEvent(std::string const& name, std::string const& callbackModule,
@@ -45,6 +48,7 @@ class KX_API KXMemoryProxy {
 
  private:
   boost::shared_ptr<KXProxy> xProxy();
+  std::string xCallbackModule(KXProxy const& proxy, std::string const& name) const;
 
   boost::weak_ptr<KXBroker> const mBroker;
   std::mutex mMutex;

@@ -84,7 +84,8 @@ boost::shared_ptr<KXProxy> KXBroker::getProxy(std::string const& moduleName, int
   }
   // A module of this process may be asked for by its full address: "NAME@BROKER".
   std::string const ownSuffix = "@" + mImpl->name;
-  if (moduleName.ends_with(ownSuffix)) {
+  bool const isOwn = moduleName.ends_with(ownSuffix);
+  if (isOwn) {
     Module own = mImpl->find(moduleName.substr(0, moduleName.size() - ownSuffix.size()));
     if (own) return boost::shared_ptr<KXProxy>(new KXProxy(shared_from_this(), std::move(own)));
   }
@@ -94,7 +95,8 @@ boost::shared_ptr<KXProxy> KXBroker::getProxy(std::string const& moduleName, int
   }
   std::string text =
       "unknown module '" + moduleName + "', loaded: " + (loaded.empty() ? "none" : loaded);
-  if (boost::shared_ptr<KXTransport> const transport = getTransport()) {
+  boost::shared_ptr<KXTransport> const transport = getTransport();
+  if (transport && !isOwn) {
     try {
       transport->find(moduleName);
       return boost::shared_ptr<KXProxy>(new KXProxy(shared_from_this(), moduleName, transport));

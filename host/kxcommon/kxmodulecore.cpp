@@ -12,8 +12,9 @@
 namespace KX {
 namespace {
 
-[[noreturn]] void fail(char const* method, std::string const& text) {
-  throw KXError("KXModuleCore", method, text, "kxcommon/kxmodulecore", 0);
+[[noreturn]] void fail(char const* method, std::string const& text,
+                       KXError::Kind kind = KXError::Kind::Failed) {
+  throw KXError("KXModuleCore", method, text, "kxcommon/kxmodulecore", 0, kind);
 }
 
 bool hasTypes(KXMethodInfo const& info, std::vector<std::string> const& types) {
@@ -82,8 +83,10 @@ void KXModuleCore::throwUnknownMethod(std::string const& name) const {
     });
     if (!isRepeated) published += (published.empty() ? "'" : ", '") + method->name + "'";
   }
-  fail("getMethod", "unknown method '" + name + "' of module '" + mName +
-                        "', published: " + (published.empty() ? "none" : published));
+  fail("getMethod",
+       "unknown method '" + name + "' of module '" + mName +
+           "', published: " + (published.empty() ? "none" : published),
+       KXError::Kind::NotFound);
 }
 
 void KXModuleCore::setModuleDescription(std::string description) {

@@ -74,7 +74,7 @@ int KXProxy::pCall(std::string const& method) {
   if (info == nullptr) {
     throw KXError("KXProxy", "getMethodInfo",
                   "Function " + method + " does not exist in module " + xGetModuleName(),
-                  detail::kProxyFile, detail::kNoMethodLine);
+                  detail::kProxyFile, detail::kNoMethodLine, KXError::Kind::NotFound);
   }
   KXTaskInfo const taskInfo = xCreateTaskInfo(method);
   xAddTask(taskInfo.toString(), boost::shared_ptr<KXTask>(

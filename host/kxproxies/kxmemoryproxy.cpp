@@ -58,12 +58,20 @@ boost::shared_ptr<KXProxy> KXMemoryProxy::xProxy() {
   return found;
 }
 
+// Another process may have a module of the same name: events are to come back to this one.
+std::string KXMemoryProxy::xCallbackModule(KXProxy const& proxy, std::string const& name) const {
+  boost::shared_ptr<KXBroker> const broker = mBroker.lock();
+  return proxy.isLocal() || !broker ? name : name + "@" + broker->getName();
+}
+
 KXValue KXMemoryProxy::getData(std::string const& name) {
   return callStore<KXValue>(xProxy(), "getData", name);
 }
 
-KXValue KXMemoryProxy::getListData(KXValue const& names) {
-  return callStore<KXValue>(xProxy(), "getListData", names);
+KXValue KXMemoryProxy::getListData(KXValue const& names, int timeoutMs) {
+  boost::shared_ptr<KXProxy> const proxy = xProxy();
+  if (proxy->isLocal()) return callStore<KXValue>(proxy, "getListData", names);
+  return proxy->genericCall("getListData", KXValue::arrayOf(names), timeoutMs);
 }
 
 std::string KXMemoryProxy::getType(std::string const& name) {
@@ -72,24 +80,29 @@ std::string KXMemoryProxy::getType(std::string const& name) {
 
 void KXMemoryProxy::subscribeToEvent(std::string const& name, std::string const& callbackModule,
                                      std::string const& callbackMethod) {
-  callStore<void>(xProxy(), "subscribeToEvent", name, callbackModule, callbackMethod);
+  boost::shared_ptr<KXProxy> const proxy = xProxy();
+  callStore<void>(proxy, "subscribeToEvent", name, xCallbackModule(*proxy, callbackModule),
+                  callbackMethod);
 }
 
 void KXMemoryProxy::subscribeToMicroEvent(std::string const& name,
                                           std::string const& callbackModule,
                                           std::string const& callbackMessage,
                                           std::string const& callbackMethod) {
-  callStore<void>(xProxy(), "subscribeToMicroEvent", name, callbackModule, callbackMessage,
-                  callbackMethod);
+  boost::shared_ptr<KXProxy> const proxy = xProxy();
+  callStore<void>(proxy, "subscribeToMicroEvent", name, xCallbackModule(*proxy, callbackModule),
+                  callbackMessage, callbackMethod);
 }
 
 void KXMemoryProxy::unsubscribeToEvent(std::string const& name, std::string const& callbackModule) {
-  callStore<void>(xProxy(), "unsubscribeToEvent", name, callbackModule);
+  boost::shared_ptr<KXProxy> const proxy = xProxy();
+  callStore<void>(proxy, "unsubscribeToEvent", name, xCallbackModule(*proxy, callbackModule));
 }
 
 void KXMemoryProxy::unsubscribeToMicroEvent(std::string const& name,
                                             std::string const& callbackModule) {
-  callStore<void>(xProxy(), "unsubscribeToMicroEvent", name, callbackModule);
+  boost::shared_ptr<KXProxy> const proxy = xProxy();
+  callStore<void>(proxy, "unsubscribeToMicroEvent", name, xCallbackModule(*proxy, callbackModule));
 }
 
 // Task ids are the broker's: no store is needed to ask for them. A broker that is gone has waited

@@ -18,7 +18,8 @@ KXValue const kNoValue;
 }
 
 [[noreturn]] void failUnknown(char const* method, std::string const& name) {
-  fail(method, "unknown key '" + name + "'");
+  throw KXError("KXMemory", method, "unknown key '" + name + "'", "memory/kxmemory", 0,
+                KXError::Kind::NotFound);
 }
 
 char const* nameOf(KXKeyType type) {

@@ -140,6 +140,7 @@ void KXSubscriberQueue::xServe() {
       xDeliver(std::exchange(batch[served++], {}));
     }
     droppedCount = batch.size() - served;
+    xSendPack();
     batch.clear();
     mArguments = KXValue();
     if (batch.capacity() > kKeptCapacity) batch.shrink_to_fit();
@@ -213,9 +214,11 @@ void KXSubscriberQueue::xCall(KXSubscription& subscription, KXValue const& value
   if (module) {
     xCallLocal(*module, subscription, value);
   } else if (mRemote) {
-    mRemote->genericCall(subscription.method, xArguments(subscription, value));
+    mPack.push_back(
+        {subscription.method, KXValue::arrayOf(subscription.key, value, subscription.message)});
   } else {
     subscription.isGone = true;
+    if (mIsGoneForGood) return;  // said already
     ka::log::LogStream(ka::log::Warning, "KXMemory", "", "deliver", 0)
         << "module '" << mModuleName << "' is gone, its subscription to key '"
         << subscription.key.toString() << "' is dropped";
@@ -259,20 +262,51 @@ KXValue const& KXSubscriberQueue::xArguments(KXSubscription const& subscription,
   return mArguments;
 }
 
+// All that a batch has for a module in another process. The transport queues it: how long it takes
+// to arrive delays nothing here.
+void KXSubscriberQueue::xSendPack() {
+  if (mPack.empty()) return;
+  auto const failure = [&] {
+    return "notifications to '" + mModuleName + "' failed";
+  };
+  ka::log::runLogged("KXMemory", "deliver", failure, [&] {
+    try {
+      mRemote->notify(mModuleName, std::exchange(mPack, {}));
+    } catch (KXError const& error) {
+      if (error.getKind() != KXError::Kind::NotFound) throw;
+      mIsGoneForGood = true;
+      mRemote.reset();
+      ka::log::LogStream(ka::log::Warning, "KXMemory", "", "deliver", 0)
+          << "module '" << mModuleName
+          << "' is gone, its subscriptions are dropped: " << messageOf(error);
+    }
+  });
+}
+
 // The module if it is of this process; otherwise null, with mRemote set if there is a way to it.
 boost::shared_ptr<KXModule> KXSubscriberQueue::xFind() {
   boost::shared_ptr<KXBroker> const broker = mContext->broker.lock();
-  if (!broker) return {};
-  boost::shared_ptr<KXProxy> proxy;
-  try {
-    proxy = broker->getProxy(mModuleName, 0);
-  } catch (KXError const&) {
-    return {};  // Not there: the caller says so.
+  if (!broker || mIsGoneForGood) return {};
+  boost::shared_ptr<KXTransport> const transport = broker->getTransport();
+  // Whoever subscribed from another process has said where it is. It may be cut off for a while:
+  // its notifications wait for it in the transport.
+  bool const isQualified = mModuleName.find('@') != std::string::npos;
+  if (transport && isQualified && !mModuleName.ends_with("@" + broker->getName())) {
+    mRemote = transport;
+    return {};
   }
-  if (!proxy->isLocal()) mRemote = proxy;
-  mLocal = proxy->getModule();
+  boost::shared_ptr<KXModule> local;
+  try {
+    local = broker->getProxy(mModuleName, 0)->getModule();
+    if (!local) mRemote = transport;
+  } catch (KXError const& error) {
+    // Not there: the caller says so. What could not be asked may be there.
+    if (error.getKind() == KXError::Kind::NotFound) return {};
+    mRemote = transport;
+  }
+  mLocal = local;
   ++mModuleVersion;
-  return proxy->getModule();
+  return local;
 }
 
 void KXSubscriberQueue::xTellBehind(std::size_t waitingCount, std::int64_t lagMs) {

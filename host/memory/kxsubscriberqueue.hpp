@@ -19,6 +19,7 @@
 #include <kxcommon/kxbroker.hpp>
 #include <kxcommon/kxmodule.hpp>
 #include <kxcommon/kxproxy.hpp>
+#include <kxcommon/kxtransport.hpp>
 #include <kxvalue/kxvalue.hpp>
 
 namespace KX {
@@ -115,6 +116,7 @@ class KXSubscriberQueue : public std::enable_shared_from_this<KXSubscriberQueue>
   void xDeliver(Notification const& notification);
   void xCall(KXSubscription& subscription, KXValue const& value);
   void xCallLocal(KXModule& module, KXSubscription& subscription, KXValue const& value);
+  void xSendPack();
   KXValue const& xArguments(KXSubscription const& subscription, KXValue const& value);
   boost::shared_ptr<KXModule> xFind();
   void xTellBehind(std::size_t waitingCount, std::int64_t lagMs);
@@ -140,9 +142,11 @@ class KXSubscriberQueue : public std::enable_shared_from_this<KXSubscriberQueue>
 
   // The thread's own. A module of this process is not kept alive by being watched.
   boost::weak_ptr<KXModule> mLocal;
-  boost::shared_ptr<KXProxy> mRemote;
-  std::uint64_t mModuleVersion = 0;  ///< counts the modules found
-  KXValue mArguments;                ///< kept for the next call by name
+  bool mIsGoneForGood = false;
+  boost::shared_ptr<KXTransport> mRemote;  ///< the way to it, if it is in another process
+  std::vector<KXNotification> mPack;       ///< what is to go that way when the batch is through
+  std::uint64_t mModuleVersion = 0;        ///< counts the modules found
+  KXValue mArguments;                      ///< kept for the next call by name
 
   std::mutex mThreadMutex;
   std::thread mThread;  // guarded by mThreadMutex

@@ -10,6 +10,7 @@
 
 #include <kxcommon/kxbroker.hpp>
 #include <kxcommon/kxtransport.hpp>
+#include <kxerror/kxerror.hpp>
 #include <kxvalue/kxvalue.hpp>
 
 namespace KX::testing {
@@ -23,6 +24,7 @@ class FakeTransport : public KXTransport {
     std::string module;
     std::string method;
     KXValue params;
+    int timeoutMs = 0;
 
     bool operator==(Call const&) const = default;
   };
@@ -38,8 +40,8 @@ class FakeTransport : public KXTransport {
   }
 
   void call(std::string const& module, std::string const& method, KXValue const& params,
-            KXValue& result, int /*timeoutMs*/) override {
-    if (xHooked({"call", module, method, params}, result)) return;
+            KXValue& result, int timeoutMs) override {
+    if (xHooked({"call", module, method, params, timeoutMs}, result)) return;
     result = mTarget->getProxy(module, 0)->genericCall(method, params);
   }
   void pCall(std::string const& module, std::string const& method, KXValue const& params,
@@ -64,7 +66,17 @@ class FakeTransport : public KXTransport {
     return {};
   }
   void forget(std::string const& /*module*/) override {}
-  void find(std::string const& module) override { mTarget->getProxy(module, 0); }
+  /// Asks the target alone, and not a transport of its own: two brokers may have each other's.
+  void find(std::string const& module) override {
+    auto const at = module.rfind('@');
+    bool const isThere = mTarget->isModulePresent(module) ||
+                         (at != std::string::npos && module.substr(at + 1) == mTarget->getName() &&
+                          mTarget->isModulePresent(module.substr(0, at)));
+    if (isThere) return;
+    throw KXError("FakeTransport", "find",
+                  "no module '" + module + "' in '" + mTarget->getName() + "'", "", 0,
+                  KXError::Kind::NotFound);
+  }
   KXModuleInfo describe(std::string const& module) override {
     return mTarget->getProxy(module, 0)->describe();
   }

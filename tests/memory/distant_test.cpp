@@ -1,0 +1,194 @@
+// Subscribers in other processes.
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <boost/smart_ptr/make_shared.hpp>
+
+#include <gtest/gtest.h>
+
+#include <host/memory/kxmemory.hpp>
+#include <kxcommon/kxbroker.hpp>
+#include <kxproxies/kxmemoryproxy.hpp>
+#include <tests/support/faketransport.hpp>
+#include <tests/support/logcapture.hpp>
+
+namespace KX {
+namespace {
+
+// Keeps what is to go to another process, as far as it is let.
+class KeepingTransport : public testing::FakeTransport {
+ public:
+  KeepingTransport() : FakeTransport(nullptr) {}
+
+  void find(std::string const& module) override {
+    throw KXError("Keeping", "find", module + " could not be asked for", "", 0, mFindKind);
+  }
+  void notify(std::string const& module, std::vector<KXNotification> notifications) override {
+    std::unique_lock lock(mMutex);
+    mWakeUp.wait(lock, [this] { return mIsOpen; });
+    if (mIsGone) throw KXError("Keeping", "notify", "gone", "", 0, KXError::Kind::NotFound);
+    for (KXNotification& notification : notifications) {
+      mTexts.push_back(module + "." + notification.method + notification.arguments.toString(1));
+    }
+    ++mPackCount;
+    mWakeUp.notify_all();
+  }
+
+  void setFindKind(KXError::Kind kind) { mFindKind = kind; }
+  void setOpen(bool isOpen) {
+    std::lock_guard const lock(mMutex);
+    mIsOpen = isOpen;
+    mWakeUp.notify_all();
+  }
+  void setGone() {
+    std::lock_guard const lock(mMutex);
+    mIsGone = true;
+  }
+  std::vector<std::string> waitFor(std::size_t count) {
+    std::unique_lock lock(mMutex);
+    mWakeUp.wait_for(lock, std::chrono::seconds(30), [&] { return mTexts.size() >= count; });
+    return mTexts;
+  }
+  int packCount() {
+    std::lock_guard const lock(mMutex);
+    return mPackCount;
+  }
+
+ private:
+  std::mutex mMutex;
+  std::condition_variable mWakeUp;
+  bool mIsOpen = true;  // guarded by mMutex, as all below
+  bool mIsGone = false;
+  int mPackCount = 0;
+  std::vector<std::string> mTexts;
+  KXError::Kind mFindKind = KXError::Kind::Disconnected;  // set before use
+};
+
+struct DistantSubscriber : ::testing::Test {
+  DistantSubscriber() { broker->setTransport(transport); }
+  bool waitForLog(std::string const& text) const {
+    auto const end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (std::chrono::steady_clock::now() < end) {
+      for (LogLine const& line : log.lines()) {
+        if (line.text.find(text) != std::string::npos) return true;
+      }
+      std::this_thread::yield();
+    }
+    return false;
+  }
+
+  LogCapture const log;
+  boost::shared_ptr<KeepingTransport> const transport = boost::make_shared<KeepingTransport>();
+  boost::shared_ptr<KXBroker> const broker = KXBroker::createBroker("here");
+  boost::shared_ptr<KXMemory> const store = KXModule::createModule<KXMemory>(broker);
+};
+
+TEST_F(DistantSubscriber, IsHandedEveryRaiseInOrder) {
+  store->subscribeToEvent("e", "M@there", "onEvent");
+  store->subscribeToMicroEvent("m", "M@there", "message", "onMicro");
+
+  store->raiseEvent("e", 1);
+  store->raiseMicroEvent("m", "x");
+
+  EXPECT_EQ(transport->waitFor(2), (std::vector<std::string>{
+                                       R"(M@there.onEvent["e",1,""])",
+                                       R"(M@there.onMicro["m","x","message"])",
+                                   }));
+}
+
+TEST_F(DistantSubscriber, IsHandedWhatWaitsInOnePack) {
+  store->subscribeToEvent("e", "M@there", "onEvent");
+  transport->setOpen(false);
+  for (int i = 0; i < 1000; ++i) store->raiseEvent("e", i);
+
+  transport->setOpen(true);
+
+  EXPECT_EQ(transport->waitFor(1000).size(), 1000U);
+  EXPECT_LE(transport->packCount(), 3);
+}
+
+TEST_F(DistantSubscriber, ThatCannotBeAskedForIsTakenForThere) {
+  store->subscribeToEvent("e", "Announced", "onEvent");
+
+  store->raiseEvent("e", 1);
+
+  EXPECT_EQ(transport->waitFor(1).size(), 1U);
+}
+
+TEST_F(DistantSubscriber, ThatNobodyHasIsDropped) {
+  transport->setFindKind(KXError::Kind::NotFound);
+  store->subscribeToEvent("e", "Announced", "onEvent");
+
+  store->raiseEvent("e", 1);
+
+  EXPECT_TRUE(waitForLog("module 'Announced' is gone, its subscription to key 'e' is dropped"));
+}
+
+TEST_F(DistantSubscriber, ThatIsGoneForGoodIsDroppedAndSaidSoOnce) {
+  store->subscribeToEvent("e", "M@there", "onEvent");
+  transport->setGone();
+
+  store->raiseEvent("e", 1);
+  store->raiseEvent("e", 2);
+  store->raiseEvent("e", 3);
+
+  EXPECT_TRUE(waitForLog("module 'M@there' is gone, its subscriptions are dropped: gone"));
+  store->exit();
+  EXPECT_EQ(log.lines().size(), 1U);
+  EXPECT_EQ(transport->packCount(), 0);
+}
+
+TEST_F(DistantSubscriber, OfThisBrokersOwnNameIsLocal) {
+  store->subscribeToEvent("e", "M@here", "onEvent");
+
+  store->raiseEvent("e", 1);
+
+  EXPECT_TRUE(waitForLog("module 'M@here' is gone"));
+  EXPECT_EQ(transport->packCount(), 0);
+}
+
+// ---- the other side: the store is distant
+
+struct DistantStore : ::testing::Test {
+  DistantStore() {
+    client->setTransport(transport);
+    there->setTransport(boost::make_shared<testing::FakeTransport>(client));
+  }
+
+  boost::shared_ptr<KXBroker> const there = KXBroker::createBroker("there");
+  boost::shared_ptr<KXMemory> const store = KXModule::createModule<KXMemory>(there);
+  boost::shared_ptr<testing::FakeTransport> const transport =
+      boost::make_shared<testing::FakeTransport>(there);
+  boost::shared_ptr<KXBroker> const client = KXBroker::createBroker("client");
+  KXMemoryProxy proxy{client};
+};
+
+TEST_F(DistantStore, IsToldTheBrokerOfTheModuleToCall) {
+  proxy.subscribeToEvent("e", "M", "onEvent");
+  proxy.subscribeToMicroEvent("m", "M", "message", "onMicro");
+  proxy.unsubscribeToEvent("e", "M");
+  proxy.unsubscribeToMicroEvent("m", "M");
+
+  std::vector<std::string> modules;
+  for (auto const& call : transport->getCalls()) modules.push_back(call.params[1].toString());
+  EXPECT_EQ(modules, std::vector<std::string>(4, "M@client"));
+}
+
+TEST_F(DistantStore, GivesAnEventThatWasNeverRaisedAsInvalid) {
+  store->declareEvent("e");
+
+  EXPECT_FALSE(proxy.getData("e").isValid());
+  EXPECT_EQ(proxy.getType("e"), "Event");
+}
+
+TEST_F(DistantStore, IsGivenTheTimeOfABatchRead) {
+  store->insertData("k", 1);
+
+  EXPECT_EQ(proxy.getListData(KXValue(std::vector<std::string>{"k"}), 100), KXValue::arrayOf(1));
+  EXPECT_EQ(transport->getCalls().back().timeoutMs, 100);
+}
+
+}  // namespace
+}  // namespace KX
