@@ -51,6 +51,7 @@ endif()
 
 install(DIRECTORY framework/ DESTINATION ${kx_include_dir} FILES_MATCHING PATTERN *.hpp)
 install(DIRECTORY binding DESTINATION ${kx_include_dir} FILES_MATCHING PATTERN *.hpp)
+install(FILES host/bus/kxbusoptions.hpp DESTINATION ${kx_include_dir}/host/bus)
 install(FILES host/rttools/kxhost.hpp host/rttools/kxmodulelibrary.hpp
   DESTINATION ${kx_include_dir}/host/rttools)
 # Without what looks inside the watcher, whose headers stay here.

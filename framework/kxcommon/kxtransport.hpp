@@ -3,6 +3,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -58,6 +60,11 @@ class KX_API KXTransport {
   /// Returns if the module is there. KXError: NotFound if nobody has it; another kind if that could
   /// not be asked.
   virtual void find(std::string const& module) = 0;
+  /// Has the handler called each time when the module has come back, or may have while nobody could
+  /// tell: as a new one it knows nothing of what the former was told. On a thread of the transport,
+  /// which must not be kept; until the result is destroyed.
+  [[nodiscard]] virtual std::shared_ptr<void> observeReturns(std::string const& module,
+                                                             std::function<void()> handler) = 0;
   /// What the module says of itself. KXError as find().
   virtual KXModuleInfo describe(std::string const& module) = 0;
 };

@@ -1,6 +1,7 @@
 // Typed calls to the store: whatever module is published as "KXMemory".
 #pragma once
 
+#include <memory>
 #include <mutex>
 #include <string>
 
@@ -13,14 +14,18 @@
 
 namespace KX {
 
+class KXDistantSubscriptions;
+
 /// The store as its clients see it. The module is looked up at the first call, and again when the
 /// one found has left service, so the store may come later than its clients and may be replaced.
+/// Where the store is in another process, it is told all subscriptions again when it comes back.
 /// Ownership: keeps the store's module alive; does not keep the broker alive.
 /// Threads: all calls may overlap; each blocks until the store has answered.
 /// Errors: KXError if there is no store, and whatever the store throws.
 class KX_API KXMemoryProxy {
  public:
   explicit KXMemoryProxy(boost::shared_ptr<KXBroker> const& broker);
+  ~KXMemoryProxy();
 
   /// The current value of one key. KXError if nobody ever wrote it.
   KXValue getData(std::string const& name);
@@ -48,9 +53,10 @@ class KX_API KXMemoryProxy {
 
  private:
   boost::shared_ptr<KXProxy> xProxy();
-  std::string xCallbackModule(KXProxy const& proxy, std::string const& name) const;
+  std::string xQualified(std::string const& module) const;
 
   boost::weak_ptr<KXBroker> const mBroker;
+  std::shared_ptr<KXDistantSubscriptions> const mDistant;  ///< where the store is distant
   std::mutex mMutex;
   boost::shared_ptr<KXProxy> mProxy;  // guarded by mMutex
 };

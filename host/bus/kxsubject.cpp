@@ -154,6 +154,10 @@ std::string KXSubjects::hello() const {
   return join(mPrefix, {"@hello"});
 }
 
+std::string KXSubjects::here() const {
+  return join(mPrefix, {"@here"});
+}
+
 std::optional<KXSubjects::Call> KXSubjects::parseCall(std::string_view subject) const {
   if (!subject.starts_with(mPrefix)) return std::nullopt;
   std::vector<std::string_view> const tokens = split(subject.substr(mPrefix.size()));

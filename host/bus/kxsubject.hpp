@@ -53,6 +53,8 @@ class KX_API KXSubjects {
   std::string claim(std::string_view module) const;
   /// `kx.ROBOT.@hello`: a receiver of events is there (again).
   std::string hello() const;
+  /// `kx.ROBOT.@here`: a module is announced.
+  std::string here() const;
 
   /// What a subject of a call says; none if it is no call of this robot.
   struct Call {

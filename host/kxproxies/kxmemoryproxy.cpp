@@ -4,6 +4,7 @@
 #include <vector>
 
 #include <binding/kxproxycall.hpp>
+#include <host/kxproxies/kxdistantsubscriptions.hpp>
 #include <kxcommon/kxbroker.hpp>
 #include <kxcommon/kxmodule.hpp>
 #include <kxerror/kxerror.hpp>
@@ -35,7 +36,10 @@ bool isInService(KXProxy const& proxy) {
 
 }  // namespace
 
-KXMemoryProxy::KXMemoryProxy(boost::shared_ptr<KXBroker> const& broker) : mBroker(broker) {}
+KXMemoryProxy::KXMemoryProxy(boost::shared_ptr<KXBroker> const& broker)
+    : mBroker(broker), mDistant(std::make_shared<KXDistantSubscriptions>(broker)) {}
+
+KXMemoryProxy::~KXMemoryProxy() = default;
 
 boost::shared_ptr<KXProxy> KXMemoryProxy::xProxy() {
   boost::shared_ptr<KXProxy> known;
@@ -59,9 +63,9 @@ boost::shared_ptr<KXProxy> KXMemoryProxy::xProxy() {
 }
 
 // Another process may have a module of the same name: events are to come back to this one.
-std::string KXMemoryProxy::xCallbackModule(KXProxy const& proxy, std::string const& name) const {
+std::string KXMemoryProxy::xQualified(std::string const& module) const {
   boost::shared_ptr<KXBroker> const broker = mBroker.lock();
-  return proxy.isLocal() || !broker ? name : name + "@" + broker->getName();
+  return broker ? module + "@" + broker->getName() : module;
 }
 
 KXValue KXMemoryProxy::getData(std::string const& name) {
@@ -81,8 +85,11 @@ std::string KXMemoryProxy::getType(std::string const& name) {
 void KXMemoryProxy::subscribeToEvent(std::string const& name, std::string const& callbackModule,
                                      std::string const& callbackMethod) {
   boost::shared_ptr<KXProxy> const proxy = xProxy();
-  callStore<void>(proxy, "subscribeToEvent", name, xCallbackModule(*proxy, callbackModule),
-                  callbackMethod);
+  if (proxy->isLocal()) {
+    return callStore<void>(proxy, "subscribeToEvent", name, callbackModule, callbackMethod);
+  }
+  mDistant->subscribe(*proxy, "subscribeToEvent",
+                      KXValue::arrayOf(name, xQualified(callbackModule), callbackMethod));
 }
 
 void KXMemoryProxy::subscribeToMicroEvent(std::string const& name,
@@ -90,19 +97,30 @@ void KXMemoryProxy::subscribeToMicroEvent(std::string const& name,
                                           std::string const& callbackMessage,
                                           std::string const& callbackMethod) {
   boost::shared_ptr<KXProxy> const proxy = xProxy();
-  callStore<void>(proxy, "subscribeToMicroEvent", name, xCallbackModule(*proxy, callbackModule),
-                  callbackMessage, callbackMethod);
+  if (proxy->isLocal()) {
+    return callStore<void>(proxy, "subscribeToMicroEvent", name, callbackModule, callbackMessage,
+                           callbackMethod);
+  }
+  mDistant->subscribe(
+      *proxy, "subscribeToMicroEvent",
+      KXValue::arrayOf(name, xQualified(callbackModule), callbackMessage, callbackMethod));
 }
 
 void KXMemoryProxy::unsubscribeToEvent(std::string const& name, std::string const& callbackModule) {
   boost::shared_ptr<KXProxy> const proxy = xProxy();
-  callStore<void>(proxy, "unsubscribeToEvent", name, xCallbackModule(*proxy, callbackModule));
+  if (proxy->isLocal()) return callStore<void>(proxy, "unsubscribeToEvent", name, callbackModule);
+  mDistant->unsubscribe(*proxy, "unsubscribeToEvent",
+                        KXValue::arrayOf(name, xQualified(callbackModule)));
 }
 
 void KXMemoryProxy::unsubscribeToMicroEvent(std::string const& name,
                                             std::string const& callbackModule) {
   boost::shared_ptr<KXProxy> const proxy = xProxy();
-  callStore<void>(proxy, "unsubscribeToMicroEvent", name, xCallbackModule(*proxy, callbackModule));
+  if (proxy->isLocal()) {
+    return callStore<void>(proxy, "unsubscribeToMicroEvent", name, callbackModule);
+  }
+  mDistant->unsubscribe(*proxy, "unsubscribeToMicroEvent",
+                        KXValue::arrayOf(name, xQualified(callbackModule)));
 }
 
 // Task ids are the broker's: no store is needed to ask for them. A broker that is gone has waited

@@ -1,8 +1,11 @@
 #include <host/rttools/kxhost.hpp>
 
+#include <algorithm>
 #include <utility>
 #include <vector>
 
+#include <host/bus/kxbuslink.hpp>
+#include <host/bus/kxnatsbus.hpp>
 #include <host/launcher/kxlauncher.hpp>
 #include <host/memory/kxmemory.hpp>
 #include <host/rttools/kxmodulelibrary.hpp>
@@ -12,25 +15,50 @@
 namespace KX {
 
 struct KXHost::Impl {
-  explicit Impl(std::string const& name) : broker(KXBroker::createBroker(name)) {}
+  explicit Impl(Options const& options) : announced(options.announced) {
+    if (!options.bus) {
+      broker = KXBroker::createBroker(options.name);
+      return;
+    }
+    std::shared_ptr<KXBus> const bus = connectNats(*options.bus);
+    broker = KXBroker::createBroker(KXBusLink::newBrokerName(*bus));
+    link = std::make_unique<KXBusLink>(bus, broker, options.bus->robot, options.bus->timeoutMs);
+  }
   // Here and not in ~KXHost, so that it also runs when KXHost's constructor fails half-way.
   ~Impl() { shutdown(); }
   Impl(Impl const&) = delete;
   Impl& operator=(Impl const&) = delete;
 
+  void announce() {
+    if (!link || announced == Announced::Nothing) return;
+    std::vector<std::string> modules = broker->getModuleNames();
+    std::erase_if(modules, [this](std::string const& module) {
+      bool const isOwnLauncher = announced == Announced::OwnModules && module == "KXLauncher";
+      return isOwnLauncher || std::ranges::find(done, module) != done.end();
+    });
+    if (modules.empty()) return;
+    link->announce(modules);
+    std::ranges::move(modules, std::back_inserter(done));
+  }
+
   void shutdown() {
+    if (link) link->leave();
     broker->shutdown();
+    if (link) link->close();
     while (!libraries.empty()) {
       libraries.back().closeModule();
       libraries.pop_back();
     }
   }
 
-  boost::shared_ptr<KXBroker> const broker;
+  Announced const announced;
+  std::vector<std::string> done;  // the modules that were announced
+  boost::shared_ptr<KXBroker> broker;
+  std::unique_ptr<KXBusLink> link;  // null without a bus
   std::vector<KXModuleLibrary> libraries;
 };
 
-KXHost::KXHost(Options const& options) : mImpl(std::make_unique<Impl>(options.name)) {
+KXHost::KXHost(Options const& options) : mImpl(std::make_unique<Impl>(options)) {
   ka::os::keepFreedMemory();
   if (options.withLauncher) KXModule::createModule<KXLauncher>(mImpl->broker);
   if (options.withStore) KXModule::createModule<KXMemory>(mImpl->broker);
@@ -47,6 +75,10 @@ void KXHost::loadModule(std::string const& path) {
   KXModuleLibrary library(path);
   library.createModule(mImpl->broker);
   mImpl->libraries.push_back(std::move(library));
+}
+
+void KXHost::announce() {
+  mImpl->announce();
 }
 
 void KXHost::shutdown() {

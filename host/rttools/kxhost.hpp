@@ -2,10 +2,12 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include <boost/smart_ptr/shared_ptr.hpp>
 
+#include <host/bus/kxbusoptions.hpp>
 #include <kxcommon/kxbroker.hpp>
 #include <kxerror/kxapi.hpp>
 
@@ -17,18 +19,35 @@ namespace KX {
 ///     KXHost host({.name = "mine", .withStore = false});
 ///     KXModule::createModule<MyStore>(host.getBroker());
 ///
+/// With a bus it joins a robot, where the modules of several processes are one host's:
+///
+///     KXHost host({.withStore = false, .bus = {{.url = "nats://127.0.0.1"}},
+///                  .announced = KXHost::Announced::OwnModules});
+///     host.loadModule("libmine.so");
+///     host.announce();
+///
 /// Has the process keep memory that it frees (ka::os::keepFreedMemory).
 /// Ownership: a value of main() or of a test; owns the broker until shutdown() or destruction.
 /// Threads: one thread builds, loads and shuts down; calls through the broker come from any thread.
 class KX_API KXHost {
  public:
+  /// Which modules are meant for everybody on the robot, under their plain names. The others are
+  /// reached by whom they gave their full address to.
+  enum class Announced {
+    Nothing,
+    OwnModules,  ///< all but the launcher, which speaks for this process alone
+    Everything,  ///< this is the robot's host
+  };
   struct Options {
-    std::string name = "kxhost";  ///< the broker's name
-    bool withLauncher = true;     ///< tell over the broker which modules there are
-    bool withStore = true;        ///< keep the keys
-    bool withVsm = false;         ///< run the 10 ms hardware cycle
+    std::string name = "kxhost";        ///< the broker's name; on a robot it has one of the bus's
+    bool withLauncher = true;           ///< tell over the broker which modules there are
+    bool withStore = true;              ///< keep the keys
+    bool withVsm = false;               ///< run the 10 ms hardware cycle
+    std::optional<KXBusOptions> bus{};  ///< join a robot; without, nothing opens a socket
+    Announced announced = Announced::Nothing;
   };
 
+  /// KXError if there is no way to the bus.
   explicit KXHost(Options const& options);
   /// Shuts down.
   ~KXHost();
@@ -41,6 +60,10 @@ class KX_API KXHost {
   /// nothing else happens, if the file cannot be opened, an entry point is missing, or
   /// `_createModule` throws or returns anything but 0.
   void loadModule(std::string const& path);
+
+  /// Announces what was published since the last time and is to be, as the options say. KXError,
+  /// and none is announced, if another process of the robot has one of the names, and says which.
+  void announce();
 
   /// Shuts the broker down, last module first, then calls each library's `_closeModule`. The
   /// libraries stay loaded. Does nothing the second time.

@@ -176,6 +176,49 @@ TEST_F(DistantStore, IsToldTheBrokerOfTheModuleToCall) {
   EXPECT_EQ(modules, std::vector<std::string>(4, "M@client"));
 }
 
+// What the store was told since then, without the message and the method.
+std::vector<std::string> namesOf(std::vector<testing::FakeTransport::Call> const& calls,
+                                 std::size_t since) {
+  std::vector<std::string> names;
+  for (std::size_t i = since; i < calls.size(); ++i) {
+    names.push_back(calls[i].method + " " + calls[i].params[0].toString());
+  }
+  return names;
+}
+
+TEST_F(DistantStore, IsToldItsSubscriptionsAgainWhenItComesBack) {
+  proxy.subscribeToEvent("e", "M", "onEvent");
+  proxy.subscribeToEvent("ended", "M", "onEvent");
+  proxy.subscribeToMicroEvent("m", "M", "message", "onMicro");
+  proxy.unsubscribeToEvent("ended", "M");
+  auto const before = transport->getCalls().size();
+
+  transport->returnModule();
+
+  auto const end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (transport->getCalls().size() < before + 2 && std::chrono::steady_clock::now() < end) {
+    std::this_thread::yield();
+  }
+  client->shutdown();  // waits for the renewal
+  EXPECT_EQ(namesOf(transport->getCalls(), before),
+            (std::vector<std::string>{"subscribeToEvent e", "subscribeToMicroEvent m"}));
+  EXPECT_EQ(transport->getCalls().back().params,
+            KXValue::arrayOf("m", "M@client", "message", "onMicro"));
+}
+
+TEST_F(DistantStore, IsToldNothingByAProxyThatIsGone) {
+  {
+    KXMemoryProxy other(client);
+    other.subscribeToEvent("e", "M", "onEvent");
+  }
+  auto const before = transport->getCalls().size();
+
+  transport->returnModule();
+
+  client->shutdown();
+  EXPECT_EQ(transport->getCalls().size(), before);
+}
+
 TEST_F(DistantStore, GivesAnEventThatWasNeverRaisedAsInvalid) {
   store->declareEvent("e");
 

@@ -77,6 +77,25 @@ class FakeTransport : public KXTransport {
                   "no module '" + module + "' in '" + mTarget->getName() + "'", "", 0,
                   KXError::Kind::NotFound);
   }
+  std::shared_ptr<void> observeReturns(std::string const& /*module*/,
+                                       std::function<void()> handler) override {
+    std::lock_guard<std::mutex> const lock(mMutex);
+    mOnReturn = std::move(handler);
+    return std::shared_ptr<void>(this, [](void* self) {
+      auto* const transport = static_cast<FakeTransport*>(self);
+      std::lock_guard<std::mutex> const lock(transport->mMutex);
+      transport->mOnReturn = nullptr;
+    });
+  }
+  /// As if the module had come back; nothing if nobody observes.
+  void returnModule() {
+    std::function<void()> handler;
+    {
+      std::lock_guard<std::mutex> const lock(mMutex);
+      handler = mOnReturn;
+    }
+    if (handler) handler();
+  }
   KXModuleInfo describe(std::string const& module) override {
     return mTarget->getProxy(module, 0)->describe();
   }
@@ -94,7 +113,8 @@ class FakeTransport : public KXTransport {
   boost::shared_ptr<KXBroker> const mTarget;
   Hook mHook;
   mutable std::mutex mMutex;
-  std::vector<Call> mCalls;  // guarded by mMutex
+  std::vector<Call> mCalls;         // guarded by mMutex
+  std::function<void()> mOnReturn;  // guarded by mMutex
 };
 
 }  // namespace KX::testing

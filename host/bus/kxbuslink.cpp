@@ -1,0 +1,166 @@
+#include <host/bus/kxbuslink.hpp>
+
+#include <chrono>
+#include <condition_variable>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <random>
+#include <thread>
+#include <utility>
+
+#include <boost/smart_ptr/make_shared.hpp>
+
+#include <fmt/format.h>
+
+#include <host/bus/kxbustransport.hpp>
+#include <host/bus/kxclaim.hpp>
+#include <host/bus/kxserver.hpp>
+#include <host/bus/kxservice.hpp>
+#include <ka/runlogged.hpp>
+#include <kxcommon/kxproxy.hpp>
+#include <kxcommon/kxtask.hpp>
+
+namespace KX {
+
+namespace {
+
+// What the calls of all modules that leave may take together.
+constexpr std::chrono::milliseconds kLeaving{500};
+
+// A name was lost: on a thread of the broker, since ending what serves it waits for calls.
+class Withdrawal : public KXTask {
+ public:
+  Withdrawal(std::string const& module, std::function<void()> withdraw)
+      : KXTask(KXTaskInfo(module, "withdraw")), mWithdraw(std::move(withdraw)) {}
+  void run() override { mWithdraw(); }
+
+ private:
+  std::function<void()> const mWithdraw;
+};
+
+}  // namespace
+
+struct KXBusLink::Impl {
+  Impl(std::shared_ptr<KXBus> itsBus, boost::shared_ptr<KXBroker> itsBroker,
+       std::string const& robotName, int timeoutMs)
+      : bus(std::move(itsBus)),
+        broker(std::move(itsBroker)),
+        robot(robotName),
+        subjects(robotName),
+        receiver(std::in_place, *bus, subjects, broker),
+        transport(boost::make_shared<KXBusTransport>(bus, subjects, robot, timeoutMs, *receiver)),
+        server(std::in_place, *bus, broker, subjects) {
+    KXModuleAddress const address = parseAddress("any@" + broker->getName());
+    server->serveBroker(address.user, address.nonce);
+    broker->setTransport(transport);
+  }
+
+  void withdraw(std::string const& module) {
+    std::lock_guard const lock(mutex);
+    if (!server) return;
+    services.erase(module);
+    server->stopServing(module);
+    receiver->withdraw(module);
+  }
+
+  std::shared_ptr<KXBus> const bus;
+  boost::shared_ptr<KXBroker> const broker;
+  std::string const robot;
+  KXSubjects const subjects;
+  std::optional<KXEventReceiver> receiver;
+  boost::shared_ptr<KXBusTransport> const transport;
+
+  std::mutex mutex;
+  std::optional<KXServer> server;                              // guarded by mutex
+  std::map<std::string, std::unique_ptr<KXService>> services;  // guarded by mutex
+  std::vector<std::unique_ptr<KXClaim>> claims;                // of the thread that announces
+
+  // Closes the transport when the time of those that leave is up.
+  std::mutex leavingMutex;
+  std::condition_variable left;
+  bool hasLeft = false;  // guarded by leavingMutex
+  std::thread leaving;
+};
+
+std::string KXBusLink::newBrokerName(KXBus const& bus) {
+  std::random_device random;
+  return fmt::format("{}.{:08x}", bus.user(), random());
+}
+
+KXBusLink::KXBusLink(std::shared_ptr<KXBus> bus, boost::shared_ptr<KXBroker> broker,
+                     std::string const& robot, int timeoutMs)
+    : mImpl(std::make_unique<Impl>(std::move(bus), std::move(broker), robot, timeoutMs)) {}
+
+KXBusLink::~KXBusLink() {
+  close();
+}
+
+void KXBusLink::announce(std::vector<std::string> const& modules) {
+  Impl& impl = *mImpl;
+  std::vector<std::unique_ptr<KXClaim>> claims;
+  for (std::string const& module : modules) {
+    auto const onWithdrawn = [&impl, module] {
+      // After a shutdown of the broker there is nothing left to withdraw.
+      ka::log::runLogged(
+          "KXBus", "withdraw", [&] { return "withdrawing '" + module + "' failed"; },
+          [&] {
+            impl.broker->addTask(
+                "withdraw " + module,
+                boost::make_shared<Withdrawal>(module, [&impl, module] { impl.withdraw(module); }));
+          });
+    };
+    claims.push_back(std::make_unique<KXClaim>(*impl.bus, impl.robot, module,
+                                               impl.server->instance(), onWithdrawn));
+  }
+  KXClaim::acquireAll(claims);
+
+  for (std::string const& module : modules) {
+    std::lock_guard const lock(impl.mutex);
+    impl.server->serve(module);
+    impl.receiver->serve(module);
+    KXServiceIdentity identity{impl.robot, impl.broker->getName(), impl.server->instance(),
+                               std::chrono::system_clock::now()};
+    impl.services[module] = std::make_unique<KXService>(
+        *impl.bus, identity, impl.broker->getProxy(module, 0)->describe(),
+        [&server = *impl.server, module] { return server.statistics(module); });
+    KXReturns::announce(*impl.bus, impl.subjects, module, impl.server->instance());
+  }
+  std::ranges::move(claims, std::back_inserter(impl.claims));
+}
+
+void KXBusLink::leave() {
+  Impl& impl = *mImpl;
+  if (impl.leaving.joinable()) return;
+  impl.leaving = std::thread([&impl] {
+    std::unique_lock lock(impl.leavingMutex);
+    impl.left.wait_for(lock, kLeaving, [&] { return impl.hasLeft; });
+    impl.transport->close();
+  });
+  // First nobody is told of the modules any more, last others may have their names.
+  std::map<std::string, std::unique_ptr<KXService>> services;
+  std::optional<KXServer> server;
+  {
+    std::lock_guard const lock(impl.mutex);
+    services.swap(impl.services);
+  }
+  services.clear();
+  impl.transport->detachReceiver();
+  impl.server.reset();
+  impl.receiver.reset();
+  impl.claims.clear();
+}
+
+void KXBusLink::close() {
+  Impl& impl = *mImpl;
+  leave();
+  {
+    std::lock_guard const lock(impl.leavingMutex);
+    impl.hasLeft = true;
+  }
+  impl.left.notify_all();
+  if (impl.leaving.joinable()) impl.leaving.join();
+  impl.broker->setTransport(nullptr);
+}
+
+}  // namespace KX

@@ -1,0 +1,50 @@
+// Joins one broker to one robot: its modules are reached over the bus, and it reaches the others.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <boost/smart_ptr/shared_ptr.hpp>
+
+#include <host/bus/kxbus.hpp>
+#include <kxcommon/kxbroker.hpp>
+#include <kxerror/kxapi.hpp>
+
+namespace KX {
+
+/// A broker's place on a robot, while this object lives. Every module of the broker is reached
+/// under its full address "NAME@BROKER"; those that are announced also under their plain name.
+/// Ownership: keeps bus and broker. Threads: one makes it, announces and ends it; modules call and
+/// are called from any.
+class KX_API KXBusLink {
+ public:
+  /// A name for a broker that is to join: "USER.NONCE", a new one each time.
+  static std::string newBrokerName(KXBus const& bus);
+
+  /// The broker has a name of newBrokerName() and no modules yet; `timeoutMs` is for calls that are
+  /// given none.
+  KXBusLink(std::shared_ptr<KXBus> bus, boost::shared_ptr<KXBroker> broker,
+            std::string const& robot, int timeoutMs);
+  /// As close().
+  ~KXBusLink();
+  KXBusLink(KXBusLink const&) = delete;
+  KXBusLink& operator=(KXBusLink const&) = delete;
+
+  /// Makes these modules ones that are meant for everybody on the robot, and says so. KXError, and
+  /// none is announced: Failed if somebody else has one of the names; Refused, Disconnected.
+  /// A name that is lost later, because this process did not answer, is withdrawn with a log line.
+  void announce(std::vector<std::string> const& modules);
+
+  /// The broker is about to shut down: nobody calls its modules any more, and what they call has
+  /// half a second in sum. Does nothing the second time.
+  void leave();
+  /// Ends what leave() has left: the broker reaches nobody any more.
+  void close();
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> const mImpl;
+};
+
+}  // namespace KX

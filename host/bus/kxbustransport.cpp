@@ -1,0 +1,79 @@
+#include <host/bus/kxbustransport.hpp>
+
+#include <utility>
+
+namespace KX {
+
+KXBusTransport::KXBusTransport(std::shared_ptr<KXBus> bus, KXSubjects const& subjects,
+                               std::string const& robot, int timeoutMs, KXEventReceiver& receiver)
+    : mBus(std::move(bus)),
+      mCaller(*mBus, subjects, robot, timeoutMs),
+      mSender(*mBus, subjects),
+      mReturns(*mBus, subjects),
+      mReceiver(&receiver) {}
+
+void KXBusTransport::call(std::string const& module, std::string const& method,
+                          KXValue const& params, KXValue& result, int timeoutMs) {
+  xServeSubscriber(module, method, params);
+  mCaller.call(module, method, params, result, timeoutMs);
+}
+
+// Whoever subscribes is listened for before the store can send the first notification.
+void KXBusTransport::xServeSubscriber(std::string const& module, std::string const& method,
+                                      KXValue const& params) {
+  bool const isSubscribing =
+      module == "KXMemory" && (method == "subscribeToEvent" || method == "subscribeToMicroEvent");
+  if (!isSubscribing || params.getType() != KXValue::TypeArray || params.getSize() < 2) return;
+  if (params[1].getType() != KXValue::TypeString) return;
+  std::lock_guard const lock(mMutex);
+  if (mReceiver != nullptr) mReceiver->serve(params[1].toString());
+}
+
+void KXBusTransport::pCall(std::string const& module, std::string const& method,
+                           KXValue const& params, KXValue& result) {
+  mCaller.pCall(module, method, params, result);
+}
+
+bool KXBusTransport::isRunning(std::string const& module, int taskId) {
+  return mCaller.isRunning(module, taskId);
+}
+
+bool KXBusTransport::wait(std::string const& module, int taskId, int timeoutMs) {
+  return mCaller.wait(module, taskId, timeoutMs);
+}
+
+void KXBusTransport::notify(std::string const& module, std::vector<KXNotification> notifications) {
+  mSender.notify(module, notifications);
+}
+
+KXNotificationCounts KXBusTransport::notificationCounts(std::string const& module) const {
+  return mSender.getCounts(module);
+}
+
+void KXBusTransport::forget(std::string const& module) {
+  mSender.forget(module);
+}
+
+void KXBusTransport::find(std::string const& module) {
+  mCaller.find(module);
+}
+
+std::shared_ptr<void> KXBusTransport::observeReturns(std::string const& module,
+                                                     std::function<void()> handler) {
+  return mReturns.observe(module, std::move(handler));
+}
+
+KXModuleInfo KXBusTransport::describe(std::string const& module) {
+  return mCaller.describe(module);
+}
+
+void KXBusTransport::detachReceiver() {
+  std::lock_guard const lock(mMutex);
+  mReceiver = nullptr;
+}
+
+void KXBusTransport::close() {
+  mCaller.close();
+}
+
+}  // namespace KX
