@@ -10,6 +10,7 @@
 #include <boost/smart_ptr/shared_ptr.hpp>
 
 #include <host/bus/kxbus.hpp>
+#include <host/bus/kxmethodstatistics.hpp>
 #include <host/bus/kxreplykeeper.hpp>
 #include <host/bus/kxsubject.hpp>
 #include <ka/os.hpp>
@@ -21,15 +22,6 @@ namespace KX {
 struct KXServerOptions {
   int threads = 32;  ///< how many calls of one module, or of one broker, may run at once
   KXReplyKeeper::Limits kept{};
-};
-
-/// What a method was called for, since the module is served.
-struct KXMethodStatistics {
-  std::string method;
-  std::uint64_t requests = 0;
-  std::uint64_t errors = 0;
-  std::string lastError{};         ///< its text; empty: there was none
-  std::uint64_t processingNs = 0;  ///< in sum
 };
 
 /// The called side of one broker on one robot.
@@ -57,7 +49,7 @@ class KX_API KXServer {
   std::string const& instance() const noexcept;
   /// The modules under their plain names.
   std::vector<std::string> served() const;
-  /// Of all methods of a module that were called, by plain name or full address, in the order of
+  /// Of all methods of a module that were called, in whatever way it was addressed, in the order of
   /// their names.
   std::vector<KXMethodStatistics> statistics(std::string const& module) const;
   /// Since when this server is there; wall clock.
