@@ -316,7 +316,11 @@ KXValue KXCaller::Impl::xRun(Destination& destination, Call const& call,
     if (call.method == kFindMethod) xLearnInstance(destination, result);
     return result;
   } catch (KXError const& error) {
-    if (error.getMethodName() != "decodeReply" || error.getFileName() != "bus/kxwire") throw;
+    // What the callee threw has come from further away.
+    bool const isOfWire =
+        error.getModuleName() == "KXBus" &&
+        (error.getFileName() == "bus/kxwire" || error.getFileName() == "bus/kxmsgpack");
+    if (!isOfWire) throw;
     fail("the reply of " + nameOf(call.module, call.method) + " cannot be read: " + error.what(),
          Kind::Failed);
   }

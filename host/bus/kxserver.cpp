@@ -61,6 +61,15 @@ bool isOfNobody(KXError const& error) {
          (module == "KXBus" || module == "KXModuleCore" || module == "KXProxy");
 }
 
+std::string encodeSound(KXSubjects::Call const& call, KXValue const& result) {
+  try {
+    return encodeResult(result);
+  } catch (KXError const& error) {
+    throw errorOf("the result of '" + nameOf(call) + "' cannot be sent: " + error.what(),
+                  Kind::Failed);
+  }
+}
+
 // A reply must not become a call, made with this process's rights.
 bool mayReplyTo(std::string_view subject) {
   return !subject.starts_with("kx.") && !subject.starts_with("$");
@@ -364,7 +373,7 @@ std::shared_ptr<KXReply> KXServer::Impl::xRun(KXSubjects::Call const& call,
   auto reply = std::make_shared<KXReply>();
   try {
     bool const isTask = message.header(kTaskHeader) == "1";
-    reply->payload = encodeResult(mCallee.run(call, caller, message.payload, isTask));
+    reply->payload = encodeSound(call, mCallee.run(call, caller, message.payload, isTask));
   } catch (KXError const& thrown) {
     error = thrown;
   } catch (...) {
