@@ -62,7 +62,7 @@ std::optional<KXBusEvent> parseRefusal(std::string const& text) {
 class Watch {
  public:
   explicit Watch(std::string address) : mAddress(std::move(address)) {}
-  ~Watch() { close(); }
+  ~Watch() { join(); }
 
   KXBusObservers& observers() { return mObservers; }
   void start(natsConnection* connection) {
@@ -72,11 +72,12 @@ class Watch {
   }
   /// What the library says from now on is our own doing.
   void close() {
-    {
-      std::lock_guard const lock(mMutex);
-      mIsClosing = true;
-      mChanged.notify_all();
-    }
+    std::lock_guard const lock(mMutex);
+    mIsClosing = true;
+    mChanged.notify_all();
+  }
+  /// After close().
+  void join() {
     if (mThread.joinable()) mThread.join();
   }
 
@@ -365,9 +366,10 @@ class NatsBus : public KXBus {
   explicit NatsBus(KXBusOptions const& options) : NatsBus(makeNatsOptions(options)) {}
   ~NatsBus() override {
     mRetired.end();
+    mWatch->close();
     // Ends what the watch may wait for.
     natsConnection_Close(mConnection.get());
-    mWatch->close();
+    mWatch->join();
   }
 
   void publish(KXBusMessage const& message) override {
