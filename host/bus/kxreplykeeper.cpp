@@ -1,0 +1,224 @@
+#include <host/bus/kxreplykeeper.hpp>
+
+#include <algorithm>
+#include <utility>
+
+namespace KX {
+namespace {
+
+// What a kept reply costs beside its bytes.
+constexpr std::size_t kEntryBytes = 256;
+// A caller asks again for as long as its time-out lasts; of none is a longer one expected.
+constexpr std::int64_t kDoubtMs = 600'000;
+
+std::size_t costOf(KXReply const& reply) {
+  return reply.payload.size() + kEntryBytes;
+}
+
+}  // namespace
+
+KXReplyKeeper::KXReplyKeeper(std::string instance) : KXReplyKeeper(std::move(instance), Limits()) {}
+
+KXReplyKeeper::KXReplyKeeper(std::string instance, Limits limits)
+    : mInstance(std::move(instance)), mLimits(limits) {}
+
+KXReplyKeeper::~KXReplyKeeper() = default;
+
+KXReplyKeeper::Admission KXReplyKeeper::admit(KXCallId const& id,
+                                              std::optional<KXCallAgain> const& again,
+                                              std::string_view replySubject,
+                                              std::string_view method, std::int64_t nowMs,
+                                              std::vector<Thrown>& thrown) {
+  expire(nowMs, thrown);
+  auto const known = mCallers.find(id.caller);
+  Caller* caller = known == mCallers.end() ? nullptr : known->second.get();
+  if (caller != nullptr) {
+    caller->lastMs = nowMs;
+    mByUse.splice(mByUse.end(), mByUse, caller->place);
+    xRaiseDone(*caller, id.done);
+    auto const found = caller->entries.find(id.number);
+    if (found != caller->entries.end()) {
+      Entry& entry = found->second;
+      if (entry.replySubject != replySubject) return {.verdict = Verdict::Refused};
+      if (entry.state == Entry::State::Running) return {.verdict = Verdict::Ignore};
+      if (entry.state == Entry::State::Ended) return {.verdict = Verdict::Forgotten};
+      entry.isAskedAgain = true;
+      return {.verdict = Verdict::Resend, .reply = entry.reply};
+    }
+  }
+  Admission const admission = xAdmitUnknown(caller, id, again, nowMs, thrown);
+  if (admission.verdict != Verdict::Run) return admission;
+  Caller& owner = *mCallers.find(id.caller)->second;
+  Entry& entry = owner.entries[id.number];
+  entry.method = method;
+  entry.replySubject = replySubject;
+  ++owner.runningCount;
+  ++mRunningCount;
+  ++mAdmittedCount;
+  return admission;
+}
+
+// A call that nothing is known of: it is new, unless something speaks against it.
+KXReplyKeeper::Admission KXReplyKeeper::xAdmitUnknown(Caller* caller, KXCallId const& id,
+                                                      std::optional<KXCallAgain> const& again,
+                                                      std::int64_t nowMs,
+                                                      std::vector<Thrown>& thrown) {
+  if (again && again->instance != mInstance) return {.verdict = Verdict::Restarted};
+  // Who has a part of the reply has asked here before.
+  if (again && again->fromPart > 0) return {.verdict = Verdict::Forgotten};
+  if (id.number <= id.done) return {.verdict = Verdict::Forgotten};
+  if (again && nowMs < (caller == nullptr ? mDoubtUntilMs : caller->doubtUntilMs)) {
+    return {.verdict = Verdict::Forgotten};
+  }
+  if (caller != nullptr) {
+    bool const isForgotten = id.number <= std::max(caller->done, caller->forgotten);
+    return {.verdict = isForgotten ? Verdict::Forgotten : Verdict::Run};
+  }
+  xAddCaller(id.caller, nowMs, thrown).done = id.done;
+  return {.verdict = Verdict::Run, .isNewCaller = true};
+}
+
+bool KXReplyKeeper::finish(KXCallId const& id, std::shared_ptr<KXReply const> reply,
+                           std::int64_t nowMs, std::vector<Thrown>& thrown) {
+  expire(nowMs, thrown);
+  auto const known = mCallers.find(id.caller);
+  if (known == mCallers.end()) return false;
+  Caller& caller = *known->second;
+  auto const found = caller.entries.find(id.number);
+  if (found == caller.entries.end() || found->second.state != Entry::State::Running) return false;
+  --caller.runningCount;
+  --mRunningCount;
+  if (id.number <= caller.done) {
+    ++mAcknowledgedCount;
+    caller.entries.erase(found);
+    return false;
+  }
+  Entry& entry = found->second;
+  entry.state = Entry::State::Kept;
+  entry.reply = std::move(reply);
+  entry.place = mKept.insert(mKept.end(), {&caller, id.number, nowMs});
+  mBytes += costOf(*entry.reply);
+  while (mBytes > mLimits.maxBytes && mKept.size() > 1) {
+    Place const oldest = mKept.front();
+    auto const given = oldest.caller->entries.find(oldest.number);
+    xThrow(given->second, true, thrown);
+    ++mExpiredCount;
+    xEnd(given, nowMs);
+  }
+  return true;
+}
+
+void KXReplyKeeper::acknowledge(std::string const& caller, std::uint64_t number, std::int64_t nowMs,
+                                std::vector<Thrown>& thrown) {
+  expire(nowMs, thrown);
+  auto const known = mCallers.find(caller);
+  if (known == mCallers.end()) return;
+  known->second->lastMs = nowMs;
+  auto const found = known->second->entries.find(number);
+  if (found == known->second->entries.end() || found->second.state != Entry::State::Kept) return;
+  ++mAcknowledgedCount;
+  xEnd(found, nowMs);
+}
+
+void KXReplyKeeper::expire(std::int64_t nowMs, std::vector<Thrown>& thrown) {
+  while (!mKept.empty() && mKept.front().sinceMs + mLimits.keepMs <= nowMs) {
+    Place const oldest = mKept.front();
+    auto const found = oldest.caller->entries.find(oldest.number);
+    Entry const& entry = found->second;
+    if (entry.isAskedAgain || entry.reply->partCount() > 1) xThrow(entry, false, thrown);
+    ++mExpiredCount;
+    oldest.caller->forgotten = std::max(oldest.caller->forgotten, oldest.number);
+    xErase(*oldest.caller, found);
+  }
+  while (!mEnded.empty() && mEnded.front().sinceMs + mLimits.keepMs <= nowMs) xForgetOldestEnded();
+}
+
+KXReplyKeeper::Counts KXReplyKeeper::counts() const {
+  return {.admitted = mAdmittedCount,
+          .running = mRunningCount,
+          .kept = mKept.size(),
+          .acknowledged = mAcknowledgedCount,
+          .expired = mExpiredCount,
+          .bytes = mBytes,
+          .callers = mCallers.size()};
+}
+
+KXReplyKeeper::Caller& KXReplyKeeper::xAddCaller(std::string const& id, std::int64_t nowMs,
+                                                 std::vector<Thrown>& thrown) {
+  std::int64_t const doubtUntilMs = mDoubtUntilMs;
+  if (mCallers.size() >= mLimits.maxCallers) xEvictCaller(thrown);
+  std::unique_ptr<Caller>& caller = mCallers[id];
+  caller = std::make_unique<Caller>();
+  caller->id = id;
+  caller->lastMs = nowMs;
+  caller->doubtUntilMs = doubtUntilMs;
+  caller->place = mByUse.insert(mByUse.end(), caller.get());
+  return *caller;
+}
+
+// The one that was silent for longest, but never one whose call is running: those are no more than
+// the server has threads.
+void KXReplyKeeper::xEvictCaller(std::vector<Thrown>& thrown) {
+  auto const chosen = std::find_if(mByUse.begin(), mByUse.end(),
+                                   [](Caller const* caller) { return caller->runningCount == 0; });
+  if (chosen == mByUse.end()) return;
+  Caller& caller = **chosen;
+  for (auto entry = caller.entries.begin(); entry != caller.entries.end();) {
+    if (entry->second.state == Entry::State::Kept) {
+      xThrow(entry->second, true, thrown);
+      ++mExpiredCount;
+    }
+    entry = xErase(caller, entry);
+  }
+  mDoubtUntilMs = std::max(mDoubtUntilMs, caller.lastMs + kDoubtMs);
+  mByUse.erase(chosen);
+  mCallers.erase(std::string(caller.id));
+}
+
+void KXReplyKeeper::xRaiseDone(Caller& caller, std::uint64_t done) {
+  if (done <= caller.done) return;
+  caller.done = done;
+  auto const end = caller.entries.upper_bound(done);
+  for (auto entry = caller.entries.begin(); entry != end;) {
+    if (entry->second.state == Entry::State::Running) {
+      ++entry;
+      continue;
+    }
+    if (entry->second.state == Entry::State::Kept) ++mAcknowledgedCount;
+    entry = xErase(caller, entry);
+  }
+}
+
+// Takes out a call that is over.
+KXReplyKeeper::Entries::iterator KXReplyKeeper::xErase(Caller& caller, Entries::iterator entry) {
+  if (entry->second.state == Entry::State::Kept) {
+    mBytes -= costOf(*entry->second.reply);
+    mKept.erase(entry->second.place);
+  } else {
+    mEnded.erase(entry->second.place);
+  }
+  return caller.entries.erase(entry);
+}
+
+// Lets go of the reply, but not of the knowledge that the call has run.
+void KXReplyKeeper::xEnd(Entries::iterator entry, std::int64_t nowMs) {
+  Entry& ended = entry->second;
+  mBytes -= costOf(*ended.reply);
+  ended.reply.reset();
+  ended.state = Entry::State::Ended;
+  ended.place->sinceMs = nowMs;
+  mEnded.splice(mEnded.end(), mKept, ended.place);
+  if (mEnded.size() > mLimits.maxEnded) xForgetOldestEnded();
+}
+
+void KXReplyKeeper::xThrow(Entry const& entry, bool isForRoom, std::vector<Thrown>& thrown) {
+  thrown.push_back({entry.method, entry.reply->payload.size(), isForRoom});
+}
+
+void KXReplyKeeper::xForgetOldestEnded() {
+  Place const oldest = mEnded.front();
+  oldest.caller->forgotten = std::max(oldest.caller->forgotten, oldest.number);
+  xErase(*oldest.caller, oldest.caller->entries.find(oldest.number));
+}
+
+}  // namespace KX

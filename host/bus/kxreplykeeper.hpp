@@ -1,0 +1,159 @@
+// Which calls a server has run, and their replies until the callers have them: so that a method
+// runs once for one call, however often its request arrives. No threads, no clock, no bus: time is
+// an argument, in milliseconds that do not go back. Not synchronised.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <list>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include <host/bus/kxbus.hpp>
+#include <host/bus/kxwire.hpp>
+#include <kxerror/kxapi.hpp>
+
+namespace KX {
+
+/// A reply as it is sent, and sent again.
+struct KXReply {
+  KXBusHeaders headers{};  ///< of every part
+  std::string payload{};
+  std::size_t partBytes = 0;  ///< of every part but the last; 0: the reply is one message
+
+  std::uint32_t partCount() const noexcept {
+    if (partBytes == 0 || payload.empty()) return 1;
+    return static_cast<std::uint32_t>((payload.size() + partBytes - 1) / partBytes);
+  }
+};
+
+/// The memory of one server, of all its callers' calls.
+class KX_API KXReplyKeeper {
+ public:
+  struct Limits {
+    std::size_t maxBytes = 64 << 20;  ///< of all kept replies; the newest is kept in any case
+    std::int64_t keepMs = 60'000;     ///< how long a reply that nobody acknowledges is kept
+    std::size_t maxCallers = 10'000;
+    std::size_t maxEnded = 100'000;  ///< calls without a reply that are remembered one by one
+  };
+  enum class Verdict {
+    Run,        ///< for the first time: finish() must follow
+    Ignore,     ///< it is running, its reply will come
+    Resend,     ///< it has run, here is the reply
+    Forgotten,  ///< it may have run, the reply is gone; or its caller has given it up
+    Restarted,  ///< it was sent to another server, where it may have run
+    Refused,    ///< somebody else's call: the reply is to go elsewhere than at first
+  };
+  struct Admission {
+    Verdict verdict;
+    std::shared_ptr<KXReply const> reply{};  ///< Resend
+    bool isNewCaller = false;                ///< Run: nothing was known of this caller before
+  };
+  /// A reply that was given up although nobody said that it has arrived. One that is only old is
+  /// reported if there is a sign that it was missed: its caller had asked again, or it has parts,
+  /// which are acknowledged at once. All other callers say so only with their next call.
+  struct Thrown {
+    std::string method;  ///< as admit() was told
+    std::size_t bytes;
+    bool isForRoom;  ///< because of maxBytes or maxCallers; otherwise for its age
+
+    bool operator==(Thrown const&) const = default;
+  };
+  /// admitted = running + kept + acknowledged + expired.
+  struct Counts {
+    std::uint64_t admitted = 0;
+    std::uint64_t running = 0;
+    std::uint64_t kept = 0;
+    std::uint64_t acknowledged = 0;
+    std::uint64_t expired = 0;  ///< given up unacknowledged, for age or for room
+    std::size_t bytes = 0;      ///< of the kept replies
+    std::size_t callers = 0;
+
+    bool operator==(Counts const&) const = default;
+  };
+
+  /// `instance` tells this server from its predecessors.
+  explicit KXReplyKeeper(std::string instance);
+  KXReplyKeeper(std::string instance, Limits limits);
+  ~KXReplyKeeper();
+  KXReplyKeeper(KXReplyKeeper const&) = delete;
+  KXReplyKeeper& operator=(KXReplyKeeper const&) = delete;
+
+  std::string const& instance() const noexcept { return mInstance; }
+
+  /// What to do with a request. `again` is there if it was sent before, `replySubject` is where its
+  /// reply goes, `method` is for reports. All operations add what they give up to `thrown`.
+  Admission admit(KXCallId const& id, std::optional<KXCallAgain> const& again,
+                  std::string_view replySubject, std::string_view method, std::int64_t nowMs,
+                  std::vector<Thrown>& thrown);
+  /// The end of a call that was to be run. False if its caller has given it up meanwhile.
+  bool finish(KXCallId const& id, std::shared_ptr<KXReply const> reply, std::int64_t nowMs,
+              std::vector<Thrown>& thrown);
+  /// The caller has the reply of this very call.
+  void acknowledge(std::string const& caller, std::uint64_t number, std::int64_t nowMs,
+                   std::vector<Thrown>& thrown);
+  /// Gives up what is too old.
+  void expire(std::int64_t nowMs, std::vector<Thrown>& thrown);
+
+  Counts counts() const;
+
+ private:
+  struct Caller;
+  struct Place {  // of a call that is over, in the order of age
+    Caller* caller;
+    std::uint64_t number;
+    std::int64_t sinceMs;
+  };
+  struct Entry {
+    enum class State { Running, Kept, Ended };  // Ended: over, and its reply is not here any more
+    State state = State::Running;
+    bool isAskedAgain = false;
+    std::string method{};
+    std::string replySubject{};
+    std::shared_ptr<KXReply const> reply{};
+    std::list<Place>::iterator place{};  // in mKept or mEnded
+  };
+  struct Caller {
+    std::string id;
+    std::uint64_t done = 0;  // the caller waits for none up to this one
+    std::uint64_t forgotten =
+        0;  // of those up to this one, that are not in `entries`, any may have run
+    std::int64_t lastMs = 0;
+    std::int64_t doubtUntilMs = 0;  // until then this may be one whose memory was given up
+    std::size_t runningCount = 0;
+    std::map<std::uint64_t, Entry> entries{};
+    std::list<Caller*>::iterator place{};  // in mByUse
+  };
+  using Entries = std::map<std::uint64_t, Entry>;
+
+  Admission xAdmitUnknown(Caller* caller, KXCallId const& id,
+                          std::optional<KXCallAgain> const& again, std::int64_t nowMs,
+                          std::vector<Thrown>& thrown);
+  Caller& xAddCaller(std::string const& id, std::int64_t nowMs, std::vector<Thrown>& thrown);
+  void xEvictCaller(std::vector<Thrown>& thrown);
+  void xRaiseDone(Caller& caller, std::uint64_t done);
+  Entries::iterator xErase(Caller& caller, Entries::iterator entry);
+  void xEnd(Entries::iterator entry, std::int64_t nowMs);
+  void xThrow(Entry const& entry, bool isForRoom, std::vector<Thrown>& thrown);
+  void xForgetOldestEnded();
+
+  std::string const mInstance;
+  Limits const mLimits;
+  std::unordered_map<std::string, std::unique_ptr<Caller>> mCallers;
+  std::list<Caller*> mByUse;  // the longest unused first
+  std::list<Place> mKept;     // the oldest first, as mEnded
+  std::list<Place> mEnded;
+  std::size_t mBytes = 0;
+  std::uint64_t mRunningCount = 0;
+  std::uint64_t mAdmittedCount = 0;
+  std::uint64_t mAcknowledgedCount = 0;
+  std::uint64_t mExpiredCount = 0;
+  std::int64_t mDoubtUntilMs = 0;  // an unknown caller may be one whose memory was given up
+};
+
+}  // namespace KX
