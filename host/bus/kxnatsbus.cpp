@@ -98,6 +98,16 @@ class Watch {
       xLogTrouble(text);
     }
   }
+  /// The library tries no more: twice the same refusal while it came back.
+  void closed() {
+    {
+      std::lock_guard const lock(mMutex);
+      if (mIsClosing) return;
+    }
+    ka::log::LogStream(ka::log::Error, "KXBus", "", "closed", 0)
+        << "the bus at '" << mAddress
+        << "' lets this process in no more, it has to be started again when that is mended";
+  }
 
  private:
   void xPut(KXBusEvent event) {
@@ -120,11 +130,11 @@ class Watch {
     while (true) {
       mChanged.wait(lock, [this] { return !mEvents.empty() || mIsClosing; });
       if (mIsClosing) return;
-      auto const [event, time] = std::move(mEvents.front());
+      auto const told = std::move(mEvents.front());
       mEvents.pop_front();
       lock.unlock();
       ka::log::runLogged("KXBus", "tell", "an event could not be told",
-                         [&] { xTell(event, time); });
+                         [&] { xTell(told.first, told.second); });
       lock.lock();
     }
   }
@@ -205,6 +215,9 @@ void onLost(natsConnection* /*connection*/, void* closure) {
 }
 void onBack(natsConnection* /*connection*/, void* closure) {
   withWatch(closure, [](Watch& watch) { watch.back(); });
+}
+void onClosed(natsConnection* /*connection*/, void* closure) {
+  withWatch(closure, [](Watch& watch) { watch.closed(); });
 }
 void onError(natsConnection* connection, natsSubscription* subscription, natsStatus status,
              void* closure) {
@@ -445,6 +458,7 @@ class NatsBus : public KXBus {
     auto* const given = options.options.get();
     natsOptions_SetDisconnectedCB(given, onLost, mClosure);
     natsOptions_SetReconnectedCB(given, onBack, mClosure);
+    natsOptions_SetClosedCB(given, onClosed, mClosure);
     natsOptions_SetErrorHandler(given, onError, mClosure);
     natsConnection* made = nullptr;
     auto const status = natsConnection_Connect(&made, given);

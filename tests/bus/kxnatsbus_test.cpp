@@ -271,6 +271,22 @@ TEST_F(NatsBus, LossAndReturnAreOneLineEach) {
   EXPECT_EQ(lines[1].category, "KXBus");
 }
 
+TEST_F(NatsBus, ServerThatLetsInNoMoreIsAnError) {
+  NatsServer server("authorization { token: \"" + std::string(kSecret) + "\" }");
+  auto const bus = connectNats({.url = server.url(), .tokenFile = write("token", kSecret)});
+
+  server.setConfiguration("authorization { token: another }");
+  server.start();
+
+  auto const lines = mLog.waitFor(3);
+  ASSERT_EQ(lines.size(), 3U);
+  EXPECT_THAT(lines[1].text, HasSubstr("trouble with the bus at '" + server.url() + "'"));
+  EXPECT_EQ(lines[2].level, ka::log::Error);
+  EXPECT_THAT(lines[2].text, HasSubstr("lets this process in no more"));
+  EXPECT_EQ(testing::kindThrownBy([&] { bus->publish({.subject = "s"}); }),
+            KXError::Kind::Disconnected);
+}
+
 TEST_F(NatsBus, HungServerIsNoticedAndHoldsNobodyForLong) {
   NatsServer server;
   auto const bus = connectNats({.url = server.url()});
