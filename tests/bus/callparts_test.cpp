@@ -15,15 +15,9 @@ namespace {
 
 using Kind = KXError::Kind;
 using testing::Callee;
+using testing::filled;
 using testing::Outcome;
 using testing::waitUntil;
-
-// What "fill" answers.
-std::string filled(int size) {
-  std::string bytes(static_cast<std::size_t>(size), '\0');
-  for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<char>(i % 251);
-  return bytes;
-}
 
 class CallPartsTest : public testing::CallTest {
  protected:
