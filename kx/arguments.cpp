@@ -55,4 +55,10 @@ KXFormat parseFormat(std::string const& text) {
                      nearestHint(text, kNames));
 }
 
+KXListing parseListing(std::string const& text) {
+  if (text == "table") return KXListing::Table;
+  if (text == "json") return KXListing::Json;
+  throw KXUsageError("--format: expected table or json, got '" + forTerminal(text) + "'");
+}
+
 }  // namespace KX::tool

@@ -14,6 +14,7 @@ class KXUsageError : public std::runtime_error {
 };
 
 enum class KXFormat { Table, Jsonl, Csv };
+enum class KXListing { Table, Json };
 
 /// `10s`, `500ms`, `2m`, `1h`: more than nothing, up to a year. Otherwise KXUsageError.
 std::chrono::milliseconds parseDuration(std::string const& text);
@@ -24,5 +25,8 @@ int parsePeriodMs(std::string const& text);
 
 /// `table`, `jsonl` or `csv`. Otherwise KXUsageError with the nearest of them.
 KXFormat parseFormat(std::string const& text);
+
+/// `table` or `json`. Otherwise KXUsageError.
+KXListing parseListing(std::string const& text);
 
 }  // namespace KX::tool

@@ -3,8 +3,10 @@
 
 #include <fmt/format.h>
 
-#include <kxcommon/kxmethodinfo.hpp>
-#include <kxcommon/kxmodulecore.hpp>
+#include <host/bus/kxannounced.hpp>
+#include <host/bus/kxnatsbus.hpp>
+#include <kxcommon/kxmoduleinfo.hpp>
+#include <kxerror/kxerror.hpp>
 
 #include <kx/commands.hpp>
 #include <kx/session.hpp>
@@ -42,16 +44,24 @@ std::string linesForTerminal(std::string_view text) {
   return result;
 }
 
-std::string describedModule(KXModuleCore const& module) {
-  std::string text = module.getName() + '\n';
-  if (!module.getModuleDescription().empty()) text += module.getModuleDescription() + '\n';
-  for (KXMethodInfo const& method : module.getMethods()) text += describedMethod(method);
+std::string describedModule(KXModuleInfo const& module) {
+  std::string text = module.name + '\n';
+  if (!module.description.empty()) text += module.description + '\n';
+  for (KXMethodInfo const& method : module.methods) text += describedMethod(method);
   return linesForTerminal(text);
 }
 
-// What a module says of itself is only known in its own process; null for others.
-boost::shared_ptr<KXModuleCore> coreOf(KXSession const& session, std::string const& name) {
-  return session.broker().getProxy(name, 0)->getModuleCore();
+KXModuleInfo infoOf(KXSession const& session, std::string const& name) {
+  return session.broker().getProxy(name, 0)->describe();
+}
+
+// A module that went away since it was listed, or hangs, keeps nobody from hearing of the others.
+std::string descriptionOf(KXSession const& session, std::string const& name) {
+  try {
+    return forTerminal(infoOf(session, name).description);
+  } catch (KXError const& error) {
+    return fmt::format("({})", forTerminal(error.what()));
+  }
 }
 
 std::string listedModules(KXSession const& session, std::vector<std::string> const& names) {
@@ -59,39 +69,47 @@ std::string listedModules(KXSession const& session, std::vector<std::string> con
   for (std::string const& name : names) width = std::max(width, displayWidth(forTerminal(name)));
   std::string text;
   for (std::string const& name : names) {
-    auto const core = coreOf(session, name);
-    text += fmt::format(
-        "{}  {}\n", fitToWidth(forTerminal(name), width),
-        core == nullptr ? "(in another process)" : forTerminal(core->getModuleDescription()));
+    text +=
+        fmt::format("{}  {}\n", fitToWidth(forTerminal(name), width), descriptionOf(session, name));
   }
   return text;
+}
+
+// The modules of this process, or those that are meant for everybody on the robot.
+std::vector<std::string> namesOfModules(KXSession const& session,
+                                        std::optional<KXBusOptions> const& bus) {
+  if (!bus) return session.broker().getModuleNames();
+  std::vector<std::string> names;
+  auto const connection = connectNats(*bus);
+  for (KXAnnouncedModule const& each : findAnnounced(*connection)) {
+    if (each.robot == bus->robot) names.push_back(each.module);
+  }
+  return names;
 }
 
 }  // namespace
 
 int describe(KXDescribeOptions const& options, KXOutput& output, KXStop const& stop) {
-  // All modules that a watch can have, the hardware cycle included.
-  KXSession const session({.withVsm = true, .withWatcher = true, .libraries = options.libraries},
+  // Without a robot all modules that a watch can have, the hardware cycle included.
+  KXSession const session({.withVsm = !options.bus,
+                           .withWatcher = !options.bus,
+                           .libraries = options.libraries,
+                           .bus = options.bus},
                           stop);
-  std::vector<std::string> const names = session.broker().getModuleNames();
   if (options.module.empty()) {
-    output.write(listedModules(session, names));
+    output.write(listedModules(session, namesOfModules(session, options.bus)));
     return kOk;
   }
-  if (std::ranges::find(names, options.module) == names.end()) {
-    throw KXToolError(
-        kNothingThere,
-        fmt::format("unknown module '{}', loaded: '{}'{}", forTerminal(options.module),
-                    fmt::join(names, "', '"), nearestHint(options.module, names)));
+  try {
+    output.write(describedModule(infoOf(session, options.module)));
+    return kOk;
+  } catch (KXError const& error) {
+    if (error.getKind() != KXError::Kind::NotFound) throw;
   }
-  auto const core = coreOf(session, options.module);
-  if (core == nullptr) {
-    throw KXToolError(kFailed, fmt::format("expected module '{}' in this process, it is in another "
-                                           "one and cannot be described",
-                                           forTerminal(options.module)));
-  }
-  output.write(describedModule(*core));
-  return kOk;
+  std::vector<std::string> const names = namesOfModules(session, options.bus);
+  throw KXToolError(kNothingThere,
+                    fmt::format("unknown module '{}', loaded: '{}'{}", forTerminal(options.module),
+                                fmt::join(names, "', '"), nearestHint(options.module, names)));
 }
 
 }  // namespace KX::tool

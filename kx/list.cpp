@@ -8,7 +8,7 @@
 namespace KX::tool {
 
 int list(KXListOptions const& options, KXOutput& output, KXStop const& stop) {
-  KXSession const session({.libraries = options.libraries}, stop);
+  KXSession const session({.libraries = options.libraries, .bus = options.bus}, stop);
   session.awaitMatches({options.pattern}, stop);
   std::vector<std::string> const keys = session.keys(options.pattern);
   if (keys.empty()) {

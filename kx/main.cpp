@@ -3,15 +3,21 @@
 #include <unistd.h>
 
 #include <exception>
+#include <map>
+#include <memory>
+#include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include <fmt/format.h>
 #include <CLI/CLI.hpp>
 
+#include <host/rttools/kxbusarguments.hpp>
 #include <kx/commands.hpp>
 #include <kx/session.hpp>
 #include <kx/text.hpp>
+#include <kxerror/kxerror.hpp>
 
 namespace KX::tool {
 namespace {
@@ -42,12 +48,32 @@ counted, and the exit code is 1. --for asks for the periods that are due before 
 at its start: 3s of 100 ms are 30 periods. A summary on stderr tells the periods asked, taken and
 missed, and how late the batches were: against the moment of the start plus whole periods, with
 --cycle against the moment when the hardware cycle was due that a batch served.
+
+With --bus the keys are those of a robot. Each watch has a watcher of its own in its process, so
+that none takes another's samples, and leaves the robot's sensors at their pace. With --shared it is
+the watcher that is announced on the robot: its period becomes that of --period, for all its
+clients and for good; keys that it has not are added, and taken out at the end; it is started and
+stopped only if nobody had started it. What a fetch takes is taken from its other clients, also of
+their keys. Its batches are told apart by their times, and no periods are counted.
+)";
+
+constexpr char const* kHostFooter = R"(
+Runs until SIGINT, SIGTERM or SIGHUP. The robot has the modules KXLauncher, KXMemory (the store),
+KXHostSensors, those of --load and, with --cycle, VSM. A robot has one module of a name: if another
+process has one of these names, that is an error.
+)";
+
+constexpr char const* kBusFooter = R"(
+Options override the environment; an empty one is none. Secrets stand in files of one line.
 )";
 
 struct Arguments {
   KXWatchOptions watch;
   KXListOptions list;
   KXDescribeOptions describe;
+  KXHostOptions host;
+  KXRobotsOptions robots;
+  std::string listing = "table";
   std::string period = std::to_string(KXWatchOptions{}.periodMs);
   std::string duration;
   std::string format = "table";
@@ -76,6 +102,8 @@ CLI::App* addWatch(CLI::App& app, Arguments& arguments) {
       ->take_last();
   verb->add_flag("--cycle", arguments.watch.isCyclePaced,
                  "pace by a 10 ms hardware cycle (VSM) instead of timed waits");
+  verb->add_flag("--shared", arguments.watch.isShared,
+                 "with --bus: watch with the robot's own watcher, which others use too");
   addLoad(*verb, arguments.watch.libraries);
   verb->footer(kWatchFooter);
   return verb;
@@ -95,6 +123,47 @@ CLI::App* addDescribe(CLI::App& app, Arguments& arguments) {
   verb->add_option("MODULE", arguments.describe.module, "name of a module; none: all of them");
   addLoad(*verb, arguments.describe.libraries);
   return verb;
+}
+
+CLI::App* addHost(CLI::App& app, Arguments& arguments) {
+  CLI::App* const verb = app.add_subcommand("host", "run a robot's host, for others on the bus");
+  verb->add_flag("--cycle", arguments.host.withCycle, "run a 10 ms hardware cycle (VSM)");
+  addLoad(*verb, arguments.host.libraries);
+  verb->footer(kHostFooter);
+  return verb;
+}
+
+CLI::App* addRobots(CLI::App& app, Arguments& arguments) {
+  CLI::App* const verb = app.add_subcommand("robots", "list the robots on the bus");
+  verb->add_option("--format", arguments.listing, "table or json")
+      ->option_text("FORMAT (" + arguments.listing + ")")
+      ->take_last();
+  return verb;
+}
+
+// The bus that the options or the environment name; without one where none is needed.
+std::optional<KXBusOptions> busOf(KXBusArguments const& bus) {
+  try {
+    return bus.options();
+  } catch (std::invalid_argument const& error) {
+    throw KXUsageError(error.what());
+  }
+}
+
+KXBusOptions neededBusOf(KXBusArguments const& bus, char const* reason) {
+  auto const options = busOf(bus);
+  if (options) return *options;
+  throw KXUsageError(std::string("expected a bus (--bus URL or KX_BUS), got none: ") + reason);
+}
+
+// What a tool at a robot has no modules of its own for.
+void refuseOnRobot(CLI::App const& verb, std::vector<char const*> const& options) {
+  for (char const* option : options) {
+    if (verb.count(option) == 0) continue;
+    throw KXUsageError(std::string(option) +
+                       ": expected no bus, got one: the modules are those of "
+                       "the robot; --bus '' means none");
+  }
 }
 
 // What the parser could not place is a mistyped verb or option, or one argument too many.
@@ -123,16 +192,22 @@ void refuseRest(CLI::App const& app) {
 }
 
 int run(int argc, char** argv, KXOutput& output, KXStop const& stop) {
-  CLI::App app("Watches and describes the keys and modules of a host.", "kx");
+  CLI::App app(
+      "Watches and describes the keys and modules of a host: one of its own, or a robot's.", "kx");
   app.set_version_flag("--version", "kx " KX_VERSION, "print the version and exit");
   app.allow_extras();
   Arguments arguments;
   CLI::App* const watchVerb = addWatch(app, arguments);
   CLI::App* const listVerb = addList(app, arguments);
   CLI::App* const describeVerb = addDescribe(app, arguments);
-  for (CLI::App* verb : {watchVerb, listVerb, describeVerb}) {
+  CLI::App* const hostVerb = addHost(app, arguments);
+  CLI::App* const robotsVerb = addRobots(app, arguments);
+  std::map<CLI::App const*, std::unique_ptr<KXBusArguments>> buses;
+  for (CLI::App* verb : {watchVerb, listVerb, describeVerb, hostVerb, robotsVerb}) {
+    buses[verb] = std::make_unique<KXBusArguments>(
+        *verb, verb == robotsVerb ? KXBusArguments::Means::WholeBus : KXBusArguments::Means::Robot);
     verb->allow_extras();
-    verb->footer(verb->get_footer() + kFooter);
+    verb->footer(verb->get_footer() + kBusFooter + kFooter);
   }
   app.footer(kFooter);  // last, since verbs inherit it
 
@@ -158,11 +233,34 @@ int run(int argc, char** argv, KXOutput& output, KXStop const& stop) {
     arguments.watch.periodMs = parsePeriodMs(arguments.period);
     if (watchVerb->count("--for") > 0) arguments.watch.duration = parseDuration(arguments.duration);
     arguments.watch.format = parseFormat(arguments.format);
+    arguments.watch.bus = busOf(*buses[watchVerb]);
+    if (arguments.watch.bus) refuseOnRobot(*watchVerb, {"--load", "--cycle"});
+    if (arguments.watch.isShared && !arguments.watch.bus) {
+      throw KXUsageError("--shared: expected a bus as well (--bus URL or KX_BUS), got none");
+    }
     return watch(arguments.watch, output, stop);
   }
-  if (listVerb->parsed()) return list(arguments.list, output, stop);
-  if (describeVerb->parsed()) return describe(arguments.describe, output, stop);
-  throw KXUsageError("expected a verb: watch, list or describe; kx --help tells more");
+  if (listVerb->parsed()) {
+    arguments.list.bus = busOf(*buses[listVerb]);
+    if (arguments.list.bus) refuseOnRobot(*listVerb, {"--load"});
+    return list(arguments.list, output, stop);
+  }
+  if (describeVerb->parsed()) {
+    arguments.describe.bus = busOf(*buses[describeVerb]);
+    if (arguments.describe.bus) refuseOnRobot(*describeVerb, {"--load"});
+    return describe(arguments.describe, output, stop);
+  }
+  if (hostVerb->parsed()) {
+    arguments.host.bus = neededBusOf(*buses[hostVerb], "nobody could reach the host");
+    return host(arguments.host, stop);
+  }
+  if (robotsVerb->parsed()) {
+    arguments.robots.listing = parseListing(arguments.listing);
+    arguments.robots.bus = neededBusOf(*buses[robotsVerb], "robots are found on a bus");
+    return robots(arguments.robots, output);
+  }
+  throw KXUsageError(
+      "expected a verb: watch, list, describe, host or robots; kx --help tells more");
 }
 
 int runReportingErrors(int argc, char** argv) {
@@ -185,6 +283,9 @@ int runReportingErrors(int argc, char** argv) {
   } catch (KXToolError const& error) {
     say(error.what());
     return error.exitCode();
+  } catch (KXError const& error) {
+    say(forTerminal(error.what()));
+    return error.getKind() == KXError::Kind::TimedOut ? kTimeOut : kFailed;
   } catch (std::exception const& error) {
     // Modules and libraries speak here: their text may hold anything.
     say(forTerminal(error.what()));

@@ -14,17 +14,40 @@
 namespace KX::tool {
 
 KXSession::KXSession(Options const& options, KXStop const& stop)
-    : mHasOwnLibraries(!options.libraries.empty()),
-      mHost({.name = "kx", .withVsm = options.withVsm}) {
-  mHost.loadModule(findLibrary("kxhostsensors"));
-  for (std::string const& library : options.libraries) mHost.loadModule(findLibrary(library));
+    : mBus(options.bus),
+      mHasOwnLibraries(!options.libraries.empty()),
+      mHost({.name = "kx",
+             .withStore = !options.bus,
+             .withVsm = options.withVsm,
+             .bus = options.bus}) {
+  if (isOnRobot()) {
+    if (!isModuleThere("KXMemory")) {
+      throw KXToolError(kNothingThere,
+                        fmt::format("no robot '{}' on {}: nobody there has its store (KXMemory); "
+                                    "kx robots lists those that are there",
+                                    forTerminal(mBus->robot), forTerminal(mBus->url)));
+    }
+  } else {
+    mHost.loadModule(findLibrary("kxhostsensors"));
+    for (std::string const& library : options.libraries) mHost.loadModule(findLibrary(library));
+  }
   // Last, so that it is the first to go: its end still speaks to the store.
   if (options.withWatcher) mHost.loadModule(findLibrary("memorywatcher"));
-  xAwaitSensors(stop);
+  if (!isOnRobot()) xAwaitSensors(stop);
 }
 
 boost::shared_ptr<KXVsm> KXSession::vsm() const {
   return boost::static_pointer_cast<KXVsm>(broker().getProxy("VSM", 0)->getModule());
+}
+
+bool KXSession::isModuleThere(std::string const& module) const {
+  try {
+    broker().getProxy(module, 0);
+    return true;
+  } catch (KXError const& error) {
+    if (error.getKind() != KXError::Kind::NotFound) throw;
+    return false;
+  }
 }
 
 KXValue KXSession::call(std::string const& module, std::string const& method,
@@ -33,6 +56,7 @@ KXValue KXSession::call(std::string const& module, std::string const& method,
 }
 
 void KXSession::keepSensorsAhead(int periodMs) const {
+  if (isOnRobot()) return;
   int const sensorsMs = static_cast<int>(call("KXHostSensors", "getPeriodMs"));
   if (periodMs < sensorsMs) call("KXHostSensors", "setPeriodMs", {periodMs});
 }
@@ -73,7 +97,8 @@ bool KXSession::xMatches(std::string const& pattern) const {
 std::string KXSession::typeOf(std::string const& key) const {
   try {
     return static_cast<std::string const&>(call("KXMemory", "getType", {key}));
-  } catch (KXError const&) {
+  } catch (KXError const& error) {
+    if (error.getKind() != KXError::Kind::NotFound) throw;
     return "";  // the store's way to say that nobody wrote the key
   }
 }

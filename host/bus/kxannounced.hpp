@@ -26,6 +26,7 @@ struct KXAnnouncedModule {
 /// Asks all services and returns when none has answered for `quiet`, but after two seconds at most;
 /// at once if there is none. Sorted; what others announce by the same protocol is left out.
 /// KXError: Disconnected; Refused.
-KX_API std::vector<KXAnnouncedModule> findAnnounced(KXBus& bus, std::chrono::milliseconds quiet);
+KX_API std::vector<KXAnnouncedModule> findAnnounced(
+    KXBus& bus, std::chrono::milliseconds quiet = std::chrono::milliseconds(300));
 
 }  // namespace KX

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -10,6 +9,7 @@
 #include <boost/smart_ptr/shared_ptr.hpp>
 
 #include <host/bus/kxbus.hpp>
+#include <host/bus/kxmethodstatistics.hpp>
 #include <host/bus/kxreplykeeper.hpp>
 #include <host/bus/kxsubject.hpp>
 #include <ka/os.hpp>
@@ -21,15 +21,6 @@ namespace KX {
 struct KXServerOptions {
   int threads = 32;  ///< how many calls of one module, or of one broker, may run at once
   KXReplyKeeper::Limits kept{};
-};
-
-/// What a method was called for, since the module is served.
-struct KXMethodStatistics {
-  std::string method;
-  std::uint64_t requests = 0;
-  std::uint64_t errors = 0;
-  std::string lastError{};         ///< its text; empty: there was none
-  std::uint64_t processingNs = 0;  ///< in sum
 };
 
 /// The called side of one broker on one robot.

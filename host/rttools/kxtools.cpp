@@ -12,6 +12,7 @@
 #include <CLI/CLI.hpp>
 
 #include <host/ka/loglines.hpp>
+#include <host/rttools/kxbusarguments.hpp>
 #include <host/rttools/kxhost.hpp>
 #include <host/rttools/kxmodulelibrary.hpp>
 #include <ka/log.hpp>
@@ -30,6 +31,7 @@ constexpr int kUsage = 2;
 struct Options {
   int stderrLevel = ka::log::Warning;
   std::vector<std::string> libraries;
+  std::optional<KXBusOptions> bus;
 };
 
 /// A command line that cannot be obeyed.
@@ -56,7 +58,11 @@ std::string describeProcess(std::string const& name) {
   return "Runs the module '" + name +
          "' as a process of its own, with a launcher (KXLauncher), a store (KXMemory) and the\n"
          "modules of the libraries named by --load. There is no hardware cycle (VSM) in it.\n"
-         "Nothing listens on any network.";
+         "\n"
+         "With --bus it joins a robot instead: the store is the robot's, and the module and those "
+         "of\n"
+         "--load are there for everybody on the robot, under their names. If another process has\n"
+         "one of these names, that is an error. Without a bus nothing listens on any network.";
 }
 
 constexpr char kFooter[] =
@@ -67,7 +73,8 @@ constexpr char kFooter[] =
     "\n"
     "Exit codes:\n"
     "  0  ended by SIGINT, SIGTERM or SIGHUP, or --help or --version was asked for\n"
-    "  1  the module or a library's module could not be made; the reason is on stderr\n"
+    "  1  the module or a library's module could not be made, or the robot not be joined; the\n"
+    "     reason is on stderr\n"
     "  2  the command line was wrong; the reason is on stderr\n"
     "\n"
     "All messages go to stderr.";
@@ -89,18 +96,22 @@ std::optional<int> parse(std::string const& name, int argc, char** argv, Options
                  "program's folder; may be repeated")
       ->type_name("LIBRARY")
       ->allow_extra_args(false);
+  KXBusArguments const bus(app);
   app.footer(kFooter);
   app.allow_extras();  // So that the error is ours to word.
   try {
     app.parse(argc, argv);
     if (!app.remaining().empty())
-      throw UsageError("unexpected argument '" + app.remaining().front() +
-                       "', expected --help, --version, --log-level LEVEL or --load LIBRARY");
+      throw UsageError(
+          "unexpected argument '" + app.remaining().front() +
+          "', expected --help, --version, --log-level LEVEL, --load LIBRARY, --bus URL "
+          "or --robot NAME; --help lists all");
     options.stderrLevel = stderrLevelOf(level);
+    options.bus = bus.options();
     return std::nullopt;
   } catch (CLI::Success const& request) {
     return app.exit(request);
-  } catch (std::runtime_error const& error) {
+  } catch (std::exception const& error) {
     printLine(name, error.what());
     return kUsage;
   }
@@ -121,23 +132,31 @@ std::optional<int> parse(std::string const& name, int argc, char** argv, Options
   return signals;
 }
 
-std::unique_ptr<KXHost> makeHost(std::string const& name, Options const& options,
-                                 Create const& create) {
-  auto host = std::make_unique<KXHost>(KXHost::Options{.name = name, .withVsm = false});
-  for (auto const& library : options.libraries) host->loadModule(findLibrary(library));
-  int const result = create(host->getBroker());
+// Without a bus a host of its own, with one a part of the robot's.
+std::unique_ptr<KXHost> makeHost(std::string const& name, Options const& options) {
+  return std::make_unique<KXHost>(KXHost::Options{.name = name,
+                                                  .withStore = !options.bus,
+                                                  .withVsm = false,
+                                                  .bus = options.bus,
+                                                  .announced = KXHost::Announced::OwnModules});
+}
+
+void makeModules(KXHost& host, Options const& options, Create const& create) {
+  for (auto const& library : options.libraries) host.loadModule(findLibrary(library));
+  int const result = create(host.getBroker());
   if (result != 0)
     throw KXError("KXTools", "mainFunction",
                   "expected its creation to return 0, but it returned " + std::to_string(result),
                   "rttools/kxtools", 0);
-  return host;
 }
 
-std::string servingText(KXBroker const& broker) {
+std::string servingText(KXBroker const& broker, Options const& options) {
   std::string modules;
   for (auto const& module : broker.getModuleNames())
     modules += (modules.empty() ? "'" : ", '") + module + "'";
-  return "serving " + modules + " as process " + std::to_string(::getpid()) +
+  std::string const robot =
+      options.bus ? " on robot '" + options.bus->robot + "' at " + options.bus->url : "";
+  return "serving " + modules + robot + " as process " + std::to_string(::getpid()) +
          "; Ctrl-C or SIGTERM ends it";
 }
 
@@ -152,13 +171,18 @@ int KXTools::mainFunction(std::string const& name, int argc, char** argv, Create
   std::signal(SIGPIPE, SIG_IGN);
 
   std::unique_ptr<KXHost> host;
+  char const* failed = "cannot join the robot: ";
   try {
-    host = makeHost(name, options, create);
+    host = makeHost(name, options);
+    failed = "cannot make the module: ";
+    makeModules(*host, options, create);
+    failed = "cannot serve the module: ";
+    host->announce();
   } catch (...) {
-    printLine(name, "cannot make the module: " + describeCurrentException());
+    printLine(name, failed + describeCurrentException());
     return kFailed;
   }
-  printLine(name, servingText(*host->getBroker()));
+  printLine(name, servingText(*host->getBroker(), options));
   int signal = 0;
   ::sigwait(&endSignals, &signal);
   host->shutdown();

@@ -57,12 +57,17 @@ std::vector<KXSample> samplesInOrder(KXFetched const& fetched,
   return samples;
 }
 
-KXSampleReader::KXSampleReader(KXWatchedKeys const& keys, IsEvent isEvent)
+KXSampleReader::KXSampleReader(KXWatchedKeys const& keys, IsEvent isEvent,
+                               std::optional<KXSharedWatcher> const& shared)
     : mColumns(keys.columns()),
       mDataCount(keys.data.size()),
       mIsEvent(std::move(isEvent)),
+      mHasBlocks(!shared),
       mEventKeys(keys.events.begin(), keys.events.end()),
       mAwaitsFirst(mEventKeys) {
+  if (shared) {
+    for (std::string const& key : shared->formerEvents) mAwaitsFirst.erase(key);
+  }
   for (std::string const& key : mColumns) mColumnOfKey.emplace(key, mColumnOfKey.size());
 }
 
@@ -129,15 +134,16 @@ void KXSampleReader::xReadColumn(std::size_t column, KXValue const& taken, Batch
 }
 
 // The batch that a time belongs to, before another; that other if there is none. What was sampled
-// of a key before it became an event may have lost its block: there the time itself decides.
+// of a key before it became an event may have lost its block, and what came from another process
+// has: there the time itself decides.
 KXSampleReader::Batches::iterator KXSampleReader::xFind(std::size_t column, KXValue const& time,
                                                         Batches& batches,
                                                         Batches::iterator before) const {
-  bool const mayHaveBecomeEvent = column >= mDataCount;
+  bool const mayHaveLostBlock = !mHasBlocks || column >= mDataCount;
   for (auto place = before; place != batches.begin();) {
     --place;
     if (place->time.sharesBlockWith(time)) return place;
-    if (mayHaveBecomeEvent && place->time == time) return place;
+    if (mayHaveLostBlock && place->time == time) return place;
   }
   return before;
 }

@@ -58,17 +58,24 @@ struct KXSample {
 std::vector<KXSample> samplesInOrder(KXFetched const& fetched,
                                      std::vector<std::string> const& columns);
 
+/// A watcher in another process, which others use too.
+struct KXSharedWatcher {
+  /// The event keys that it had before, while it was watching: there is no value to begin with.
+  std::set<std::string> formerEvents{};
+};
+
 /// Takes fetches apart. The samples of one batch share one block with its time: by it, and not by
 /// the time, a batch is recognised, so two batches of one microsecond stay two. Batches stand in
-/// the order in which the keys have them; a key that came later lines up at the end.
-/// Keys that nobody asked for are left out.
-/// Threads: one. KXError if a fetch has not the form that getData promises.
+/// the order in which the keys have them; a key that came later lines up at the end. What comes
+/// from another process has lost its blocks: there the time decides. Keys that nobody asked for are
+/// left out. Threads: one. KXError if a fetch has not the form that getData promises.
 class KXSampleReader {
  public:
   /// Whether the store says by now that a key, unknown at first, is an event.
   using IsEvent = std::function<bool(std::string const& key)>;
 
-  KXSampleReader(KXWatchedKeys const& keys, IsEvent isEvent);
+  KXSampleReader(KXWatchedKeys const& keys, IsEvent isEvent,
+                 std::optional<KXSharedWatcher> const& shared = std::nullopt);
 
   /// `result` is what getData returned. The newest batch waits for the next fetch while it lacks
   /// keys, because a fetch may come between two parts of a cycle; with `isLast` nothing waits.
@@ -93,6 +100,7 @@ class KXSampleReader {
   std::vector<std::string> const mColumns;
   std::size_t const mDataCount;
   IsEvent const mIsEvent;
+  bool const mHasBlocks;
   std::map<std::string, std::size_t> mColumnOfKey;
   std::set<std::string> const mEventKeys;
   std::set<std::string> mAwaitsFirst;  ///< event keys whose first sample has not come yet

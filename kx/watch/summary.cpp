@@ -36,24 +36,38 @@ std::string lateness(KXPunctualityReport const& report) {
                      ms(report.p99Us), ms(report.maxUs));
 }
 
-}  // namespace
+std::string samplesText(KXWatchedKeys const& keys, KXWatchCounts const& counts) {
+  return fmt::format(
+      "{} of {}", counted(counts.samples, "sample"),
+      counted(static_cast<std::int64_t>(keys.data.size() + keys.unknown.size()), "data key"));
+}
 
-std::string summaryText(KXPunctualityReport const& report, int periodMs, KXWatchedKeys const& keys,
-                        KXWatchCounts const& counts) {
-  auto const dataKeys = static_cast<std::int64_t>(keys.data.size() + keys.unknown.size());
+std::string eventsText(KXWatchedKeys const& keys, KXWatchCounts const& counts) {
   auto const eventKeys = static_cast<std::int64_t>(keys.events.size());
   std::string events = counted(counts.events, "event");
   // Keys that were not there at first may have become events.
   if (eventKeys > 0) events += " of " + counted(eventKeys, "event key");
-  bool const hasEvents = eventKeys > 0 || counts.events > 0;
-  std::string const samples =
-      fmt::format("{} of {}", counted(counts.samples, "sample"), counted(dataKeys, "data key"));
+  return events;
+}
+
+}  // namespace
+
+std::string summaryText(KXPunctualityReport const& report, int periodMs, KXWatchedKeys const& keys,
+                        KXWatchCounts const& counts) {
+  bool const hasEvents = !keys.events.empty() || counts.events > 0;
+  std::string const samples = samplesText(keys, counts);
+  std::string const events = eventsText(keys, counts);
   if (keys.data.empty()) {
     return fmt::format("no data key was watched, so no period was seen; {}{}",
                        keys.unknown.empty() ? "" : samples + ", ", events);
   }
   return fmt::format("{}; {}{}; {}", periods(report, periodMs), samples,
                      hasEvents ? ", " + events : "", lateness(report));
+}
+
+std::string sharedSummaryText(KXWatchedKeys const& keys, KXWatchCounts const& counts) {
+  return fmt::format("{}, {}, from the robot's watcher", samplesText(keys, counts),
+                     eventsText(keys, counts));
 }
 
 }  // namespace KX::tool

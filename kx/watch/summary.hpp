@@ -19,4 +19,7 @@ struct KXWatchCounts {
 std::string summaryText(KXPunctualityReport const& report, int periodMs, KXWatchedKeys const& keys,
                         KXWatchCounts const& counts);
 
+/// Samples and events alone, of a watcher whose periods others set too.
+std::string sharedSummaryText(KXWatchedKeys const& keys, KXWatchCounts const& counts);
+
 }  // namespace KX::tool

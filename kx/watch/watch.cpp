@@ -18,6 +18,7 @@
 #include <kx/watch/cyclelog.hpp>
 #include <kx/watch/punctuality.hpp>
 #include <kx/watch/samples.hpp>
+#include <kx/watch/sharedwatch.hpp>
 #include <kx/watch/summary.hpp>
 #include <kx/watch/watchedkeys.hpp>
 #include <kx/watch/watchlog.hpp>
@@ -44,8 +45,7 @@ class Watch {
         mKeys(std::move(keys)),
         mOutput(output),
         mStop(stop),
-        mReader(mKeys,
-                [this](std::string const& key) { return isEventType(mSession.typeOf(key)); }),
+        mReader(mKeys, [this](std::string const& key) { return isEventByNow(mSession, key); }),
         mWriter(makeWriter(options.format, mKeys, [this] { return xTerminal(); })) {}
 
   void run() {
@@ -172,11 +172,23 @@ void leaveOutEvents(KXWatchedKeys& keys) {
 }  // namespace
 
 int watch(KXWatchOptions const& options, KXOutput& output, KXStop const& stop) {
-  KXSession const session(
-      {.withVsm = options.isCyclePaced, .withWatcher = true, .libraries = options.libraries}, stop);
+  KXSession const session({.withVsm = options.isCyclePaced,
+                           .withWatcher = !options.isShared,
+                           .libraries = options.libraries,
+                           .bus = options.bus},
+                          stop);
+  if (options.isShared && !session.isModuleThere("KXMemoryWatcher")) {
+    throw KXToolError(kNothingThere,
+                      "the robot has no watcher that is shared (KXMemoryWatcher); "
+                      "memorywatcher --bus URL puts one there");
+  }
   session.awaitMatches(options.patterns, stop);
   KXWatchedKeys keys = findKeys(session, options.patterns);
   if (options.format == KXFormat::Csv) leaveOutEvents(keys);
+  if (options.isShared) {
+    watchShared(options, session, keys, output, stop);
+    return kOk;
+  }
   session.keepSensorsAhead(correctedPeriodMs(options.periodMs));
   Watch(options, session, std::move(keys), output, stop).run();
   return kOk;

@@ -7,6 +7,8 @@
 #include <string_view>
 #include <utility>
 
+#include <kxerror/kxerror.hpp>
+
 #include <kx/output.hpp>
 
 namespace KX::tool {
@@ -56,8 +58,12 @@ class KeyFinder {
   KXWatchedKeys take() {
     bool const isAnyThere = !mKeys.data.empty() || !mKeys.events.empty();
     if (!isAnyThere) {
-      throw KXToolError(kNothingThere, mMissing.empty() ? "the sensors publish no key"
-                                                        : mSession.noMatchText(mMissing));
+      throw KXToolError(kNothingThere, mMissing.empty()
+                                           ? mSession.isOnRobot()
+                                                 ? "the robot has none of the usual keys; kx "
+                                                   "list --bus lists those that it has"
+                                                 : "the sensors publish no key"
+                                           : mSession.noMatchText(mMissing));
     }
     if (!mMissing.empty()) say(mSession.noMatchText(mMissing));
     for (auto* group : {&mKeys.data, &mKeys.unknown, &mKeys.events}) std::ranges::sort(*group);
@@ -86,6 +92,14 @@ class KeyFinder {
 
 bool isEventType(std::string_view type) {
   return type == "Event" || type == "MicroEvent";
+}
+
+bool isEventByNow(KXSession const& session, std::string const& key) {
+  try {
+    return isEventType(session.typeOf(key));
+  } catch (KXError const&) {
+    return false;  // a watch outlives a cut; the key's next sample asks again
+  }
 }
 
 KXWatchedKeys findKeys(KXSession const& session, std::vector<std::string> const& patterns) {

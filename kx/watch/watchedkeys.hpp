@@ -20,4 +20,7 @@ KXWatchedKeys findKeys(KXSession const& session, std::vector<std::string> const&
 /// True for a type of the store whose keys are pushed and not sampled.
 bool isEventType(std::string_view type);
 
+/// True if the store says that a key is an event; false also if it cannot be asked right now.
+bool isEventByNow(KXSession const& session, std::string const& key);
+
 }  // namespace KX::tool
