@@ -321,7 +321,7 @@ class KXEventSender::Impl {
       {
         std::lock_guard const lock(to->mutex);
         if (isBack) to->sender.onBack(nowMs());
-        isBusy |= to->sender.getCounts().waiting > 0 || to->drops.firstMs != 0;
+        isBusy |= !to->sender.isDone() || to->drops.firstMs != 0;
       }
       xSend(*to, kPacksPerTurn);
       xTellDrops(*to);

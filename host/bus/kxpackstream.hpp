@@ -67,6 +67,8 @@ class KX_API KXPackSender {
   void onBack(std::int64_t nowMs);
 
   KXNotificationCounts const& getCounts() const noexcept { return mCounts; }
+  /// True if all is acknowledged, the holes too.
+  bool isDone() const noexcept { return mPacks.empty(); }
 
  private:
   struct Pack {
