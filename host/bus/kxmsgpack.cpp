@@ -9,6 +9,7 @@
 #include <utility>
 
 #include <kxerror/kxerror.hpp>
+#include <kxvalue/kxrows.hpp>
 #include <msgpack.hpp>
 
 namespace KX {
@@ -41,17 +42,25 @@ KXPacker::~KXPacker() {
 }
 
 void KXPacker::finish() noexcept {
-  mStart = static_cast<std::size_t>(mNext - mBytes.data());
+  mStart = xUsed();
   mBytes.resize(mStart);
   mEnd = mNext;
 }
 
-// By at least as much as was appended, so that appending costs linear time; what the string is
-// filled with is what the growth costs.
+// The string moves to twice its room by itself; what it is filled with on the way is kept small.
 void KXPacker::xGrow(std::size_t size) {
   constexpr std::size_t kLeast = 128;
-  auto const used = static_cast<std::size_t>(mNext - mBytes.data());
-  mBytes.resize(used + std::max({size, used - mStart, kLeast}));
+  constexpr std::size_t kMost = 65536;
+  std::size_t const used = xUsed();
+  mBytes.resize(used + std::max(size, std::clamp(used - mStart, kLeast, kMost)));
+  mNext = mBytes.data() + used;
+  mEnd = mBytes.data() + mBytes.size();
+}
+
+void KXPacker::xExpect(std::size_t size) {
+  constexpr std::size_t kMost = 64 << 20;  // of room that a guess may ask for
+  std::size_t const used = xUsed();
+  mBytes.reserve(used + std::min(size, kMost));
   mNext = mBytes.data() + used;
   mEnd = mBytes.data() + mBytes.size();
 }
@@ -161,28 +170,69 @@ void KXPacker::addValue(KXValue const& value, int level) {
     case KXValue::TypeBinary:
       xAddBinary(value.getBinary());
       break;
-    case KXValue::TypeArray: {
+    case KXValue::TypeArray:
       if (level == kMostLevels) fail("encodeValue", levelsText());
-      auto const size = static_cast<std::size_t>(value.getSize());
-      KXValue const* const elements = value.arrayData();
-      addArray(size);
-      for (std::size_t i = 0; i < size; ++i) addValue(elements[i], level + 1);
+      xAddElements(value, level + 1);
       break;
-    }
   }
+}
+
+void KXPacker::xAddElements(KXValue const& array, int level) {
+  auto const size = static_cast<std::size_t>(array.getSize());
+  KXValue const* const elements = array.arrayData();
+  addArray(size);
+  // Moving a long text from room to room costs as much as writing it: once a part of the elements
+  // is there, the rest is taken to be alike.
+  constexpr std::size_t kParts = 16;
+  std::size_t const part = size / kParts;
+  std::size_t const before = xUsed();
+  for (std::size_t i = 0; i < part; ++i) addValue(elements[i], level);
+  if (part > 0) xExpect((xUsed() - before) * kParts);
+  for (std::size_t i = part; i < size; ++i) addValue(elements[i], level);
 }
 
 // ---- unpacking
 
 namespace {
 
+// The pairs of integers that came lately. Samples carry the time of their cycle, so the same pairs
+// come again with each key: one block for all of them costs less than one for each.
+class Pairs {
+ public:
+  // For a message of that many bytes.
+  explicit Pairs(std::size_t bytes) {
+    constexpr std::size_t kLeast = 1024;
+    constexpr std::size_t kMost = 1 << 20;
+    if (bytes >= kLeast) mBits = std::bit_width(std::min(bytes, kMost) / sizeof(KXValue)) - 1;
+  }
+
+  bool isWorthwhile() const noexcept { return mBits > 0; }
+  KXValue get(int first, int second) {
+    if (mPairs.empty()) mPairs.resize(std::size_t{1} << mBits);
+    std::uint64_t const key =
+        std::uint64_t{static_cast<std::uint32_t>(first)} << 32 | static_cast<std::uint32_t>(second);
+    KXValue& pair = mPairs[key * 0x9e3779b97f4a7c15U >> (64 - mBits)];
+    if (pair.isValid()) {
+      KXValue const* const known = std::as_const(pair).arrayData();
+      if (static_cast<int>(known[0]) == first && static_cast<int>(known[1]) == second) return pair;
+    }
+    return pair = KXValue::arrayOf(first, second);
+  }
+
+ private:
+  std::vector<KXValue> mPairs;  // each at the place that its numbers give
+  int mBits = 0;
+};
+
 // What msgpack::parse() tells its findings to: false stops it. Values are collected on a stack, and
 // an array is made of those on top when its last element is there, so nothing is ever allocated for
-// what has not arrived.
+// what has not arrived. Rows, which are arrays of two, stay on the stack until it is known whether
+// the array around them has rows only: then it is made by KXRows, in one allocation.
 class Visitor : public msgpack::null_visitor {
  public:
   // With `former`, the outermost array is not made: its elements stay on the stack.
-  Visitor(std::size_t bytes, std::vector<KXValue> const* former) : mRoom(bytes), mFormer(former) {
+  Visitor(std::size_t bytes, std::vector<KXValue> const* former)
+      : mRoom(bytes - 1), mFormer(former), mPairs(former == nullptr ? bytes : 0) {
     if (former != nullptr) mValues.reserve(4);
   }
 
@@ -193,15 +243,12 @@ class Visitor : public msgpack::null_visitor {
   bool visit_nil() { return xAdd(KXValue()); }
   bool visit_boolean(bool value) { return xAdd(KXValue(value)); }
   bool visit_positive_integer(std::uint64_t value) {
-    if (value > std::uint64_t{std::numeric_limits<std::int32_t>::max()}) {
-      return xFail("expected an integer of 32 bits, got " + std::to_string(value));
-    }
+    if (value > std::uint64_t{kGreatest}) return xFailInteger(std::to_string(value));
     return xAdd(KXValue(static_cast<int>(value)));
   }
+  // Of a signed form, whatever the number is.
   bool visit_negative_integer(std::int64_t value) {
-    if (value < std::numeric_limits<std::int32_t>::min()) {
-      return xFail("expected an integer of 32 bits, got " + std::to_string(value));
-    }
+    if (value < kLeast || value > kGreatest) return xFailInteger(std::to_string(value));
     return xAdd(KXValue(static_cast<int>(value)));
   }
   bool visit_float32(float value) { return xAdd(KXValue(value)); }
@@ -231,25 +278,71 @@ class Visitor : public msgpack::null_visitor {
     if (mDepth == kMostLevels) return xFail(levelsText());
     if (!xTakeRoom(size)) return false;
     if (mDepth == 0) mIsArray = true;
-    mStarts[mDepth++] = mValues.size();
+    mLevels[mDepth++] = {mValues.size(), size, 0};
     return true;
   }
   bool end_array() {
-    std::size_t const start = mStarts[--mDepth];
-    if (mDepth == 0 && mFormer != nullptr) return true;
-    KXValue* const first = mValues.data() + start;
-    KXValue array = KXValue::arrayFrom(mValues.size() - start,
-                                       [&](std::size_t i) noexcept { return std::move(first[i]); });
-    mValues.resize(start);
+    Level& level = mLevels[--mDepth];
+    if (mDepth == 0 && mFormer != nullptr) {
+      xSettleRows(level);
+      return true;
+    }
+    if (level.size == 2 && level.rows == 0 && mDepth > 0 && xKeepsRow(mLevels[mDepth - 1], level)) {
+      ++mLevels[mDepth - 1].rows;
+      return true;
+    }
+    KXValue* const elements = mValues.data() + level.start;
+    KXValue array = level.rows > 0    ? xMakeRows(elements, level.rows)
+                    : level.size == 2 ? xMakePair(elements)
+                                      : KXValue::arrayFrom(level.size, [&](std::size_t i) noexcept {
+                                          return std::move(elements[i]);
+                                        });
+    mValues.resize(level.start);
     return xAdd(std::move(array));
   }
   void parse_error(std::size_t, std::size_t) { xFail("expected a type, got the byte 0xc1"); }
   void insufficient_bytes(std::size_t, std::size_t) { xFail("expected more bytes"); }
 
  private:
+  static constexpr std::int32_t kLeast = std::numeric_limits<std::int32_t>::min();
+  static constexpr std::int32_t kGreatest = std::numeric_limits<std::int32_t>::max();
+
+  struct Level {
+    std::size_t start;   // of its elements on the stack
+    std::uint32_t size;  // how many there will be
+    std::uint32_t rows;  // so many rows stand there and nothing else; 0: elements
+  };
+
   bool xAdd(KXValue value) {
+    if (mDepth > 0) xSettleRows(mLevels[mDepth - 1]);
     mValues.push_back(std::move(value));
     return true;
+  }
+  // Where there are two, or one that is the time of a sample, there is nothing to be gained.
+  static bool xKeepsRow(Level const& outer, Level const& row) noexcept {
+    return outer.size > 2 && row.start == outer.start + std::size_t{2} * outer.rows;
+  }
+  // Makes the rows that stand on the stack elements.
+  void xSettleRows(Level& level) {
+    if (level.rows == 0) return;
+    KXValue* const values = mValues.data() + level.start;
+    for (std::size_t i = 0; i < level.rows; ++i) values[i] = xMakePair(values + 2 * i);
+    mValues.resize(level.start + level.rows);
+    level.rows = 0;
+  }
+  static KXValue xMakeRows(KXValue* values, std::size_t size) {
+    KXRows rows(size);
+    for (std::size_t i = 0; i < size; ++i) {
+      rows.push(std::move(values[2 * i]), std::move(values[2 * i + 1]));
+    }
+    return rows.take();
+  }
+  KXValue xMakePair(KXValue* elements) {
+    if (mPairs.isWorthwhile() && elements[0].getType() == KXValue::TypeInt &&
+        elements[1].getType() == KXValue::TypeInt) {
+      return mPairs.get(static_cast<int>(elements[0]), static_cast<int>(elements[1]));
+    }
+    return KXValue::arrayOf(std::move(elements[0]), std::move(elements[1]));
   }
   // Each element of an array takes a byte or more, and so does each byte of a text.
   bool xTakeRoom(std::uint32_t size) {
@@ -259,6 +352,9 @@ class Visitor : public msgpack::null_visitor {
     }
     mRoom -= size;
     return true;
+  }
+  bool xFailInteger(std::string const& number) {
+    return xFail("expected an integer of 32 bits, got " + number);
   }
   bool xFail(std::string text) {
     if (mFault.empty()) mFault = std::move(text);
@@ -271,7 +367,7 @@ class Visitor : public msgpack::null_visitor {
     KXValue const* elements = mFormer->data();
     std::size_t size = mFormer->size();
     if (mDepth == 2) {
-      std::size_t const outer = mStarts[1];
+      std::size_t const outer = mLevels[1].start;
       if (outer >= size || elements[outer].getType() != KXValue::TypeArray) return nullptr;
       size = static_cast<std::size_t>(elements[outer].getSize());
       elements = elements[outer].arrayData();
@@ -283,15 +379,18 @@ class Visitor : public msgpack::null_visitor {
   std::size_t mRoom;  // bytes left, less the one of each element that has not come
   std::vector<KXValue> const* const mFormer;
   std::vector<KXValue> mValues;
-  std::array<std::size_t, kMostLevels> mStarts{};  // of the arrays that are not complete
+  std::array<Level, kMostLevels> mLevels;  // of the arrays that are not complete
   int mDepth = 0;
   bool mIsArray = false;
+  Pairs mPairs;
   std::string mFault;
 };
 
 }  // namespace
 
 std::vector<KXValue> KXUnpacker::xTake(std::vector<KXValue> const* former) {
+  if (mOffset == mBytes.size())
+    fail("decodeValue", "expected more bytes, at byte " + std::to_string(mOffset));
   Visitor visitor(mBytes.size() - mOffset, former);
   std::size_t offset = mOffset;
   bool const isWhole = msgpack::parse(mBytes.data(), mBytes.size(), offset, visitor);

@@ -34,11 +34,14 @@ class KXPacker {
  private:
   void xAddFloat(double value);
   void xAddBinary(std::string_view bytes);
+  void xAddElements(KXValue const& array, int level);
   void xAddText(std::string_view text);
   void xMakeRoom(std::size_t size) {
     if (static_cast<std::size_t>(mEnd - mNext) < size) xGrow(size);
   }
   void xGrow(std::size_t size);
+  void xExpect(std::size_t size);
+  std::size_t xUsed() const noexcept { return static_cast<std::size_t>(mNext - mBytes.data()); }
   // Without looking for room.
   template <class T>
   void xPut(std::uint8_t head, T number) noexcept;
