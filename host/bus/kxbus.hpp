@@ -20,9 +20,12 @@ using KXBusHeaders = std::vector<std::pair<std::string, std::string>>;
 struct KXBusMessage {
   std::string_view subject{};
   std::string_view reply{};  ///< where an answer goes; empty: nobody waits for one
+  /// Those of one name keep their order. Blanks at the ends of a value, and headers without a
+  /// value, do not arrive.
   KXBusHeaders headers{};
   std::string_view payload{};
-  /// In place of an answer: nobody listens to the subject asked.
+  /// In place of an answer: nobody listens to the subject asked. Only subscriptions of one thread
+  /// get it.
   bool isNoResponders = false;
 
   /// The first header of that name; empty if there is none.

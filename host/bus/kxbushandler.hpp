@@ -30,7 +30,8 @@ class KXBusHandler {
     mGuard.leave();
   }
   /// When it returns, the function is not running and will not run, unless it is the caller.
-  void end() { mGuard.close(mCaller == std::this_thread::get_id() ? mDepth : 0); }
+  void end() { mGuard.close(isCaller() ? mDepth : 0); }
+  bool isCaller() const { return mCaller == std::this_thread::get_id(); }
 
  private:
   std::function<void(Argument const&)> const mFunction;

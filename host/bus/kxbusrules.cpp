@@ -68,6 +68,12 @@ std::size_t messageBytes(KXBusMessage const& message) {
   return bytes;
 }
 
+std::string_view trimHeaderValue(std::string_view value) {
+  constexpr char const* kBlanks = " \t";
+  value.remove_prefix(std::min(value.find_first_not_of(kBlanks), value.size()));
+  return value.substr(0, value.find_last_not_of(kBlanks) + 1);
+}
+
 void checkMessage(KXBusMessage const& message, std::size_t maxPayload) {
   if (!isLegalSubject(message.subject, false) ||
       (!message.reply.empty() && !isLegalSubject(message.reply, false)))

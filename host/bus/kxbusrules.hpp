@@ -25,6 +25,10 @@ KX_API bool isInbox(std::string_view subject);
 /// Of the message as it counts against the server's limit: payload and headers.
 KX_API std::size_t messageBytes(KXBusMessage const& message);
 
+/// A header's value as it arrives: without blanks at its ends. If that is empty the header is not
+/// sent: the NATS library takes the next header for the value of one that has none.
+KX_API std::string_view trimHeaderValue(std::string_view value);
+
 /// Throws KXError (Failed) if the message must not be sent: the server would close the connection.
 KX_API void checkMessage(KXBusMessage const& message, std::size_t maxPayload);
 /// Throws KXError (Failed) if one cannot subscribe so.

@@ -1,6 +1,7 @@
 // The threads that serve a subscription.
 #pragma once
 
+#include <algorithm>
 #include <condition_variable>
 #include <functional>
 #include <memory>
@@ -14,45 +15,49 @@
 
 namespace KX {
 
-/// Threads whose subscription ended from within, so that nobody could wait for them.
+/// Subscriptions that were ended from within, so that nobody could wait for their handlers.
 /// Ownership: of a bus. Threads: any.
 class KXBusRetired {
  public:
-  /// `workers` is gone when the threads have nothing more to do.
-  void add(std::vector<std::thread> threads, std::weak_ptr<void> workers) {
+  /// `wait` returns when the handlers have, but for one that is its caller; `alive` is gone when
+  /// that takes no time.
+  void add(std::function<void()> wait, std::weak_ptr<void> alive) {
     std::lock_guard const lock(mMutex);
-    std::erase_if(mBatches, [](Batch& batch) {
-      if (!batch.workers.expired()) return false;
-      for (auto& thread : batch.threads) thread.join();
+    std::erase_if(mEntries, [](Entry const& entry) {
+      if (!entry.alive.expired()) return false;
+      entry.wait();
       return true;
     });
-    mBatches.push_back({std::move(threads), std::move(workers)});
+    mEntries.push_back({std::move(wait), std::move(alive)});
   }
-  /// Waits for all, but for the caller if it is one of them.
+  /// Waits for all.
   void end() {
-    std::vector<Batch> batches;
+    std::vector<Entry> entries;
     {
       std::lock_guard const lock(mMutex);
-      batches.swap(mBatches);
+      entries.swap(mEntries);
     }
-    for (auto& batch : batches) {
-      for (auto& thread : batch.threads) {
-        if (thread.get_id() == std::this_thread::get_id())
-          thread.detach();
-        else
-          thread.join();
-      }
-    }
+    for (auto const& entry : entries) entry.wait();
   }
 
  private:
-  struct Batch {
-    std::vector<std::thread> threads;
-    std::weak_ptr<void> workers;
+  struct Entry {
+    std::function<void()> wait;
+    std::weak_ptr<void> alive;
   };
   std::mutex mMutex;
-  std::vector<Batch> mBatches;  // guarded by mMutex
+  std::vector<Entry> mEntries;  // guarded by mMutex
 };
+
+/// Waits until they end, but not for the caller.
+inline void joinThreads(std::vector<std::thread>& threads) {
+  for (auto& thread : threads) {
+    if (thread.get_id() == std::this_thread::get_id())
+      thread.detach();
+    else
+      thread.join();
+  }
+}
 
 /// One thread at a time waits for a message; when it has one it lets another thread wait and
 /// handles the message itself, so a message never changes threads. Threads are made when nobody is
@@ -84,13 +89,12 @@ class KXBusWorkers : public std::enable_shared_from_this<KXBusWorkers<Item>> {
       mChanged.notify_all();
       threads.swap(mThreads);
     }
-    for (auto const& thread : threads) {
-      if (thread.get_id() == std::this_thread::get_id()) {
-        retired.add(std::move(threads), this->weak_from_this());
-        return;
-      }
-    }
-    for (auto& thread : threads) thread.join();
+    bool const isInside = std::any_of(threads.begin(), threads.end(), [](auto const& thread) {
+      return thread.get_id() == std::this_thread::get_id();
+    });
+    if (!isInside) return joinThreads(threads);
+    auto left = std::make_shared<std::vector<std::thread>>(std::move(threads));
+    retired.add([left] { joinThreads(*left); }, this->weak_from_this());
   }
 
  private:

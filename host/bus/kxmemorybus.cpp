@@ -30,11 +30,18 @@ constexpr int kServer = -1;  // as the sender of a transfer
 
 /// A message that lives as long as somebody is to get it.
 struct Letter {
+  /// As they arrive.
+  static KXBusHeaders trimmed(KXBusHeaders headers) {
+    for (auto& [name, value] : headers) value = std::string(trimHeaderValue(value));
+    std::erase_if(headers, [](auto const& header) { return header.second.empty(); });
+    return headers;
+  }
+
   explicit Letter(KXBusMessage const& message)
       : subject(message.subject),
         reply(message.reply),
         payload(message.payload),
-        headers(message.headers),
+        headers(trimmed(message.headers)),
         isNoResponders(message.isNoResponders) {}
 
   KXBusMessage view() const { return {subject, reply, headers, payload, isNoResponders}; }
@@ -81,10 +88,11 @@ class Mailbox {
 /// One subscription, as the server and as its connection see it.
 class Subscriber {
  public:
-  /// With 0 threads the handler runs where messages are handed over.
-  Subscriber(std::string pattern, std::string queue, int threads, KXBus::Handler handler)
-      : mPattern(std::move(pattern)), mQueue(std::move(queue)) {
-    if (threads == 0) {
+  /// Stepped, the handler runs where messages are handed over.
+  Subscriber(std::string pattern, std::string queue, int threads, bool isStepped,
+             KXBus::Handler handler)
+      : mPattern(std::move(pattern)), mQueue(std::move(queue)), mIsOrdered(threads == 1) {
+    if (isStepped) {
       mCalls = std::make_unique<KXBusHandler<KXBusMessage>>(std::move(handler));
       return;
     }
@@ -96,6 +104,7 @@ class Subscriber {
 
   std::string const& pattern() const { return mPattern; }
   std::string const& queue() const { return mQueue; }
+  bool isOrdered() const { return mIsOrdered; }
 
   void accept(LetterPtr letter) {
     if (mCalls != nullptr)
@@ -114,6 +123,7 @@ class Subscriber {
  private:
   std::string const mPattern;
   std::string const mQueue;
+  bool const mIsOrdered;
   std::shared_ptr<Mailbox> const mMailbox = std::make_shared<Mailbox>();
   std::unique_ptr<KXBusHandler<KXBusMessage>> mCalls;  // without threads
   std::shared_ptr<KXBusWorkers<LetterPtr>> mWorkers;   // with threads
@@ -283,7 +293,7 @@ struct KXBusNetwork::Core {
   bool hasEnded = false;
   std::int64_t simulatedUs = 0;
   std::uint64_t parcelCount = 0;
-  std::uint64_t turn = 0;                                 // whose it is in a queue group
+  std::map<std::string, std::size_t> turns;               // whose it is in each queue group
   std::map<std::pair<int, int>, std::int64_t> lastDueUs;  // of each way, sender and receiver
   std::priority_queue<Parcel, std::vector<Parcel>, ArrivesLater> parcels;
 
@@ -329,13 +339,14 @@ struct KXBusNetwork::Core {
       }
     }
     for (auto const& [queue, members] : groups)
-      receivers.push_back(members[turn++ % members.size()]);
+      receivers.push_back(members[turns[queue]++ % members.size()]);
     return receivers;
   }
   /// Only the one that asked is told.
   void xSendNoResponders(int asker, std::string const& reply) {
     for (auto const& subscriber : xLink(asker).subscribers) {
       if (!subscriber->isAllowed || !subjectMatches(subscriber->pattern(), reply)) continue;
+      if (!subscriber->isOrdered()) return;
       xSend(kServer, {asker, subscriber},
             std::make_shared<Letter const>(KXBusMessage{.subject = reply, .isNoResponders = true}));
       return;
@@ -421,10 +432,10 @@ class KXBusNetwork::Connection : public KXBus {
   std::unique_ptr<KXBusSubscription> subscribe(std::string const& subject, std::string const& queue,
                                                int threads, Handler handler) override {
     checkSubscription(subject, queue, threads);
-    int const ownThreads = mCore.pacing == Pacing::Stepped ? 0 : threads;
     return std::make_unique<Subscription>(
         mCore, mLink, mRetired,
-        std::make_shared<Subscriber>(subject, queue, ownThreads, std::move(handler)));
+        std::make_shared<Subscriber>(subject, queue, threads, mCore.pacing == Pacing::Stepped,
+                                     std::move(handler)));
   }
   void flush(int /*timeoutMs*/) override { mCore.checkConnected(mLink, "flush"); }
   std::unique_ptr<KXBusSubscription> observe(EventHandler handler) override {

@@ -1,0 +1,420 @@
+#include <host/bus/kxnatsbus.hpp>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <map>
+#include <mutex>
+#include <string_view>
+#include <utility>
+
+#include <nats/nats.h>
+
+#include <host/bus/kxbushandler.hpp>
+#include <host/bus/kxbusobservers.hpp>
+#include <host/bus/kxbusrules.hpp>
+#include <host/bus/kxbusworkers.hpp>
+#include <host/bus/kxnatsoptions.hpp>
+#include <ka/log.hpp>
+#include <ka/runlogged.hpp>
+#include <kxerror/kxerror.hpp>
+
+namespace KX {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int kMaxPendingBytes = 256 * 1024 * 1024;
+/// Of one wait for a message; ending the subscription ends it too.
+constexpr std::int64_t kWaitMs = 3'600'000;
+
+template <class Type, void (*destroy)(Type*)>
+struct Destroy {
+  void operator()(Type* object) const { destroy(object); }
+};
+using Message = std::unique_ptr<natsMsg, Destroy<natsMsg, natsMsg_Destroy>>;
+using NatsSubscription =
+    std::unique_ptr<natsSubscription, Destroy<natsSubscription, natsSubscription_Destroy>>;
+using Connection = std::unique_ptr<natsConnection, Destroy<natsConnection, natsConnection_Destroy>>;
+
+// ---------------------------------------------------------------- what befalls a connection
+
+/// `Permissions Violation for Publish to "SUBJECT"`, or `... for Subscription to "SUBJECT" ...`.
+std::optional<KXBusEvent> parseRefusal(std::string const& text) {
+  if (text.find("Permissions Violation") == std::string::npos) return std::nullopt;
+  KXBusEvent event{KXBusEvent::Kind::Refused};
+  event.text = text;
+  event.isPublishing = text.find("for Subscription") == std::string::npos;
+  auto const begin = text.find('"');
+  auto const end = begin == std::string::npos ? begin : text.find('"', begin + 1);
+  if (end != std::string::npos) event.subject = text.substr(begin + 1, end - begin - 1);
+  return event;
+}
+
+/// Receives the library's callbacks, which come on one thread for all connections of the process.
+class Watch {
+ public:
+  explicit Watch(std::string address) : mAddress(std::move(address)) {}
+
+  KXBusObservers& observers() { return mObservers; }
+  /// What the library says from now on is our own doing.
+  void close() { mIsClosing = true; }
+
+  void lost() {
+    if (mIsClosing) return;
+    mLostAt = Clock::now();
+    ka::log::LogStream(ka::log::Warning, "KXBus", "", "lost", 0)
+        << "lost the bus at '" << mAddress << "', trying again";
+    mObservers.tell({KXBusEvent::Kind::Lost});
+  }
+  void back() {
+    if (mIsClosing) return;
+    auto const lostMs =
+        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - mLostAt).count();
+    mLastTrouble.clear();
+    ka::log::LogStream(ka::log::Info, "KXBus", "", "back", 0)
+        << "the bus at '" << mAddress << "' is back after " << lostMs << " ms";
+    mObservers.tell({KXBusEvent::Kind::Back});
+  }
+  void failed(natsSubscription* subscription, natsStatus status, std::string const& text) {
+    if (mIsClosing) return;
+    if (status == NATS_SLOW_CONSUMER) {
+      char const* const subject = natsSubscription_GetSubject(subscription);
+      mObservers.tell({.kind = KXBusEvent::Kind::Dropped,
+                       .subject = subject == nullptr ? "" : subject,
+                       .isPublishing = false,
+                       .text = "more than 256 MB were waiting"});
+    } else if (auto const refusal = parseRefusal(text)) {
+      mObservers.tell(*refusal);
+    } else if (text != mLastTrouble) {
+      mLastTrouble = text;
+      ka::log::LogStream(ka::log::Warning, "KXBus", "", "failed", 0)
+          << "trouble with the bus at '" << mAddress << "': " << text;
+    }
+  }
+
+ private:
+  std::string const mAddress;
+  KXBusObservers mObservers;
+  std::atomic<bool> mIsClosing{false};
+  // Of the callbacks' thread:
+  Clock::time_point mLostAt{};
+  std::string mLastTrouble{};
+};
+
+/// The library calls back even after a connection was destroyed, so it is given a number and not
+/// an address.
+class Watches {
+ public:
+  static Watches& instance() {
+    static auto& watches = *new Watches;  // On purpose never destroyed: the library has no end.
+    return watches;
+  }
+  /// Known as long as it lives.
+  void* add(std::shared_ptr<Watch> const& watch) {
+    std::lock_guard const lock(mMutex);
+    std::erase_if(mWatches, [](auto const& entry) { return entry.second.expired(); });
+    mWatches[++mLast] = watch;
+    return reinterpret_cast<void*>(mLast);
+  }
+  std::shared_ptr<Watch> find(void* closure) {
+    std::lock_guard const lock(mMutex);
+    auto const found = mWatches.find(reinterpret_cast<std::uintptr_t>(closure));
+    return found == mWatches.end() ? nullptr : found->second.lock();
+  }
+
+ private:
+  std::mutex mMutex;
+  std::uintptr_t mLast = 0;                                 // guarded by mMutex
+  std::map<std::uintptr_t, std::weak_ptr<Watch>> mWatches;  // guarded by mMutex
+};
+
+/// Nothing may leave a callback: it would end the process.
+template <class Step>
+void withWatch(void* closure, Step&& step) noexcept {
+  ka::log::runLogged("KXBus", "watch", "the watch of a connection failed", [&] {
+    if (auto const watch = Watches::instance().find(closure)) step(*watch);
+  });
+}
+
+void onLost(natsConnection* /*connection*/, void* closure) {
+  withWatch(closure, [](Watch& watch) { watch.lost(); });
+}
+void onBack(natsConnection* /*connection*/, void* closure) {
+  withWatch(closure, [](Watch& watch) { watch.back(); });
+}
+void onError(natsConnection* connection, natsSubscription* subscription, natsStatus status,
+             void* closure) {
+  withWatch(closure, [&](Watch& watch) {
+    natsStatus last = NATS_OK;
+    char const* text = nats_GetLastError(&last);  // of this very error, if the library says so
+    if (last != status || text == nullptr || *text == '\0')
+      natsConnection_GetLastError(connection, &text);
+    watch.failed(subscription, status, text == nullptr ? "" : text);
+  });
+}
+
+// ---------------------------------------------------------------- messages
+
+KXBusHeaders headersOf(natsMsg* message) {
+  KXBusHeaders headers;
+  char const** names = nullptr;
+  int count = 0;
+  if (natsMsgHeader_Keys(message, &names, &count) != NATS_OK) return headers;
+  for (int i = 0; i < count; ++i) {
+    char const** values = nullptr;
+    int valueCount = 0;
+    if (natsMsgHeader_Values(message, names[i], &values, &valueCount) != NATS_OK) continue;
+    for (int k = 0; k < valueCount; ++k) headers.emplace_back(names[i], values[k]);
+    std::free(static_cast<void*>(values));
+  }
+  std::free(static_cast<void*>(names));
+  return headers;
+}
+
+void hand(natsMsg* from, KXBus::Handler const& handler) {
+  KXBusMessage message;
+  message.subject = natsMsg_GetSubject(from);
+  if (char const* const reply = natsMsg_GetReply(from); reply != nullptr) message.reply = reply;
+  message.isNoResponders = natsMsg_IsNoResponders(from);
+  if (!message.isNoResponders) message.headers = headersOf(from);
+  message.payload = {natsMsg_GetData(from), static_cast<std::size_t>(natsMsg_GetDataLength(from))};
+  handler(message);
+}
+
+std::optional<Message> waitForMessage(natsSubscription* subscription) {
+  while (true) {
+    natsMsg* message = nullptr;
+    auto const status = natsSubscription_NextMsg(&message, subscription, kWaitMs);
+    if (status == NATS_OK) return Message(message);
+    // Too slow: told to the observers; what is left comes next.
+    if (status != NATS_TIMEOUT && status != NATS_SLOW_CONSUMER && status != NATS_NO_RESPONDERS)
+      return std::nullopt;
+  }
+}
+
+// ---------------------------------------------------------------- the bus
+
+/// Of one thread: the library's own calls the handler. Only here one learns that nobody listens:
+/// who waits for messages is not told by the library which question it was.
+class OrderedSubscription : public KXBusSubscription {
+ public:
+  OrderedSubscription(KXBusRetired& retired, natsConnection* connection, std::string const& subject,
+                      std::string const& queue, KXBus::Handler handler)
+      : mRetired(retired),
+        mCalls(std::make_shared<Calls>([handle = std::move(handler)](Message const& message) {
+          hand(message.get(), handle);
+        })) {
+    // The library's thread has its share until it ends.
+    auto closure = std::make_unique<std::shared_ptr<Calls>>(mCalls);
+    natsSubscription* made = nullptr;
+    mStatus =
+        queue.empty()
+            ? natsConnection_Subscribe(&made, connection, subject.c_str(), onMessage, closure.get())
+            : natsConnection_QueueSubscribe(&made, connection, subject.c_str(), queue.c_str(),
+                                            onMessage, closure.get());
+    mSubscription.reset(made);
+    if (mStatus != NATS_OK) return;
+    natsSubscription_SetOnCompleteCB(made, onComplete, closure.release());
+    natsSubscription_SetPendingLimits(made, -1, kMaxPendingBytes);
+  }
+  ~OrderedSubscription() override {
+    if (mSubscription == nullptr) return;
+    natsSubscription_Unsubscribe(mSubscription.get());
+    if (mCalls->isCaller())
+      mRetired.add(
+          [weak = std::weak_ptr(mCalls)] {
+            if (auto const calls = weak.lock()) calls->end();
+          },
+          mCalls);
+    mCalls->end();
+  }
+  natsStatus status() const { return mStatus; }
+
+ private:
+  using Calls = KXBusHandler<Message>;
+
+  static void onMessage(natsConnection* /*connection*/, natsSubscription* /*subscription*/,
+                        natsMsg* message, void* closure) {
+    (*static_cast<std::shared_ptr<Calls>*>(closure))->call(Message(message));
+  }
+  static void onComplete(void* closure) { delete static_cast<std::shared_ptr<Calls>*>(closure); }
+
+  KXBusRetired& mRetired;
+  std::shared_ptr<Calls> const mCalls;
+  NatsSubscription mSubscription;
+  natsStatus mStatus;
+};
+
+/// Of several threads, which take the messages themselves.
+class ParallelSubscription : public KXBusSubscription {
+ public:
+  ParallelSubscription(KXBusRetired& retired, natsConnection* connection,
+                       std::string const& subject, std::string const& queue, int threads,
+                       KXBus::Handler handler)
+      : mRetired(retired) {
+    natsSubscription* made = nullptr;
+    mStatus = queue.empty() ? natsConnection_SubscribeSync(&made, connection, subject.c_str())
+                            : natsConnection_QueueSubscribeSync(&made, connection, subject.c_str(),
+                                                                queue.c_str());
+    mSubscription = NatsSubscription(made);
+    if (mStatus != NATS_OK) return;
+    natsSubscription_SetPendingLimits(made, -1, kMaxPendingBytes);
+    mWorkers = std::make_shared<KXBusWorkers<Message>>(
+        threads, [waited = mSubscription] { return waitForMessage(waited.get()); },
+        [handle = std::move(handler)](Message const& message) { hand(message.get(), handle); });
+    mWorkers->start();
+  }
+  ~ParallelSubscription() override {
+    if (mWorkers == nullptr) return;
+    natsSubscription_Unsubscribe(mSubscription.get());
+    mWorkers->end(mRetired);
+  }
+  natsStatus status() const { return mStatus; }
+
+ private:
+  KXBusRetired& mRetired;
+  std::shared_ptr<natsSubscription> mSubscription;
+  std::shared_ptr<KXBusWorkers<Message>> mWorkers;
+  natsStatus mStatus;
+};
+
+KXError::Kind kindOf(natsStatus status) {
+  switch (status) {
+    case NATS_CONNECTION_AUTH_FAILED:
+    case NATS_NOT_PERMITTED:
+    case NATS_SSL_ERROR:
+    case NATS_SECURE_CONNECTION_WANTED:
+    case NATS_SECURE_CONNECTION_REQUIRED:
+      return KXError::Kind::Refused;
+    case NATS_MAX_PAYLOAD:
+    case NATS_INVALID_ARG:
+    case NATS_INVALID_SUBJECT:
+    case NATS_NO_MEMORY:
+    case NATS_NO_SERVER_SUPPORT:
+      return KXError::Kind::Failed;
+    default:
+      return KXError::Kind::Disconnected;
+  }
+}
+
+class NatsBus : public KXBus {
+ public:
+  explicit NatsBus(KXBusOptions const& options) : NatsBus(makeNatsOptions(options)) {}
+  ~NatsBus() override {
+    mWatch->close();
+    mRetired.end();
+    natsConnection_Close(mConnection.get());
+  }
+
+  void publish(KXBusMessage const& message) override {
+    checkMessage(message, maxPayload());
+    xCheckConnected("publish");
+    std::string const subject(message.subject);
+    std::string const reply(message.reply);
+    char const* const replyText = reply.empty() ? nullptr : reply.c_str();
+    auto const size = static_cast<int>(message.payload.size());
+    if (message.headers.empty()) {
+      xCheck("publish",
+             replyText == nullptr
+                 ? natsConnection_Publish(mConnection.get(), subject.c_str(),
+                                          message.payload.data(), size)
+                 : natsConnection_PublishRequest(mConnection.get(), subject.c_str(), replyText,
+                                                 message.payload.data(), size));
+      return;
+    }
+    natsMsg* made = nullptr;
+    xCheck("publish",
+           natsMsg_Create(&made, subject.c_str(), replyText, message.payload.data(), size));
+    Message const owned(made);
+    for (auto const& [name, value] : message.headers) {
+      std::string const trimmed(trimHeaderValue(value));
+      if (!trimmed.empty())
+        xCheck("publish", natsMsgHeader_Add(made, name.c_str(), trimmed.c_str()));
+    }
+    xCheck("publish", natsConnection_PublishMsg(mConnection.get(), made));
+  }
+
+  std::unique_ptr<KXBusSubscription> subscribe(std::string const& subject, std::string const& queue,
+                                               int threads, Handler handler) override {
+    checkSubscription(subject, queue, threads);
+    if (threads == 1) {
+      auto made = std::make_unique<OrderedSubscription>(mRetired, mConnection.get(), subject, queue,
+                                                        std::move(handler));
+      xCheck("subscribe", made->status());
+      return made;
+    }
+    auto made = std::make_unique<ParallelSubscription>(mRetired, mConnection.get(), subject, queue,
+                                                       threads, std::move(handler));
+    xCheck("subscribe", made->status());
+    return made;
+  }
+
+  void flush(int timeoutMs) override {
+    xCheckConnected("flush");
+    auto const status = natsConnection_FlushTimeout(mConnection.get(), timeoutMs);
+    if (status == NATS_TIMEOUT)
+      throwBusError("flush",
+                    "the server at '" + mAddress + "' has not answered within " +
+                        std::to_string(timeoutMs) + " ms",
+                    KXError::Kind::TimedOut);
+    xCheck("flush", status);
+  }
+
+  std::unique_ptr<KXBusSubscription> observe(EventHandler handler) override {
+    return mWatch->observers().add(std::move(handler));
+  }
+  bool isConnected() const override {
+    return natsConnection_Status(mConnection.get()) == NATS_CONN_STATUS_CONNECTED;
+  }
+  std::size_t maxPayload() const override {
+    return static_cast<std::size_t>(natsConnection_GetMaxPayload(mConnection.get()));
+  }
+  std::string const& inboxPrefix() const override { return mInboxPrefix; }
+  std::string const& user() const override { return mUser; }
+  std::string const& address() const override { return mAddress; }
+
+ private:
+  explicit NatsBus(KXNatsOptions options)
+      : mAddress(options.address), mUser(options.user), mInboxPrefix(options.inboxPrefix) {
+    auto* const given = options.options.get();
+    natsOptions_SetDisconnectedCB(given, onLost, mClosure);
+    natsOptions_SetReconnectedCB(given, onBack, mClosure);
+    natsOptions_SetErrorHandler(given, onError, mClosure);
+    natsConnection* made = nullptr;
+    auto const status = natsConnection_Connect(&made, given);
+    mConnection.reset(made);
+    if (status != NATS_OK)
+      throwBusError(
+          "connect",
+          "cannot connect to the bus at '" + mAddress + "': " + describeNatsStatus(status),
+          kindOf(status));
+  }
+  void xCheckConnected(char const* method) const {
+    if (!isConnected())
+      throwBusError(method, "no connection to the bus at '" + mAddress + '\'',
+                    KXError::Kind::Disconnected);
+  }
+  void xCheck(char const* method, natsStatus status) const {
+    if (status != NATS_OK)
+      throwBusError(method, "the bus at '" + mAddress + "': " + describeNatsStatus(status),
+                    kindOf(status));
+  }
+
+  std::string const mAddress;
+  std::string const mUser;
+  std::string const mInboxPrefix;
+  std::shared_ptr<Watch> const mWatch = std::make_shared<Watch>(mAddress);
+  void* const mClosure = Watches::instance().add(mWatch);
+  Connection mConnection;
+  KXBusRetired mRetired;
+};
+
+}  // namespace
+
+std::unique_ptr<KXBus> connectNats(KXBusOptions const& options) {
+  return std::make_unique<NatsBus>(options);
+}
+
+}  // namespace KX
