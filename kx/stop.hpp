@@ -5,7 +5,8 @@
 
 namespace KX::tool {
 
-/// Takes SIGINT, SIGTERM and SIGHUP for the whole process, and keeps SIGPIPE from ending it.
+/// Takes SIGINT, SIGTERM and SIGHUP for the whole process, and keeps SIGPIPE from ending it. A
+/// SIGHUP that is ignored, as nohup has it, stays ignored.
 /// Ownership: made by main() before any other thread is, since threads inherit what is blocked;
 /// lives as long as the process works. A signal stays pending, so every later question sees it.
 /// Threads: any. std::system_error if the system gives no descriptor.

@@ -204,6 +204,40 @@ TEST(Batches, TakeSecondsFor32BitsWithoutSign) {
   EXPECT_EQ(4'294'967'295'000'005, fetched.batches.at(0).timeUs);
 }
 
+// What comes from another process: no two values share a block.
+TEST(SharedBatches, AreTheSamplesOfOneTime) {
+  KXSampleReader reader(
+      {.data = {"a", "b"}}, [](std::string const&) { return false; }, KXSharedWatcher{});
+
+  auto const fetched = reader.read(fetch({entry("a", {{at(10), 1}, {at(10), 2}, {at(20), 3}}),
+                                          entry("b", {{at(10), 4}, {at(10), 5}, {at(20), 6}})}),
+                                   false);
+
+  EXPECT_THAT(batchesOf(fetched), ElementsAre("10:1,4", "10:2,5", "20:3,6"));
+}
+
+TEST(SharedBatches, LeaveOutTheKeysOfOthers) {
+  KXSampleReader reader(
+      {.data = {"a"}}, [](std::string const&) { return false; }, KXSharedWatcher{});
+
+  auto const fetched =
+      reader.read(fetch({entry("a", {{at(10), 1}}), entry("others", {{at(10), 2}})}), false);
+
+  EXPECT_THAT(batchesOf(fetched), ElementsAre("10:1"));
+}
+
+TEST(SharedEvents, BeginWithARaiseWhereTheWatcherHadThemBefore) {
+  KXSampleReader reader(
+      {.events = {"added", "former"}}, [](std::string const&) { return false; },
+      KXSharedWatcher{.formerEvents = {"former"}});
+
+  auto const fetched = reader.read(fetch({entry("added", {{at(10), 1}, {at(20), 2}}),
+                                          entry("former", {{at(10), 3}, {at(20), 4}})}),
+                                   false);
+
+  EXPECT_THAT(eventsOf(fetched), ElementsAre("20:added=2", "10:former=3", "20:former=4"));
+}
+
 TEST(UnknownKeys, AreSampledWithTheBatch) {
   auto reader = readerOf({.data = {"b"}, .unknown = {"a"}});
   KXValue const t1 = at(10);
