@@ -195,32 +195,39 @@ void KXPacker::xAddElements(KXValue const& array, int level) {
 
 namespace {
 
-// The pairs of integers that came lately. Samples carry the time of their cycle, so the same pairs
-// come again with each key: one block for all of them costs less than one for each.
+// Pairs of integers that came before. Samples carry the time of their cycle, so the same pairs come
+// again with each key: one block for all of them costs less than one for each.
 class Pairs {
  public:
   // For a message of that many bytes.
   explicit Pairs(std::size_t bytes) {
     constexpr std::size_t kLeast = 1024;
-    constexpr std::size_t kMost = 1 << 20;
-    if (bytes >= kLeast) mBits = std::bit_width(std::min(bytes, kMost) / sizeof(KXValue)) - 1;
+    constexpr std::size_t kMost = 1 << 14;  // of known pairs
+    if (bytes >= kLeast) mBits = std::bit_width(std::min(bytes / sizeof(Known), kMost)) - 1;
   }
 
   bool isWorthwhile() const noexcept { return mBits > 0; }
   KXValue get(int first, int second) {
-    if (mPairs.empty()) mPairs.resize(std::size_t{1} << mBits);
+    if (mKnown.empty()) mKnown.resize(std::size_t{1} << mBits);
     std::uint64_t const key =
         std::uint64_t{static_cast<std::uint32_t>(first)} << 32 | static_cast<std::uint32_t>(second);
-    KXValue& pair = mPairs[key * 0x9e3779b97f4a7c15U >> (64 - mBits)];
-    if (pair.isValid()) {
-      KXValue const* const known = std::as_const(pair).arrayData();
-      if (static_cast<int>(known[0]) == first && static_cast<int>(known[1]) == second) return pair;
+    Known& known = mKnown[key * 0x9e3779b97f4a7c15U >> (64 - mBits)];
+    if (!known.pair.isValid()) {
+      known = {key, KXValue::arrayOf(first, second)};
+    } else if (known.key != key) {
+      // Whoever came first stays: what never comes again would else cost more than it saves.
+      return KXValue::arrayOf(first, second);
     }
-    return pair = KXValue::arrayOf(first, second);
+    return known.pair;
   }
 
  private:
-  std::vector<KXValue> mPairs;  // each at the place that its numbers give
+  struct Known {
+    std::uint64_t key = 0;
+    KXValue pair;
+  };
+
+  std::vector<Known> mKnown;  // each at the place that its numbers give
   int mBits = 0;
 };
 
