@@ -48,7 +48,7 @@ class KX_API KXServer {
   std::string const& instance() const noexcept;
   /// The modules under their plain names.
   std::vector<std::string> served() const;
-  /// Of all methods of a module that were called, by plain name or full address, in the order of
+  /// Of all methods of a module that were called, in whatever way it was addressed, in the order of
   /// their names.
   std::vector<KXMethodStatistics> statistics(std::string const& module) const;
   /// Since when this server is there; wall clock.

@@ -48,6 +48,8 @@ inline constexpr char const* kAgainHeader = "Kx-Again";  ///< "INSTANCE.PART"
 inline constexpr char const* kTaskHeader = "Kx-Task";    ///< "1": start it as a parallel call
 inline constexpr char const* kDoneHeader = "Kx-Done";    ///< "1": no call, the reply has arrived
 inline constexpr char const* kPartHeader = "Kx-Part";    ///< "INDEX.COUNT" of a reply in parts
+/// Of a reply: which server sends it, where the caller may not know.
+inline constexpr char const* kInstanceHeader = "Kx-Instance";
 inline constexpr char const* kErrorCodeHeader = "Nats-Service-Error-Code";
 inline constexpr char const* kErrorTextHeader = "Nats-Service-Error";
 

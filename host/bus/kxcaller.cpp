@@ -1,0 +1,657 @@
+#include <host/bus/kxcaller.hpp>
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string_view>
+#include <utility>
+
+#include <host/bus/kxargumentcache.hpp>
+#include <host/bus/kxbusrules.hpp>
+#include <host/bus/kxpartcollector.hpp>
+#include <host/bus/kxrandomid.hpp>
+#include <host/bus/kxwire.hpp>
+#include <kxerror/kxerror.hpp>
+
+namespace KX {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Kind = KXError::Kind;
+using std::chrono::milliseconds;
+
+constexpr milliseconds kFirstRepeat{500};
+// A callee that died is noticed at the next repeat.
+constexpr milliseconds kLongestRepeat{2000};
+// After a cut the others come back when they do: so long nobody is said to be gone.
+constexpr milliseconds kReturnGrace{1500};
+constexpr milliseconds kReturnRetry{50};
+// A module that does not answer is tried so often by calls that cannot wait long.
+constexpr milliseconds kSilentRetry{1000};
+constexpr int kWaitSliceMs = 2000;
+constexpr std::size_t kMaxDestinations = 1000;
+constexpr std::size_t kMaxMethods = 1000;
+// What further headers a repeat has.
+constexpr std::size_t kRepeatBytes = 64;
+
+std::int64_t inMs(Clock::duration duration) {
+  return std::chrono::duration_cast<milliseconds>(duration).count();
+}
+
+[[noreturn]] void fail(std::string const& text, Kind kind) {
+  throw KXError("KXBus", "call", text, "bus/kxcaller", 0, kind);
+}
+
+std::string nameOf(std::string const& module, std::string const& method) {
+  return "'" + module + "." + method + "'";
+}
+
+// The store's methods that name a callback module: a server may let a user call these for itself
+// and for nobody else.
+bool isInOwnName(std::string const& module, std::string_view method) {
+  static constexpr std::array<std::string_view, 4> kMethods{
+      "subscribeToEvent", "subscribeToMicroEvent", "unsubscribeToEvent", "unsubscribeToMicroEvent"};
+  return module == "KXMemory" && std::ranges::find(kMethods, method) != kMethods.end();
+}
+
+// One call that waits for its reply, on the stack of its thread. Guarded by the caller's mutex.
+struct Pending {
+  std::condition_variable changed;
+  Clock::time_point startedAt{};
+  Clock::time_point heardAt{};
+  KXPartCollector reply{};
+  std::string errorCode{};
+  bool hasNoResponders = false;
+  int noRespondersCount = 0;
+  bool isBack = false;
+  std::optional<std::string> refusal{};
+  std::string const* subject = nullptr;
+};
+
+struct Method {
+  std::string subject;
+  std::mutex mutex{};
+  KXEncodedArguments lastArguments{};  // guarded by mutex
+};
+
+// A module that was called. Guarded by the caller's mutex.
+struct Destination {
+  std::string module;
+  std::uint64_t index = 0;
+  std::string callerId{makeRandomId()};
+  std::string instance{};  // of the server that has it; empty: not known
+  std::uint64_t lastNumber = 0;
+  std::map<std::uint64_t, Pending*> pending{};
+  std::map<std::string, std::shared_ptr<Method>, std::less<>> methods{};
+  Clock::time_point usedAt{};
+  bool isSilent = false;  // a call timed out, and nothing has come since
+  Clock::time_point silentSince{};
+  Clock::time_point triedAt{};
+
+  std::uint64_t done() const { return pending.empty() ? lastNumber : pending.begin()->first - 1; }
+};
+
+// The bytes of a method's arguments.
+std::shared_ptr<std::string const> encode(Method& method, KXValue const& params) {
+  {
+    std::lock_guard const lock(method.mutex);
+    if (auto known = method.lastArguments.find(params)) return known;
+  }
+  KXValue arguments = params.isValid() ? params : KXValue::arrayOf();
+  if (arguments.getType() != KXValue::TypeArray) {
+    fail("expected an array of arguments, got " + KXValue::TypeToString(arguments.getType()),
+         Kind::Failed);
+  }
+  auto bytes = std::make_shared<std::string const>(encodeValue(arguments));
+  {
+    std::lock_guard const lock(method.mutex);
+    method.lastArguments.keep(arguments, bytes);
+  }
+  return bytes;
+}
+
+struct Call {
+  std::string const& module;
+  std::string method;
+  KXValue const& params;
+  int timeoutMs = 0;  // the caller's own
+  bool isTask = false;
+  bool isOnce = true;  // otherwise it may be run as often as it arrives
+};
+
+}  // namespace
+
+class KXCaller::Impl {
+ public:
+  Impl(KXBus& bus, KXSubjects subjects, std::string robot, int timeoutMs);
+  ~Impl();
+
+  KXValue call(Call const& call);
+  bool wait(std::string const& module, int taskId, int timeoutMs);
+
+  void close();
+
+ private:
+  class Visit;
+  class Slot;
+
+  struct Answer {
+    std::string payload;
+    std::string errorCode;
+    bool isToAcknowledge;  // by itself, and not with the next call
+  };
+
+  std::shared_ptr<Destination> xDestination(std::string const& module);
+  void xForgetDestination(Destination const& spared);
+  std::shared_ptr<Method> xMethod(Destination& destination, Call const& call);
+  void xCheckSilence(Destination& destination, Call const& call, Clock::time_point now);
+  void xFind(Destination& destination, Call const& call, Clock::time_point startedAt);
+  KXValue xRun(Destination& destination, Call const& call, Clock::time_point startedAt);
+  Answer xAwait(Destination& destination, Call const& call, Slot& slot);
+  void xCheckPending(Destination& destination, Call const& call, Slot& slot, Clock::time_point now);
+  void xSend(Call const& call, Slot& slot, KXBusHeaders headers, std::string_view payload);
+  KXBusHeaders xHeaders(Destination const& destination, Call const& call, Slot const& slot) const;
+  void xSendDone(Slot const& slot, Destination const& destination);
+  void xLearnInstance(Destination& destination, KXValue const& found);
+  [[noreturn]] void xFailAway(Call const& call) const;
+  void xOnReply(KXBusMessage const& message);
+  void xOnEvent(KXBusEvent const& event);
+
+  KXBus& mBus;
+  KXSubjects const mSubjects;
+  std::string const mRobot;
+  int const mTimeoutMs;
+  std::string const mInbox;  // with a dot at the end
+
+  mutable std::mutex mMutex;
+  std::condition_variable mHasLeft;
+  // Guarded by mMutex:
+  std::map<std::string, std::shared_ptr<Destination>, std::less<>> mDestinations;
+  std::map<std::uint64_t, std::shared_ptr<Destination>> mByIndex;
+  std::uint64_t mLastIndex = 0;
+  std::size_t mVisitorCount = 0;
+  bool mIsClosed = false;
+  std::string mInboxRefusal;  // empty: the server lets this process listen to its replies
+  Clock::time_point mBackAt{};
+  bool mWasLost = false;
+
+  // The last ones: their handlers use what stands above.
+  std::unique_ptr<KXBusSubscription> mObservation;
+  std::unique_ptr<KXBusSubscription> mReplies;
+};
+
+// Counts the threads that are inside.
+class KXCaller::Impl::Visit {
+ public:
+  explicit Visit(Impl& impl) : mImpl(impl) {
+    std::lock_guard const lock(mImpl.mMutex);
+    ++mImpl.mVisitorCount;
+  }
+  ~Visit() {
+    std::lock_guard const lock(mImpl.mMutex);
+    if (--mImpl.mVisitorCount == 0) mImpl.mHasLeft.notify_all();
+  }
+  Visit(Visit const&) = delete;
+  Visit& operator=(Visit const&) = delete;
+
+ private:
+  Impl& mImpl;
+};
+
+// Where the reply to one call arrives, and all that is needed to ask for it again.
+class KXCaller::Impl::Slot {
+ public:
+  Slot(Impl& impl, Destination& destination, Method const& method,
+       std::shared_ptr<std::string const> payloadBytes, Clock::time_point startedAt,
+       Clock::time_point deadlineAt)
+      : subject(method.subject),
+        payload(std::move(payloadBytes)),
+        deadline(deadlineAt),
+        mImpl(impl),
+        mDestination(destination) {
+    pending.startedAt = startedAt;
+    pending.heardAt = startedAt;
+    pending.subject = &subject;
+    std::lock_guard const lock(mImpl.mMutex);
+    number = ++destination.lastNumber;
+    instance = destination.instance;
+    replySubject = mImpl.mInbox + std::to_string(destination.index) + "-" + std::to_string(number);
+    destination.pending.emplace(number, &pending);
+  }
+  ~Slot() {
+    std::lock_guard const lock(mImpl.mMutex);
+    mDestination.pending.erase(number);
+  }
+  Slot(Slot const&) = delete;
+  Slot& operator=(Slot const&) = delete;
+
+  std::string const subject;
+  std::shared_ptr<std::string const> const payload;
+  Clock::time_point const deadline;
+  std::uint64_t number = 0;
+  std::string replySubject;
+  std::string instance;  // of the server as it was known when the request was sent
+  int sentCount = 0;
+  Pending pending;  // guarded by the caller's mutex
+
+ private:
+  Impl& mImpl;
+  Destination& mDestination;
+};
+
+KXCaller::Impl::Impl(KXBus& bus, KXSubjects subjects, std::string robot, int timeoutMs)
+    : mBus(bus),
+      mSubjects(std::move(subjects)),
+      mRobot(std::move(robot)),
+      mTimeoutMs(timeoutMs),
+      mInbox(bus.inboxPrefix() + "." + makeRandomId() + ".") {
+  mObservation = bus.observe([this](KXBusEvent const& event) { xOnEvent(event); });
+  mReplies = bus.subscribe(mInbox + "*", "", 1,
+                           [this](KXBusMessage const& message) { xOnReply(message); });
+}
+
+KXCaller::Impl::~Impl() {
+  close();
+  {
+    std::unique_lock lock(mMutex);
+    mHasLeft.wait(lock, [this] { return mVisitorCount == 0; });
+  }
+  mReplies.reset();
+  mObservation.reset();
+}
+
+void KXCaller::Impl::close() {
+  std::lock_guard const lock(mMutex);
+  mIsClosed = true;
+  for (auto const& [index, destination] : mByIndex) {
+    for (auto const& [number, pending] : destination->pending) pending->changed.notify_all();
+  }
+}
+
+KXValue KXCaller::Impl::call(Call const& call) {
+  Visit const visit(*this);
+  auto const startedAt = Clock::now();
+  if (!mBus.isConnected()) xFailAway(call);
+  std::shared_ptr<Destination> destination;
+  bool hasInstance = false;
+  {
+    std::lock_guard const lock(mMutex);
+    destination = xDestination(call.module);
+    xCheckSilence(*destination, call, startedAt);
+    hasInstance = !destination->instance.empty();
+  }
+  if (!hasInstance && call.isOnce) xFind(*destination, call, startedAt);
+  return xRun(*destination, call, startedAt);
+}
+
+// A request that gets lost can only be sent again to a server that can be told from others.
+void KXCaller::Impl::xFind(Destination& destination, Call const& call,
+                           Clock::time_point startedAt) {
+  try {
+    KXValue const none = KXValue::arrayOf();
+    xRun(destination, {call.module, kFindMethod, none, call.timeoutMs, false, false}, startedAt);
+  } catch (KXError const& error) {
+    // Who may call a method and nothing else learns from the reply whom it has called.
+    if (error.getKind() != Kind::Refused) throw;
+  }
+}
+
+// The result of one call.
+KXValue KXCaller::Impl::xRun(Destination& destination, Call const& call,
+                             Clock::time_point startedAt) {
+  std::shared_ptr<Method> const method = xMethod(destination, call);
+  auto const timeout = milliseconds(call.timeoutMs > 0 ? call.timeoutMs : mTimeoutMs);
+  Slot slot(*this, destination, *method, encode(*method, call.params), startedAt,
+            startedAt + timeout);
+  Answer const answer = xAwait(destination, call, slot);
+  if (answer.isToAcknowledge) xSendDone(slot, destination);
+  try {
+    KXValue result = decodeReply(answer.payload, answer.errorCode);
+    if (call.method == kFindMethod) xLearnInstance(destination, result);
+    return result;
+  } catch (KXError const& error) {
+    // What the callee threw has come from further away.
+    bool const isOfWire =
+        error.getModuleName() == "KXBus" &&
+        (error.getFileName() == "bus/kxwire" || error.getFileName() == "bus/kxmsgpack");
+    if (!isOfWire) throw;
+    fail("the reply of " + nameOf(call.module, call.method) + " cannot be read: " + error.what(),
+         Kind::Failed);
+  }
+}
+
+// Sends the request, again and again if need be, until the reply is there.
+KXCaller::Impl::Answer KXCaller::Impl::xAwait(Destination& destination, Call const& call,
+                                              Slot& slot) {
+  Pending& pending = slot.pending;
+  milliseconds interval = kFirstRepeat;
+  Clock::time_point repeatAt = Clock::now();
+  std::unique_lock lock(mMutex);
+  while (true) {
+    auto const now = Clock::now();
+    if (pending.reply.state() == KXPartCollector::State::Complete) break;
+    xCheckPending(destination, call, slot, now);
+    // Nobody listens, but who has just been cut off may be about to return.
+    if (std::exchange(pending.hasNoResponders, false)) repeatAt = now + kReturnRetry;
+    if (std::exchange(pending.isBack, false)) repeatAt = now;
+    bool const isAsking = pending.reply.state() == KXPartCollector::State::Asking;
+    // While parts come there is nothing to be repeated.
+    if (slot.sentCount > 0 && pending.reply.hasParts()) {
+      repeatAt = std::max(repeatAt, pending.heardAt + kFirstRepeat);
+    }
+    if (isAsking || now >= repeatAt) {
+      KXBusHeaders headers = xHeaders(destination, call, slot);
+      bool const hasPart = call.isOnce && pending.reply.nextPart() > 0;
+      pending.reply.asked();
+      lock.unlock();
+      xSend(call, slot, std::move(headers), hasPart ? std::string_view() : *slot.payload);
+      lock.lock();
+      repeatAt = now + interval;
+      if (!isAsking) interval = std::min(2 * interval, kLongestRepeat);
+      continue;
+    }
+    pending.changed.wait_until(lock, std::min(slot.deadline, repeatAt));
+  }
+  Pending const& oldest = *destination.pending.begin()->second;
+  bool const isHeldUp = &oldest != &pending && oldest.startedAt + kFirstRepeat < Clock::now();
+  return {.payload = pending.reply.takePayload(),
+          .errorCode = std::move(pending.errorCode),
+          .isToAcknowledge = call.isOnce && (pending.reply.hasParts() || isHeldUp)};
+}
+
+// Throws if there is no more hope for the call. The caller holds mMutex.
+void KXCaller::Impl::xCheckPending(Destination& destination, Call const& call, Slot& slot,
+                                   Clock::time_point now) {
+  Pending const& pending = slot.pending;
+  std::string const name =
+      call.isOnce ? nameOf(call.module, call.method) : "module '" + call.module + "'";
+  std::string const mayHaveRun = call.isOnce ? "; the call may have run" : "";
+  if (mIsClosed) {
+    bool const isSent = slot.sentCount > 0;
+    fail("the way to robot '" + mRobot + "' was closed" +
+             (isSent ? " while " + name + " was called" + mayHaveRun : ""),
+         Kind::Disconnected);
+  }
+  if (!mInboxRefusal.empty()) {
+    fail("the server forbids to listen to replies: " + mInboxRefusal, Kind::Refused);
+  }
+  if (pending.refusal) {
+    fail("the server forbids to call " + name + ": " + *pending.refusal, Kind::Refused);
+  }
+  if (pending.reply.state() == KXPartCollector::State::Broken) {
+    fail("the reply of " + name + " cannot be read: " + pending.reply.fault(), Kind::Failed);
+  }
+  if (pending.hasNoResponders && (now >= slot.deadline || now >= mBackAt + kReturnGrace)) {
+    destination.isSilent = false;
+    destination.instance.clear();
+    if (pending.noRespondersCount == slot.sentCount || !call.isOnce) {
+      fail("nobody has module '" + call.module + "' on robot '" + mRobot + "'", Kind::NotFound);
+    }
+    fail("module '" + call.module + "' went away while it was called" + mayHaveRun,
+         Kind::Disconnected);
+  }
+  if (now < slot.deadline) return;
+  if (!std::exchange(destination.isSilent, true)) destination.silentSince = pending.startedAt;
+  destination.triedAt = now;
+  fail("no answer of " + name + " within " + std::to_string(inMs(now - pending.startedAt)) + " ms" +
+           (mWasLost ? ", the connection to " + mBus.address() + " is lost" : "") + mayHaveRun,
+       Kind::TimedOut);
+}
+
+// A call with little time does not wait for a module that let others wait in vain, but for one a
+// second. The caller holds mMutex.
+void KXCaller::Impl::xCheckSilence(Destination& destination, Call const& call,
+                                   Clock::time_point now) {
+  bool const hasLittleTime = call.timeoutMs > 0 && call.timeoutMs < mTimeoutMs;
+  if (!destination.isSilent || !hasLittleTime) return;
+  if (now >= destination.triedAt + kSilentRetry) {
+    destination.triedAt = now;
+    return;
+  }
+  fail("module '" + call.module + "' has not answered for " +
+           std::to_string(inMs(now - destination.silentSince)) + " ms",
+       Kind::TimedOut);
+}
+
+// The caller holds mMutex.
+KXBusHeaders KXCaller::Impl::xHeaders(Destination const& destination, Call const& call,
+                                      Slot const& slot) const {
+  if (!call.isOnce) return {};
+  KXBusHeaders headers{
+      {kCallHeader, formatCallId({destination.callerId, slot.number, destination.done()})}};
+  if (slot.sentCount > 0) {
+    headers.emplace_back(kAgainHeader,
+                         formatCallAgain({slot.instance, slot.pending.reply.nextPart()}));
+  }
+  if (call.isTask) headers.emplace_back(kTaskHeader, "1");
+  return headers;
+}
+
+void KXCaller::Impl::xSend(Call const& call, Slot& slot, KXBusHeaders headers,
+                           std::string_view payload) {
+  bool const isFirst = slot.sentCount == 0;
+  KXBusMessage const message{.subject = slot.subject,
+                             .reply = slot.replySubject,
+                             .headers = std::move(headers),
+                             .payload = payload};
+  if (isFirst) {
+    std::size_t const bytes = messageBytes(message) + kRepeatBytes;
+    if (bytes > mBus.maxPayload()) {
+      fail("the arguments of " + nameOf(call.module, call.method) + " take " +
+               std::to_string(slot.payload->size()) + " bytes, a message to robot '" + mRobot +
+               "' at most " + std::to_string(mBus.maxPayload()),
+           Kind::Failed);
+    }
+    if (!mBus.isConnected()) xFailAway(call);
+  }
+  try {
+    mBus.publish(message);
+  } catch (KXError const& error) {
+    if (isFirst && error.getKind() == Kind::Disconnected) xFailAway(call);
+    if (isFirst && error.getKind() == Kind::Failed) throw;
+    // It may have left; or it did so the first time, and the reply may still come.
+    if (error.getKind() == Kind::Disconnected) return;
+  }
+  ++slot.sentCount;
+}
+
+void KXCaller::Impl::xSendDone(Slot const& slot, Destination const& destination) {
+  KXBusMessage const message{
+      .subject = slot.subject,
+      .headers = {{kCallHeader, formatCallId({destination.callerId, slot.number, 0})},
+                  {kDoneHeader, "1"}}};
+  try {
+    mBus.publish(message);
+  } catch (KXError const&) {
+    // Then the next call says so, or time does.
+  }
+}
+
+void KXCaller::Impl::xLearnInstance(Destination& destination, KXValue const& found) {
+  if (found.getType() != KXValue::TypeString) {
+    throw KXError("KXBus", "decodeReply",
+                  "expected string, got " + KXValue::TypeToString(found.getType()), "bus/kxwire",
+                  0);
+  }
+  std::lock_guard const lock(mMutex);
+  destination.instance = static_cast<std::string const&>(found);
+}
+
+void KXCaller::Impl::xFailAway(Call const& call) const {
+  fail("no connection to " + mBus.address() + ", cannot call " + nameOf(call.module, call.method),
+       Kind::Disconnected);
+}
+
+// The caller holds mMutex.
+std::shared_ptr<Destination> KXCaller::Impl::xDestination(std::string const& module) {
+  std::shared_ptr<Destination>& found = mDestinations[module];
+  if (!found) {
+    found = std::make_shared<Destination>();
+    found->module = module;
+    found->index = ++mLastIndex;
+    mByIndex[found->index] = found;
+  }
+  std::shared_ptr<Destination> destination = found;
+  destination->usedAt = Clock::now();
+  if (mDestinations.size() > kMaxDestinations) xForgetDestination(*destination);
+  return destination;
+}
+
+// The one that was not used for longest. The caller holds mMutex.
+void KXCaller::Impl::xForgetDestination(Destination const& spared) {
+  auto oldest = mDestinations.end();
+  for (auto it = mDestinations.begin(); it != mDestinations.end(); ++it) {
+    // A call holds a share from its beginning to its end.
+    bool const isUsed = it->second.use_count() > 2;
+    if (isUsed || it->second.get() == &spared) continue;
+    if (oldest == mDestinations.end() || it->second->usedAt < oldest->second->usedAt) oldest = it;
+  }
+  if (oldest == mDestinations.end()) return;
+  mByIndex.erase(oldest->second->index);
+  mDestinations.erase(oldest);
+}
+
+std::shared_ptr<Method> KXCaller::Impl::xMethod(Destination& destination, Call const& call) {
+  std::lock_guard const lock(mMutex);
+  auto const found = destination.methods.find(call.method);
+  if (found != destination.methods.end()) return found->second;
+  auto method = std::make_shared<Method>();
+  method->subject = isInOwnName(call.module, call.method)
+                        ? mSubjects.callFrom(mBus.user(), call.module, call.method)
+                        : mSubjects.call(parseAddress(call.module), call.method);
+  if (destination.methods.size() >= kMaxMethods) destination.methods.clear();
+  destination.methods[call.method] = method;
+  return method;
+}
+
+void KXCaller::Impl::xOnReply(KXBusMessage const& message) {
+  std::string_view const token = message.subject.substr(mInbox.size());
+  std::uint64_t index = 0;
+  std::uint64_t number = 0;
+  char const* const end = token.data() + token.size();
+  auto const first = std::from_chars(token.data(), end, index);
+  if (first.ec != std::errc() || first.ptr == end || *first.ptr != '-') return;
+  if (std::from_chars(first.ptr + 1, end, number).ec != std::errc()) return;
+
+  std::lock_guard const lock(mMutex);
+  auto const found = mByIndex.find(index);
+  if (found == mByIndex.end()) return;
+  Destination& destination = *found->second;
+  if (!message.isNoResponders) {
+    // Also if nobody waits for it any more.
+    destination.isSilent = false;
+    std::string_view const instance = message.header(kInstanceHeader);
+    if (!instance.empty()) destination.instance = instance;
+  }
+  auto const waiting = destination.pending.find(number);
+  if (waiting == destination.pending.end()) return;
+  Pending& pending = *waiting->second;
+  pending.heardAt = Clock::now();
+  if (message.isNoResponders) {
+    pending.hasNoResponders = true;
+    ++pending.noRespondersCount;
+  } else {
+    if (pending.reply.state() != KXPartCollector::State::Complete) {
+      pending.errorCode = message.header(kErrorCodeHeader);
+    }
+    pending.reply.take(message.header(kPartHeader), message.payload);
+    if (pending.reply.state() == KXPartCollector::State::Waiting) return;
+  }
+  pending.changed.notify_one();
+}
+
+void KXCaller::Impl::xOnEvent(KXBusEvent const& event) {
+  std::lock_guard const lock(mMutex);
+  bool const isBack = event.kind == KXBusEvent::Kind::Back;
+  bool const isRefused = event.kind == KXBusEvent::Kind::Refused;
+  if (event.kind == KXBusEvent::Kind::Lost) mWasLost = true;
+  if (isBack) {
+    mWasLost = false;
+    mBackAt = Clock::now();
+    mInboxRefusal.clear();
+  }
+  if (isRefused && !event.isPublishing && event.subject == mInbox + "*") {
+    mInboxRefusal = event.text.empty() ? event.subject : event.text;
+  }
+  if (!isBack && !isRefused) return;
+  for (auto const& [index, destination] : mByIndex) {
+    if (isBack) destination->isSilent = false;
+    for (auto const& [number, pending] : destination->pending) {
+      if (isBack) pending->isBack = true;
+      if (isRefused && event.isPublishing && event.subject == *pending->subject) {
+        pending->refusal = event.text.empty() ? event.subject : event.text;
+      }
+      pending->changed.notify_one();
+    }
+  }
+}
+
+bool KXCaller::Impl::wait(std::string const& module, int taskId, int timeoutMs) {
+  auto const deadline = Clock::now() + milliseconds(timeoutMs);
+  for (bool isFirst = true;; isFirst = false) {
+    int sliceMs = kWaitSliceMs;
+    if (timeoutMs != 0) {
+      auto const leftMs = inMs(deadline - Clock::now()) + 1;
+      sliceMs = static_cast<int>(std::clamp<std::int64_t>(leftMs, 1, kWaitSliceMs));
+    }
+    KXValue const params = KXValue::arrayOf(taskId, sliceMs);
+    try {
+      if (static_cast<bool>(call({module, kWaitMethod, params, sliceMs + mTimeoutMs}))) return true;
+    } catch (KXError const& error) {
+      if (isFirst || error.getKind() != Kind::NotFound) throw;
+      fail("module '" + module + "' went away while its parallel call " + std::to_string(taskId) +
+               " was waited for",
+           Kind::Disconnected);
+    }
+    if (timeoutMs != 0 && Clock::now() >= deadline) return false;
+  }
+}
+
+// ---- the class itself
+
+KXCaller::KXCaller(KXBus& bus, KXSubjects subjects, std::string robot, int timeoutMs)
+    : mImpl(new Impl(bus, std::move(subjects), std::move(robot), timeoutMs)) {}
+
+KXCaller::~KXCaller() = default;
+
+void KXCaller::call(std::string const& module, std::string const& method, KXValue const& params,
+                    KXValue& result, int timeoutMs) {
+  result = mImpl->call({module, method, params, timeoutMs});
+}
+
+void KXCaller::pCall(std::string const& module, std::string const& method, KXValue const& params,
+                     KXValue& result) {
+  result = mImpl->call({.module = module, .method = method, .params = params, .isTask = true});
+}
+
+bool KXCaller::isRunning(std::string const& module, int taskId) {
+  KXValue const params = KXValue::arrayOf(taskId);
+  return static_cast<bool>(mImpl->call({module, kIsRunningMethod, params}));
+}
+
+bool KXCaller::wait(std::string const& module, int taskId, int timeoutMs) {
+  return mImpl->wait(module, taskId, timeoutMs);
+}
+
+void KXCaller::find(std::string const& module) {
+  KXValue const params = KXValue::arrayOf();
+  mImpl->call({.module = module, .method = kFindMethod, .params = params, .isOnce = false});
+}
+
+KXModuleInfo KXCaller::describe(std::string const& module) {
+  KXValue const params = KXValue::arrayOf();
+  return moduleInfoFromValue(
+      mImpl->call({.module = module, .method = kDescribeMethod, .params = params}));
+}
+
+void KXCaller::close() {
+  mImpl->close();
+}
+
+}  // namespace KX

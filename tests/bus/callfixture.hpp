@@ -1,0 +1,191 @@
+// A robot with a callee and a caller, each with a connection of its own to one bus.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <utility>
+
+#include <host/bus/kxcaller.hpp>
+#include <host/bus/kxmemorybus.hpp>
+#include <host/bus/kxserver.hpp>
+#include <kxerror/kxerror.hpp>
+#include <tests/support/parkinggate.hpp>
+#include <tests/support/testhost.hpp>
+
+#include <gtest/gtest.h>
+
+namespace KX::testing {
+
+using Clock = std::chrono::steady_clock;
+
+inline std::int64_t msSince(Clock::time_point begin) {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin).count();
+}
+
+/// Waits until the condition holds; false after 30 s.
+inline bool waitUntil(std::function<bool()> const& condition) {
+  auto const end = Clock::now() + std::chrono::seconds(30);
+  while (!condition()) {
+    if (Clock::now() > end) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
+/// How a call ended: its result, or its error.
+struct Outcome {
+  KXValue result{};
+  std::optional<KXError> error{};
+  std::int64_t tookMs = 0;
+
+  std::string text() const { return error ? error->what() : result.toString(1); }
+  KXError::Kind kind() const {
+    if (error) return error->getKind();
+    ADD_FAILURE() << "no error, but " << result.toString(1);
+    return KXError::Kind::Failed;
+  }
+};
+
+inline Outcome outcomeOf(std::function<KXValue()> const& step) {
+  Outcome outcome;
+  auto const begin = Clock::now();
+  try {
+    outcome.result = step();
+  } catch (KXError const& error) {
+    outcome.error = error;
+  }
+  outcome.tookMs = msSince(begin);
+  return outcome;
+}
+
+/// One process with modules, of which "Module" answers
+///   echo(...): the arguments; count(key): how often it was called so; twice(text): the text twice;
+///   fill(bytes): binary data; fail(text), failStd(text): throws; park(): waits at the gate.
+class Callee {
+ public:
+  Callee(KXBus& bus, std::string const& brokerName = "callee", KXServerOptions options = {})
+      : host(brokerName) {
+    host.publishScript("Module", [this](std::string const& method, KXValue const& params) {
+      return xAnswer(method, params);
+    });
+    server = std::make_unique<KXServer>(bus, host.getBroker(), KXSubjects("r"), options);
+    server->serve("Module");
+  }
+  ~Callee() { gate.open(); }
+
+  int runs(int key) const {
+    std::lock_guard const lock(mMutex);
+    auto const found = mRuns.find(key);
+    return found == mRuns.end() ? 0 : found->second;
+  }
+  int totalRuns() const {
+    std::lock_guard const lock(mMutex);
+    int total = 0;
+    for (auto const& [key, count] : mRuns) total += count;
+    return total;
+  }
+  int mostRuns() const {
+    std::lock_guard const lock(mMutex);
+    int most = 0;
+    for (auto const& [key, count] : mRuns) most = std::max(most, count);
+    return most;
+  }
+
+  TestHost host;
+  ParkingGate gate;
+  std::unique_ptr<KXServer> server;
+
+ private:
+  KXValue xAnswer(std::string const& method, KXValue const& params) {
+    if (method == "echo") return params;
+    if (method == "count") {
+      std::lock_guard const lock(mMutex);
+      return ++mRuns[static_cast<int>(params[0])];
+    }
+    if (method == "fill") {
+      std::lock_guard const lock(mMutex);
+      ++mRuns[0];
+      std::string bytes(static_cast<std::size_t>(static_cast<int>(params[0])), '\0');
+      for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<char>(i % 251);
+      return KXValue::binary(std::move(bytes));
+    }
+    if (method == "park") {
+      gate.pass();
+      return true;
+    }
+    if (method == "nothing") return {};
+    if (method == "fail") {
+      throw KXError("Deep", "down", static_cast<std::string const&>(params[0]), "deep/down", 42,
+                    KXError::Kind::NotFound);
+    }
+    if (method == "failStd") throw std::runtime_error(static_cast<std::string const&>(params[0]));
+    if (method == "failInt") throw 5;
+    throw KXError("Module", "execute", "unknown method '" + method + "'", "", 0,
+                  KXError::Kind::NotFound);
+  }
+
+  mutable std::mutex mMutex;
+  std::map<int, int> mRuns;  // guarded by mMutex
+};
+
+/// A network in memory, a callee that serves "Module", and a caller with a time-out of 5 s.
+class CallTest : public ::testing::Test {
+ protected:
+  explicit CallTest(std::size_t maxPayload = 1024 * 1024)
+      : network(KXBusNetwork::Pacing::Threaded, maxPayload),
+        calleeBus(network.connect()),
+        callerBus(network.connect("viewer")) {
+    callee = std::make_unique<Callee>(*calleeBus);
+    newCaller(5000);
+  }
+
+  void newCaller(int timeoutMs) {
+    caller.reset();
+    caller = std::make_unique<KXCaller>(*callerBus, KXSubjects("r"), "r", timeoutMs);
+  }
+  template <class... P>
+  Outcome call(std::string const& method, P const&... arguments) {
+    return callFor(0, method, arguments...);
+  }
+  template <class... P>
+  Outcome callFor(int timeoutMs, std::string const& method, P const&... arguments) {
+    return callModule("Module", timeoutMs, method, KXValue::arrayOf(KXValue(arguments)...));
+  }
+  Outcome callModule(std::string const& module, int timeoutMs, std::string const& method,
+                     KXValue const& params) {
+    return outcomeOf([&] {
+      KXValue result;
+      caller->call(module, method, params, result, timeoutMs);
+      return result;
+    });
+  }
+
+  /// Loses so many of the messages that the condition holds for.
+  void lose(int count, std::function<bool(KXBusMessage const&)> condition) {
+    auto const left = std::make_shared<int>(count);
+    network.setFaults([left, condition = std::move(condition)](KXBusTransfer const& transfer) {
+      if (*left == 0 || !condition(transfer.message)) return KXBusFate{};
+      --*left;
+      return KXBusFate{.delaysUs = {}};
+    });
+  }
+  static bool isRequest(KXBusMessage const& message) {
+    return !message.header(kCallHeader).empty() && message.header(kDoneHeader).empty();
+  }
+  static bool isReply(KXBusMessage const& message) { return message.subject.starts_with("_INBOX"); }
+
+  KXBusNetwork network;
+  std::unique_ptr<KXBus> calleeBus;
+  std::unique_ptr<KXBus> callerBus;
+  std::unique_ptr<Callee> callee;
+  std::unique_ptr<KXCaller> caller;
+};
+
+}  // namespace KX::testing
