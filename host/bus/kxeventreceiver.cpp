@@ -93,7 +93,7 @@ class Served {
     } catch (KXError const& error) {
       // It is not to come again and again: what it held is given up.
       mUnhandled += header.count - from;
-      for (std::uint32_t i = from; i < header.count; ++i) stream.onHandled();
+      stream.onHandled(header.count - from);
       return mMalformed.tell(
           [&] { return "a pack for module '" + mName + "' cannot be read: " + messageOf(error); });
     }

@@ -127,7 +127,7 @@ class KX_API KXPackReceiver {
   };
   /// Then the notifications are handled, each followed by onHandled(), and the sender gets ack().
   Arrival onPack(KXPackHeader const& header);
-  void onHandled() noexcept { ++mNext; }
+  void onHandled(std::uint32_t count = 1) noexcept { mNext += count; }
   KXPackAck ack() const { return {mEpoch, mNext, mIsGap}; }
 
  private:
