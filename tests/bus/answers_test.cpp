@@ -122,6 +122,25 @@ TEST_F(Answers, ToEventsGoToInboxesOnly) {
   }
 }
 
+TEST_F(Answers, OfMethodsGoToInboxesOnly) {
+  TestHost host;
+  int calls = 0;
+  host.publishScript("Arm", [&](auto const&, auto const&) { return KXValue(++calls); });
+  KXServer server(*mBus, host.getBroker(), mSubjects, {.threads = 1});
+  server.serve("Arm");
+  server.serveBroker("any", "1f");
+
+  for (char const* const subject : kNoInboxes) {
+    for (char const* const question :
+         {"kx.r1.Arm.move", "kx.r1.Arm.@find", "kx.r1.Arm.@describe", "kx.r1.@at.any.1f.Arm.move"})
+      expectNoAnswerTo(mNetwork, {.subject = question}, subject);
+    expectNoAnswerTo(
+        mNetwork,
+        {.subject = "kx.r1.Arm.move", .headers = {{kCallHeader, "not.a.call"}}, .payload = "\x90"},
+        subject);
+  }
+}
+
 TEST(Inbox, BeginsAsTheServersRulesHaveIt) {
   EXPECT_TRUE(isInbox("_INBOX.abc"));
   EXPECT_TRUE(isInbox("_INBOX_viewer.abc"));
