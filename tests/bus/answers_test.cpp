@@ -25,6 +25,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
+using testing::TestHost;
+
 constexpr char kInbox[] = "_INBOX_viewer.1";
 char const* const kNoInboxes[] = {"kx.r1.KXMemory.insertData",
                                   "kx.r1.@events.KXMemoryWatcher",
@@ -87,7 +89,8 @@ class Answers : public ::testing::Test {
 
 TEST_F(Answers, OfServicesGoToInboxesOnly) {
   KXServiceIdentity const identity{"r1", "any.1f", "0123abcd", {}};
-  KXService const service(*mBus, identity, {.name = "Arm"},
+  KXService const service(*mBus, identity,
+                          {.name = "Arm", .description = "", .version = "", .methods = {}},
                           [] { return std::vector<KXMethodStatistics>(); });
 
   for (char const* const subject : kNoInboxes) {
