@@ -60,12 +60,19 @@ try {
   // [use]
   for (const { module, methods } of await modules()) console.log(`${module}: ${methods} methods`);
 
-  for (const key of await call("KXMemory", "getKeys", "Host/Load/*")) {
-    console.log(`${key} = ${await call("KXMemory", "getData", key)}`);
-  }
+  const keys = await call("KXMemory", "getKeys", "Host/Load/*");
+  for (const key of keys) console.log(`${key} = ${await call("KXMemory", "getData", key)}`);
 
-  // Of each key: its name, and its samples as [[seconds, microseconds], value].
-  for (const [key, samples] of await call("KXMemoryWatcher", "getData")) {
+  // The robot's watcher is everybody's: what it is given is taken back.
+  await call("KXMemoryWatcher", "addListeners", keys);
+  await call("KXMemoryWatcher", "startWatching", 100);
+  await new Promise((wake) => setTimeout(wake, 1000));
+  await call("KXMemoryWatcher", "stopWatching");
+  const data = await call("KXMemoryWatcher", "getData");
+  await call("KXMemoryWatcher", "removeListeners", keys);
+
+  // Of each key: its name, and its samples, oldest first, as [[seconds, microseconds], value].
+  for (const [key, samples] of data) {
     for (const [[seconds, microseconds], value] of samples) {
       console.log(`${new Date(seconds * 1000 + microseconds / 1000).toISOString()} ${key} ${value}`);
     }

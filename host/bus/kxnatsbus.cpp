@@ -73,7 +73,8 @@ class Watch {
     auto const lostMs =
         std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - mLostAt).count();
     mLastTrouble.clear();
-    ka::log::LogStream(ka::log::Info, "KXBus", "", "back", 0)
+    // As loud as the loss: whoever read of that is to learn that it is over.
+    ka::log::LogStream(ka::log::Warning, "KXBus", "", "back", 0)
         << "the bus at '" << mAddress << "' is back after " << lostMs << " ms";
     mObservers.tell({KXBusEvent::Kind::Back});
   }
