@@ -183,7 +183,7 @@ TEST_P(Role, DoesWhatItIsAllowedAndNothingElse) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Users, Role, ::testing::Values("host", "module", "viewer", "operator"),
-                         [](auto const& info) { return info.param; });
+                         [](auto const& role) { return role.param; });
 
 TEST(Responses, MayBeAsManyAsAReplyHasPartsAndNotMore) {
   RobotServer server;

@@ -231,7 +231,7 @@ TEST_F(Secrets, AreInNothingThatProgramsPrint) {
 }
 
 TEST_F(Secrets, AreNotAcceptedWhereOthersSeeThem) {
-  for (std::string const user :
+  for (std::string const& user :
        {std::string(kPassword) + "@", std::string("viewer:") + kPassword + "@",
         std::string(kToken) + "@"}) {
     ChildProcess child({KX_BIN_DIR "/kx", "list"}, {{"KX_BUS", "nats://" + user + "127.0.0.1"}});
