@@ -1,12 +1,15 @@
 #include <host/bus/kxnatsbus.hpp>
 
-#include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <cstdlib>
+#include <deque>
 #include <map>
 #include <mutex>
-#include <string_view>
+#include <optional>
+#include <string>
+#include <thread>
 #include <utility>
 
 #include <nats/nats.h>
@@ -26,6 +29,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr int kMaxPendingBytes = 256 * 1024 * 1024;
+/// A server that does not answer for so long after a connection is lost again: pings say so before.
+constexpr std::int64_t kBackTimeoutMs = 10'000;
 /// Of one wait for a message; ending the subscription ends it too.
 constexpr std::int64_t kWaitMs = 3'600'000;
 
@@ -52,56 +57,122 @@ std::optional<KXBusEvent> parseRefusal(std::string const& text) {
   return event;
 }
 
-/// Receives the library's callbacks, which come on one thread for all connections of the process.
+/// Tells observers on a thread of its own: the library's callbacks come on one thread for all
+/// connections of the process, which nobody may hold up.
 class Watch {
  public:
   explicit Watch(std::string address) : mAddress(std::move(address)) {}
+  ~Watch() { join(); }
 
   KXBusObservers& observers() { return mObservers; }
+  void start(natsConnection* connection) {
+    std::lock_guard const lock(mMutex);
+    mConnection = connection;
+    mThread = std::thread([this] { xRun(); });
+  }
   /// What the library says from now on is our own doing.
-  void close() { mIsClosing = true; }
+  void close() {
+    std::lock_guard const lock(mMutex);
+    mIsClosing = true;
+    mChanged.notify_all();
+  }
+  /// After close().
+  void join() {
+    if (mThread.joinable()) mThread.join();
+  }
 
-  void lost() {
-    if (mIsClosing) return;
-    mLostAt = Clock::now();
-    ka::log::LogStream(ka::log::Warning, "KXBus", "", "lost", 0)
-        << "lost the bus at '" << mAddress << "', trying again";
-    mObservers.tell({KXBusEvent::Kind::Lost});
-  }
-  void back() {
-    if (mIsClosing) return;
-    auto const lostMs =
-        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - mLostAt).count();
-    mLastTrouble.clear();
-    // As loud as the loss: whoever read of that is to learn that it is over.
-    ka::log::LogStream(ka::log::Warning, "KXBus", "", "back", 0)
-        << "the bus at '" << mAddress << "' is back after " << lostMs << " ms";
-    mObservers.tell({KXBusEvent::Kind::Back});
-  }
+  // ---- for the library's thread
+
+  void lost() { xPut({KXBusEvent::Kind::Lost}); }
+  void back() { xPut({KXBusEvent::Kind::Back}); }
   void failed(natsSubscription* subscription, natsStatus status, std::string const& text) {
-    if (mIsClosing) return;
     if (status == NATS_SLOW_CONSUMER) {
       char const* const subject = natsSubscription_GetSubject(subscription);
-      mObservers.tell({.kind = KXBusEvent::Kind::Dropped,
-                       .subject = subject == nullptr ? "" : subject,
-                       .isPublishing = false,
-                       .text = "more than 256 MB were waiting"});
-    } else if (auto const refusal = parseRefusal(text)) {
-      mObservers.tell(*refusal);
-    } else if (text != mLastTrouble) {
-      mLastTrouble = text;
-      ka::log::LogStream(ka::log::Warning, "KXBus", "", "failed", 0)
-          << "trouble with the bus at '" << mAddress << "': " << text;
+      xPut({.kind = KXBusEvent::Kind::Dropped,
+            .subject = subject == nullptr ? "" : subject,
+            .isPublishing = false,
+            .text = "more than 256 MB were waiting"});
+    } else if (auto refusal = parseRefusal(text)) {
+      xPut(std::move(*refusal));
+    } else {
+      xLogTrouble(text);
     }
+  }
+  /// The library tries no more: twice the same refusal while it came back.
+  void closed() {
+    {
+      std::lock_guard const lock(mMutex);
+      if (mIsClosing) return;
+    }
+    ka::log::LogStream(ka::log::Error, "KXBus", "", "closed", 0)
+        << "the bus at '" << mAddress
+        << "' lets this process in no more, it has to be started again when that is mended";
   }
 
  private:
+  void xPut(KXBusEvent event) {
+    std::lock_guard const lock(mMutex);
+    mEvents.push_back({std::move(event), Clock::now()});
+    mChanged.notify_all();
+  }
+  void xLogTrouble(std::string const& text) {
+    {
+      std::lock_guard const lock(mMutex);
+      if (mIsClosing || text == mLastTrouble) return;
+      mLastTrouble = text;
+    }
+    ka::log::LogStream(ka::log::Warning, "KXBus", "", "failed", 0)
+        << "trouble with the bus at '" << mAddress << "': " << text;
+  }
+
+  void xRun() {
+    std::unique_lock lock(mMutex);
+    while (true) {
+      mChanged.wait(lock, [this] { return !mEvents.empty() || mIsClosing; });
+      if (mIsClosing) return;
+      auto const [event, time] = std::move(mEvents.front());
+      mEvents.pop_front();
+      lock.unlock();
+      ka::log::runLogged("KXBus", "tell", "an event could not be told",
+                         [&] { xTell(event, time); });
+      lock.lock();
+    }
+  }
+  void xTell(KXBusEvent const& event, Clock::time_point time) {
+    if (event.kind == KXBusEvent::Kind::Lost) {
+      if (mIsLost) return;
+      mIsLost = true;
+      mLostAt = time;
+      ka::log::LogStream(ka::log::Warning, "KXBus", "", "lost", 0)
+          << "lost the bus at '" << mAddress << "', trying again";
+    } else if (event.kind == KXBusEvent::Kind::Back) {
+      // The server has to have the subscriptions. If it is lost again meanwhile, it was not back.
+      if (natsConnection_FlushTimeout(mConnection, kBackTimeoutMs) != NATS_OK) return;
+      mIsLost = false;
+      auto const lost = std::chrono::duration_cast<std::chrono::milliseconds>(time - mLostAt);
+      {
+        std::lock_guard const lock(mMutex);
+        mLastTrouble.clear();
+      }
+      ka::log::LogStream(ka::log::Info, "KXBus", "", "back", 0)
+          << "the bus at '" << mAddress << "' is back after " << lost.count() << " ms";
+    }
+    mObservers.tell(event);
+  }
+
   std::string const mAddress;
   KXBusObservers mObservers;
-  std::atomic<bool> mIsClosing{false};
-  // Of the callbacks' thread:
+  natsConnection* mConnection = nullptr;
+  std::thread mThread;
+  // Of mThread:
+  bool mIsLost = false;
   Clock::time_point mLostAt{};
-  std::string mLastTrouble{};
+
+  std::mutex mMutex;
+  std::condition_variable mChanged;
+  std::deque<std::pair<KXBusEvent, Clock::time_point>> mEvents;  // guarded by mMutex
+  bool mIsClosing = false;                                       // guarded by mMutex
+  std::string mLastTrouble{};                                    // guarded by mMutex
 };
 
 /// The library calls back even after a connection was destroyed, so it is given a number and not
@@ -144,6 +215,9 @@ void onLost(natsConnection* /*connection*/, void* closure) {
 }
 void onBack(natsConnection* /*connection*/, void* closure) {
   withWatch(closure, [](Watch& watch) { watch.back(); });
+}
+void onClosed(natsConnection* /*connection*/, void* closure) {
+  withWatch(closure, [](Watch& watch) { watch.closed(); });
 }
 void onError(natsConnection* connection, natsSubscription* subscription, natsStatus status,
              void* closure) {
@@ -304,9 +378,11 @@ class NatsBus : public KXBus {
  public:
   explicit NatsBus(KXBusOptions const& options) : NatsBus(makeNatsOptions(options)) {}
   ~NatsBus() override {
-    mWatch->close();
     mRetired.end();
+    mWatch->close();
+    // Ends what the watch may wait for.
     natsConnection_Close(mConnection.get());
+    mWatch->join();
   }
 
   void publish(KXBusMessage const& message) override {
@@ -382,6 +458,7 @@ class NatsBus : public KXBus {
     auto* const given = options.options.get();
     natsOptions_SetDisconnectedCB(given, onLost, mClosure);
     natsOptions_SetReconnectedCB(given, onBack, mClosure);
+    natsOptions_SetClosedCB(given, onClosed, mClosure);
     natsOptions_SetErrorHandler(given, onError, mClosure);
     natsConnection* made = nullptr;
     auto const status = natsConnection_Connect(&made, given);
@@ -391,6 +468,7 @@ class NatsBus : public KXBus {
           "connect",
           "cannot connect to the bus at '" + mAddress + "': " + describeNatsStatus(status),
           kindOf(status));
+    mWatch->start(mConnection.get());
   }
   void xCheckConnected(char const* method) const {
     if (!isConnected())

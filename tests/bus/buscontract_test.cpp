@@ -177,17 +177,13 @@ TEST_P(BusContract, WildcardsStandForTokens) {
     SCOPED_TRACE(each.pattern);
     Inbox inbox;
     auto const listening = listen(*bus, each.pattern, inbox.handler());
-    Inbox ended;
-    auto const listeningToEnd = listen(*bus, "the.end", ended.handler());
 
     for (auto const& subject : subjects) bus->publish({.subject = subject, .payload = subject});
-    auto got = inbox.payloads(each.matching.size());
-    bus->publish({.subject = "the.end"});
-    ended.waitFor(1);
+    bus->publish({.subject = each.matching[0], .payload = "end"});
 
-    got.resize(std::min(got.size(), each.matching.size()));
-    EXPECT_EQ(got, each.matching);
-    EXPECT_EQ(inbox.size(), each.matching.size() + (each.pattern == std::string(">") ? 1 : 0));
+    auto expected = each.matching;
+    expected.push_back("end");
+    EXPECT_EQ(inbox.payloads(expected.size()), expected);
   }
 }
 
@@ -588,11 +584,14 @@ TEST_P(BusContract, AllComeBackWhenTheServerDoes) {
     mWorld->startServer();
     ASSERT_EQ(events.waitFor(before + 2).size(), before + 2);
     ASSERT_EQ(otherEvents.waitFor(before + 2).size(), before + 2);
+    EXPECT_TRUE(bus->isConnected());
     other->publish({.subject = "s", .payload = std::to_string(i)});
     ASSERT_EQ(inbox.waitFor(static_cast<std::size_t>(i) + 1).size(),
               static_cast<std::size_t>(i) + 1);
   }
   EXPECT_THAT(inbox.payloads(3), ElementsAre("0", "1", "2"));
+  EXPECT_EQ(events.waitFor(6).size(), 6U);
+  EXPECT_EQ(otherEvents.waitFor(6).size(), 6U);
 }
 
 TEST_P(BusContract, HandlerOfAnEventMayUseTheBus) {

@@ -115,6 +115,9 @@ void NatsServer::kill() {
 
 void NatsServer::hang() {
   ::kill(mPid, SIGSTOP);
+  // It stops when it gets to it.
+  int status = 0;
+  ::waitpid(mPid, &status, WUNTRACED);
 }
 
 void NatsServer::goOn() {
