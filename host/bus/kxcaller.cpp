@@ -352,7 +352,7 @@ KXCaller::Impl::Answer KXCaller::Impl::xAwait(Destination& destination, Call con
       lock.unlock();
       xSend(call, slot, std::move(headers), hasPart ? std::string_view() : *slot.payload);
       lock.lock();
-      repeatAt = now + interval;
+      repeatAt = now + (isAsking ? kFirstRepeat : interval);
       if (!isAsking) interval = std::min(2 * interval, kLongestRepeat);
       continue;
     }

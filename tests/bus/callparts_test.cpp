@@ -1,0 +1,198 @@
+// Replies that take more than one message.
+#include <tests/bus/callfixture.hpp>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <host/bus/kxwire.hpp>
+
+namespace KX {
+namespace {
+
+using Kind = KXError::Kind;
+using testing::Callee;
+using testing::Outcome;
+using testing::waitUntil;
+
+// What "fill" answers.
+std::string filled(int size) {
+  std::string bytes(static_cast<std::size_t>(size), '\0');
+  for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<char>(i % 251);
+  return bytes;
+}
+
+class CallPartsTest : public testing::CallTest {
+ protected:
+  // Parts of 8 KB.
+  CallPartsTest() : CallTest(16 * 1024) { call("echo"); }
+
+  void expectWhole(Outcome const& outcome, int size) {
+    ASSERT_FALSE(outcome.error) << outcome.text();
+    EXPECT_TRUE(outcome.result.getBinary() == filled(size));
+    EXPECT_EQ(callee->runs(0), 1);
+  }
+  static bool isPart(KXBusMessage const& message, std::string const& index) {
+    return message.header(kPartHeader).starts_with(index + ".");
+  }
+  bool isNothingKept() const {
+    auto const counts = callee->server->counts();
+    return counts.bytes == 0 && counts.kept == 0 && counts.running == 0;
+  }
+};
+
+TEST_F(CallPartsTest, ArriveWhole) {
+  std::atomic<int> partCount = 0;
+  network.setFaults([&](KXBusTransfer const& transfer) {
+    if (!transfer.message.header(kPartHeader).empty()) ++partCount;
+    return KXBusFate{};
+  });
+
+  Outcome const outcome = call("fill", 300'000);
+
+  expectWhole(outcome, 300'000);
+  EXPECT_EQ(partCount, 25) << "12 288 bytes each";
+  EXPECT_LT(outcome.tookMs, 400) << "without a repeat";
+}
+
+TEST_F(CallPartsTest, AreReleasedWhenTheyHaveArrived) {
+  for (int i = 0; i < 3; ++i) call("fill", 100'000);
+
+  EXPECT_TRUE(waitUntil([this] { return callee->server->counts().bytes < 1000; }))
+      << callee->server->counts().bytes;
+}
+
+TEST_F(CallPartsTest, ThatGetLostAreSentAgain) {
+  for (char const* index : {"0", "3", "7", "8", "24"}) {
+    SCOPED_TRACE(index);
+    callee = std::make_unique<Callee>(*calleeBus);
+    newCaller(5000);
+    call("echo");
+    lose(1, [index](auto const& message) { return isPart(message, index); });
+
+    Outcome const outcome = call("fill", 300'000);
+
+    expectWhole(outcome, 300'000);
+    EXPECT_LT(outcome.tookMs, 1000);
+  }
+}
+
+TEST_F(CallPartsTest, SurviveALostQuestionForMore) {
+  lose(1, [](auto const& message) { return message.header(kAgainHeader).ends_with(".8"); });
+
+  expectWhole(call("fill", 300'000), 300'000);
+}
+
+TEST_F(CallPartsTest, SurviveLossDelayAndRepetition) {
+  for (std::uint32_t seed = 1; seed <= 5; ++seed) {
+    SCOPED_TRACE(seed);
+    callee = std::make_unique<Callee>(*calleeBus);
+    newCaller(20'000);
+    call("echo");
+    network.setFaults(KXBusNetwork::randomFaults(
+        seed, {.loss = 0.05, .duplicate = 0.1, .overtaken = 0.1, .maxDelayUs = 500}));
+
+    expectWhole(call("fill", 300'000), 300'000);
+    network.setFaults({});
+  }
+}
+
+TEST_F(CallPartsTest, GoOnAfterACut) {
+  std::thread mender;
+  network.setFaults([&, isFirst = true](KXBusTransfer const& transfer) mutable {
+    if (!isFirst || !isPart(transfer.message, "12")) return KXBusFate{};
+    isFirst = false;
+    mender = std::thread([this] {
+      network.cut(*callerBus);
+      network.mend(*callerBus);
+    });
+    return KXBusFate{.delaysUs = {}};
+  });
+
+  expectWhole(call("fill", 300'000), 300'000);
+  mender.join();
+}
+
+TEST_F(CallPartsTest, AreReleasedWhenTheirCallerBreaksOff) {
+  lose(-1, [](auto const& message) { return isPart(message, "5"); });
+  EXPECT_EQ(callFor(200, "fill", 300'000).kind(), Kind::TimedOut);
+  EXPECT_GT(callee->server->counts().bytes, 300'000U);
+  network.setFaults({});
+
+  call("echo");
+
+  EXPECT_LT(callee->server->counts().bytes, 1000U) << "the next call says that nobody waits";
+}
+
+TEST_F(CallPartsTest, AreReleasedWithTimeIfTheirCallerIsGone) {
+  callee.reset();
+  callee = std::make_unique<Callee>(*calleeBus, "callee", KXServerOptions{.kept = {.keepMs = 200}});
+  lose(-1, [](auto const& message) { return isPart(message, "5"); });
+  EXPECT_EQ(callFor(100, "fill", 300'000).kind(), Kind::TimedOut);
+
+  caller.reset();
+
+  EXPECT_TRUE(waitUntil([this] { return isNothingKept(); }));
+  EXPECT_THAT(callee->host.getLogged(),
+              ::testing::Contains(::testing::Field(
+                  &LogLine::text,
+                  "a reply of 'Module.fill', 300007 bytes, was given up before its "
+                  "caller had it: nobody came for it in time")));
+}
+
+TEST_F(CallPartsTest, TellWhatBecameOfThemWhenTheyAreGone) {
+  callee.reset();
+  callee = std::make_unique<Callee>(*calleeBus, "callee", KXServerOptions{.kept = {.keepMs = 100}});
+  call("echo");
+  lose(-1, [](auto const& message) { return isPart(message, "5"); });
+
+  Outcome const outcome = call("fill", 300'000);
+
+  EXPECT_EQ(outcome.kind(), Kind::Failed);
+  EXPECT_EQ(outcome.text(), "the reply of 'Module.fill' is gone; the call may have run");
+}
+
+TEST_F(CallPartsTest, ErrorsMayHaveThemToo) {
+  Outcome const outcome = call("fail", std::string(10'000, 'x'));
+  Outcome const larger = call("failStd", std::string(12'000, 'y'));
+
+  EXPECT_EQ(outcome.kind(), Kind::NotFound);
+  EXPECT_EQ(outcome.text(), std::string(10'000, 'x'));
+  EXPECT_EQ(larger.text(), std::string(12'000, 'y'));
+}
+
+// With the limits that a server has by itself.
+class CallLargePartsTest : public testing::CallTest {};
+
+TEST_F(CallLargePartsTest, MakeTwentyMegabytes) {
+  Outcome const outcome = call("fill", 20'000'000);
+
+  ASSERT_FALSE(outcome.error) << outcome.text();
+  EXPECT_TRUE(outcome.result.getBinary() == filled(20'000'000));
+  EXPECT_TRUE(waitUntil([this] { return callee->server->counts().bytes < 1000; }));
+}
+
+TEST_F(CallLargePartsTest, AreGivenUpForRoomWithALineInTheLog) {
+  callee.reset();
+  callee = std::make_unique<Callee>(*calleeBus, "callee",
+                                    KXServerOptions{.kept = {.maxBytes = 1'000'000}});
+  call("echo");
+  lose(-1, isReply);
+  callFor(100, "fill", 900'000);
+
+  newCaller(5000);
+  network.setFaults({});
+  call("fill", 900'001);
+
+  EXPECT_THAT(callee->host.getLogged(),
+              ::testing::Contains(::testing::Field(
+                  &LogLine::text,
+                  "a reply of 'Module.fill', 900007 bytes, was given up before its "
+                  "caller had it: there is no more room")));
+}
+
+}  // namespace
+}  // namespace KX
