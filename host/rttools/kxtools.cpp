@@ -151,9 +151,10 @@ void makeModules(KXHost& host, Options const& options, Create const& create) {
 }
 
 std::string servingText(KXBroker const& broker, Options const& options) {
+  std::vector<std::string> names = broker.getModuleNames();
+  if (options.bus) std::erase(names, "KXLauncher");  // it serves nobody else
   std::string modules;
-  for (auto const& module : broker.getModuleNames())
-    modules += (modules.empty() ? "'" : ", '") + module + "'";
+  for (auto const& module : names) modules += (modules.empty() ? "'" : ", '") + module + "'";
   std::string const robot =
       options.bus ? " on robot '" + options.bus->robot + "' at " + options.bus->url : "";
   return "serving " + modules + robot + " as process " + std::to_string(::getpid()) +

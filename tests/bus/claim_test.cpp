@@ -16,8 +16,10 @@
 #include <gtest/gtest.h>
 
 #include <host/bus/kxmemorybus.hpp>
+#include <host/bus/kxnatsbus.hpp>
 #include <host/bus/kxwire.hpp>
 #include <kxerror/kxerror.hpp>
+#include <tests/bus/natsserver.hpp>
 #include <tests/support/logcapture.hpp>
 
 namespace KX {
@@ -31,8 +33,12 @@ using ::testing::MatchesRegex;
 
 /// A process: its connection, and its claim to the name "M" on the robot "r1".
 struct Process {
-  explicit Process(KXBusNetwork& network, std::string instance, std::string const& user = "any")
-      : bus(network.connect(user)),
+  Process(KXBusNetwork& network, std::string instance, std::string const& user = "any")
+      : Process(network.connect(user), std::move(instance)) {}
+  Process(testing::NatsServer const& server, std::string instance)
+      : Process(connectNats({.url = server.url()}), std::move(instance)) {}
+  Process(std::unique_ptr<KXBus> itsBus, std::string instance)
+      : bus(std::move(itsBus)),
         claim(std::make_unique<KXClaim>(*bus, "r1", "M", std::move(instance),
                                         [this] { withdrawals.fetch_add(1); })) {}
 
@@ -303,6 +309,31 @@ TEST(Claim, FailsWhereTheServerForbidsIt) {
 
     EXPECT_EQ(process.kind, KXError::Kind::Refused);
   }
+}
+
+TEST(Claim, OverARealServerIsRefusedTakenOverAndKept) {
+  testing::NatsServer server;
+  LogCapture const log("KXClaim");
+  Process first(server, "b");
+  ASSERT_EQ(first.tryToAcquire(), "");
+  Process second(server, "a");
+  EXPECT_THAT(second.tryToAcquire(), HasSubstr("already on robot"));
+
+  server.kill();
+  server.start();
+  ASSERT_TRUE(becomesTrue([&] { return first.bus->isConnected(); }));
+  Process third(server, "a");
+  EXPECT_THAT(third.tryToAcquire(), HasSubstr("already on robot"));
+  EXPECT_TRUE(first.claim->isHeld());
+
+  first.claim.reset();
+  first.bus.reset();
+  Process fourth(server, "c");
+  auto const start = steady_clock::now();
+  EXPECT_EQ(fourth.tryToAcquire(), "");
+  EXPECT_LT(steady_clock::now() - start, 3s);
+  EXPECT_EQ(first.withdrawals, 0);
+  EXPECT_TRUE(log.lines().empty());
 }
 
 TEST(Claim, SurvivesWhatIsNoClaim) {

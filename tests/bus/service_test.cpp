@@ -15,7 +15,9 @@
 
 #include <host/bus/kxannounced.hpp>
 #include <host/bus/kxmemorybus.hpp>
+#include <host/bus/kxnatsbus.hpp>
 #include <kxerror/kxerror.hpp>
+#include <tests/bus/natsserver.hpp>
 
 namespace KX {
 namespace {
@@ -48,8 +50,7 @@ KXServiceIdentity identity() {
 }
 
 /// What one service answers to a question of somebody else's.
-Json ask(KXBusNetwork& network, std::string const& subject) {
-  auto const bus = network.connect();
+Json ask(std::unique_ptr<KXBus> const& bus, std::string const& subject) {
   std::promise<Json> answer;
   std::future<Json> answered = answer.get_future();
   bool isAnswered = false;
@@ -72,7 +73,7 @@ class Service : public ::testing::Test {
     mServices.push_back(
         std::make_unique<KXService>(*mBus, identity(), arm(), [this] { return mStatistics; }));
   }
-  Json answerTo(std::string const& subject) { return ask(mNetwork, subject); }
+  Json answerTo(std::string const& subject) { return ask(mNetwork.connect(), subject); }
 
   KXBusNetwork mNetwork{KXBusNetwork::Pacing::Threaded};
   std::unique_ptr<KXBus> mBus = mNetwork.connect();
@@ -186,6 +187,21 @@ TEST_F(Service, WithOddNamesStaysWithinTheAlphabetAndKeepsMethodsApart) {
   EXPECT_EQ(info.at("endpoints")[1].at("name"), "x_y");
   EXPECT_EQ(info.at("endpoints")[3].at("name"), "x_y-2");
   EXPECT_EQ(info.at("description"), "not UTF-8: \xef\xbf\xbd");
+}
+
+TEST(ServiceOverARealServer, Answers) {
+  testing::NatsServer const server;
+  auto const bus = connectNats({.url = server.url()});
+  KXService const service(*bus, identity(), arm(),
+                          [] { return std::vector<KXMethodStatistics>{}; });
+  bus->flush(5000);
+  auto const other = connectNats({.url = server.url()});
+
+  expectHead(ask(other, "$SRV.PING.Arm.0123abcd"), "ping_response");
+  EXPECT_EQ(ask(other, "$SRV.INFO.Arm").at("endpoints").size(), 2U);
+  EXPECT_EQ(ask(other, "$SRV.STATS").at("started"), "2026-01-02T03:04:05.678901Z");
+  EXPECT_TRUE(ask(other, "$SRV.PING.Leg").is_null());
+  EXPECT_EQ(findAnnounced(*other).size(), 1U);
 }
 
 TEST_F(Service, SaysNothingToWhoeverWantsNoAnswer) {

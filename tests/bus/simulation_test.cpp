@@ -227,8 +227,8 @@ class Simulation {
   void run() {
     int left = mFaults.notifications;
     while (left > 0) {
-      if (xHappens(300)) {
-        int const count = std::min(left, 1 + xRandom(15));
+      if (xHappens(250)) {
+        int const count = std::min(left, 1 + xRandom(30));
         xPost(count);
         left -= count;
       }

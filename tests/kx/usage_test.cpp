@@ -22,10 +22,12 @@ struct Case {
 
 TEST(Usage, WrongOnesAreOneLineAndExitCode2) {
   std::vector<Case> const cases{
-      {{}, "kx: expected a verb: watch, list or describe; kx --help tells more"},
+      {{}, "kx: expected a verb: watch, list, describe, host or robots; kx --help tells more"},
       {{"wach"},
-       "kx: unknown verb 'wach', expected one of watch, list, describe; nearest is 'watch'"},
-      {{"record"}, "kx: unknown verb 'record', expected one of watch, list, describe"},
+       "kx: unknown verb 'wach', expected one of watch, list, describe, host, robots; nearest is "
+       "'watch'"},
+      {{"record"},
+       "kx: unknown verb 'record', expected one of watch, list, describe, host, robots"},
       {{"--versoin"}, "kx: unknown option '--versoin'; nearest is '--version'"},
       {{"watch", "--perod", "5"}, "kx: unknown option '--perod'; nearest is '--period'"},
       {{"watch", "--perod=5"}, "kx: unknown option '--perod'; nearest is '--period'"},
@@ -67,7 +69,9 @@ TEST(Usage, HelpGoesToStdout) {
   for (std::vector<std::string> const& arguments : {std::vector<std::string>{"--help"},
                                                     {"watch", "--help"},
                                                     {"list", "-h"},
-                                                    {"describe", "--help"}}) {
+                                                    {"describe", "--help"},
+                                                    {"host", "--help"},
+                                                    {"robots", "--help"}}) {
     SCOPED_TRACE(arguments.front());
     ToolResult const result = runTool(arguments);
     EXPECT_EQ(0, result.exitCode);
@@ -88,7 +92,7 @@ TEST(Usage, HelpOfWatchDocumentsEveryFormatAndOption) {
 
 TEST(Usage, HelpIsWhatItWas) {
   EXPECT_EQ(goldenOf("help.txt"), runTool({"--help"}).output);
-  for (std::string const verb : {"watch", "list", "describe"}) {
+  for (std::string const verb : {"watch", "list", "describe", "host", "robots"}) {
     EXPECT_EQ(goldenOf("help_" + verb + ".txt"), runTool({verb, "--help"}).output);
   }
 }

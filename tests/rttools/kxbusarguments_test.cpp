@@ -90,7 +90,9 @@ TEST_F(BusArguments, AreTakenFromTheCommandLineBeforeTheEnvironment) {
     ::setenv("KX_BUS", "nats://default", 1);
     std::string const byDefault = *parse({}).*member;
     ::setenv(variable, "", 1);
-    if (std::string(variable) != "KX_BUS") EXPECT_EQ(*parse({}).*member, byDefault);
+    if (std::string(variable) != "KX_BUS") {
+      EXPECT_EQ(*parse({}).*member, byDefault);
+    }
 
     ::setenv(variable, "of the environment", 1);
     EXPECT_EQ(*parse({}).*member, "of the environment");

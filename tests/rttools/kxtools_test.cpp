@@ -205,7 +205,8 @@ TEST(Options, HelpSaysAll) {
          {"Runs the module 'testprogram' as a process of its own", "KXLauncher", "KXMemory",
           "Usage: testprogram [OPTIONS]", "-h,--help", "--version", "--log-level LEVEL=warning",
           "none, fatal, error, warning", "--load LIBRARY", "SIGINT (Ctrl-C), SIGTERM", "SIGHUP",
-          "SIGQUIT", "Exit codes:", "\n  0  ", "\n  1  ", "\n  2  "}) {
+          "SIGQUIT", "--bus URL", "--robot NAME (robot)", "KX_BUS_PASSWORD_FILE",
+          "Exit codes:", "\n  0  ", "\n  1  ", "\n  2  "}) {
       EXPECT_THAT(ended.output, HasSubstr(part));
     }
   }
@@ -224,7 +225,10 @@ TEST(Options, WrongOnesAreOneLineAndExitCodeTwo) {
     std::vector<std::string> arguments;
     std::string expected;
   };
-  std::string const known = "', expected --help, --version, --log-level LEVEL or --load LIBRARY\n";
+  std::string const known =
+      "', expected --help, --version, --log-level LEVEL, --load LIBRARY, --bus URL or --robot "
+      "NAME; "
+      "--help lists all\n";
   std::string const levels =
       "', expected one of 'none', 'fatal', 'error', 'warning', 'info', 'verbose', 'debug'\n";
   Row const rows[] = {
@@ -239,6 +243,9 @@ TEST(Options, WrongOnesAreOneLineAndExitCodeTwo) {
       {{"--log-level", "Warning"}, "unknown log level 'Warning" + levels},
       {{"--log-level="}, "--log-level: 1 required LEVEL missing\n"},
       {{"--load"}, "--load: 1 required LIBRARY missing\n"},
+      {{"--robot", "r1"}, "--robot: expected a bus as well (--bus URL or KX_BUS), got none\n"},
+      {{"--bus", "nats://127.0.0.1", "--bus-timeout", "soon"},
+       "--bus-timeout: expected milliseconds, more than 0, got 'soon'\n"},
   };
   for (auto const& row : rows) {
     SCOPED_TRACE(row.expected);
