@@ -6,11 +6,12 @@ names=${1:?usage: certificates.sh DNS:NAME,IP:ADDRESS...}
 umask 077
 
 # [make]
-key="-newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes"
 # The CA. ca.pem goes to every machine, ca.key nowhere: who has it can be any server.
-openssl req -x509 $key -days 3650 -subj "/CN=robots" -keyout ca.key -out ca.pem
+openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 3650 \
+  -subj "/CN=robots" -keyout ca.key -out ca.pem
 # The server's, good for the names alone.
-openssl req $key -subj "/CN=nats" -keyout server.key -out server.csr
+openssl req -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes \
+  -subj "/CN=nats" -keyout server.key -out server.csr
 echo "subjectAltName=$names" > server.ext
 openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 825 \
   -extfile server.ext -out server.pem

@@ -20,7 +20,7 @@ processes=
 started() { processes="$! $processes"; }
 end() {
   for process in $processes; do
-    kill "$process" && wait "$process" || true
+    if kill "$process"; then wait "$process" || true; fi
   done
 }
 trap end EXIT

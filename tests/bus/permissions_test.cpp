@@ -217,6 +217,26 @@ TEST(Responses, MayBeAsManyAsAReplyHasPartsAndNotMore) {
   }
 }
 
+TEST(Responses, GoWhereverTheQuestionSays) {
+  RobotServer server;
+  auto const host = connectNats(server.options("host"));
+  auto const module = connectNats(server.options("module"));
+  auto const viewer = connectNats(server.options("viewer"));
+  Inbox calls;
+  auto const store = host->subscribe("kx.r1.KXMemory.insertData", "", 1, calls.handler());
+  auto const answers =
+      module->subscribe("kx.r1.KXMemoryWatcher.@find", "", 1, [&](KXBusMessage const& question) {
+        module->publish({.subject = question.reply, .payload = "x"});
+      });
+  host->flush(10'000);
+  module->flush(10'000);
+
+  viewer->publish({.subject = "kx.r1.KXMemoryWatcher.@find", .reply = "kx.r1.KXMemory.insertData"});
+
+  // Neither may publish there. So whoever answers has to look at what is asked of him.
+  EXPECT_EQ(calls.payloads(1), std::vector<std::string>{"x"});
+}
+
 // ---- by our own programs' ways
 
 class Touched : public KXModule {
