@@ -55,6 +55,11 @@ bool subjectMatches(std::string_view pattern, std::string_view subject) {
   return pattern.empty() && subject.empty();
 }
 
+bool isInbox(std::string_view subject) {
+  // "_INBOX." of those who have no user, "_INBOX_USER." of the others.
+  return subject.starts_with("_INBOX.") || subject.starts_with("_INBOX_");
+}
+
 std::size_t messageBytes(KXBusMessage const& message) {
   std::size_t bytes = message.payload.size();
   if (!message.headers.empty()) bytes += kHeaderFrame;

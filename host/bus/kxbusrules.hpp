@@ -18,6 +18,10 @@ KX_API bool isLegalSubject(std::string_view subject, bool mayBePattern);
 /// Does a message under `subject` go to those who subscribed to `pattern`?
 KX_API bool subjectMatches(std::string_view pattern, std::string_view subject);
 
+/// May an answer go there? Whoever asks says where, and the answer is published with the rights of
+/// whoever is asked: to anything but an inbox it would be a call, or an event, in his name.
+KX_API bool isInbox(std::string_view subject);
+
 /// Of the message as it counts against the server's limit: payload and headers.
 KX_API std::size_t messageBytes(KXBusMessage const& message);
 

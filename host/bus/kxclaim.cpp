@@ -5,6 +5,7 @@
 
 #include <unistd.h>
 
+#include <host/bus/kxbusrules.hpp>
 #include <host/bus/kxutctext.hpp>
 #include <host/bus/kxwire.hpp>
 #include <ka/log.hpp>
@@ -188,7 +189,7 @@ void KXClaim::xJudge(Claimant const& other, KXBusMessage const& message) {
   }
   if (isToWithdraw) {
     xWithdraw();
-  } else if (!message.reply.empty()) {
+  } else if (isInbox(message.reply)) {
     xSayIfConnected(std::string(message.reply), "");
   } else if (other.isHolder) {
     xSayIfConnected(mSubject, "");

@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include <host/bus/kxbusrules.hpp>
 #include <host/bus/kxeventtarget.hpp>
 #include <host/bus/kxpackstream.hpp>
 #include <host/bus/kxwire.hpp>
@@ -47,12 +48,6 @@ class RareLine {
   std::uint64_t mUntold = 0;
   std::optional<Clock::time_point> mToldAt;
 };
-
-/// Whatever the sender names as its inbox, nobody else is to get a message from here that he would
-/// take for a call.
-bool isInbox(std::string_view subject) {
-  return !subject.empty() && !subject.starts_with("kx.") && !subject.starts_with("$");
-}
 
 /// What arrives for one module. Ownership: shared by the receiver and the handler that runs, so
 /// that a method may withdraw its module. Threads: the bus's one thread, but for stop() and the

@@ -154,7 +154,8 @@ class Watch {
         std::lock_guard const lock(mMutex);
         mLastTrouble.clear();
       }
-      ka::log::LogStream(ka::log::Info, "KXBus", "", "back", 0)
+      // As loud as the loss: whoever has read of that is to learn that it is over.
+      ka::log::LogStream(ka::log::Warning, "KXBus", "", "back", 0)
           << "the bus at '" << mAddress << "' is back after " << lost.count() << " ms";
     }
     mObservers.tell(event);
@@ -463,11 +464,15 @@ class NatsBus : public KXBus {
     natsConnection* made = nullptr;
     auto const status = natsConnection_Connect(&made, given);
     mConnection.reset(made);
-    if (status != NATS_OK)
-      throwBusError(
-          "connect",
-          "cannot connect to the bus at '" + mAddress + "': " + describeNatsStatus(status),
-          kindOf(status));
+    std::string const text =
+        "cannot connect to the bus at '" + mAddress + "': " + describeNatsStatus(status);
+    // By TLS 1.3 this side takes itself to be let in before the server has seen its certificate.
+    if (status == NATS_PROTOCOL_ERROR)
+      throwBusError("connect",
+                    text + "; the server has closed the connection, as one does that asks for a "
+                           "certificate",
+                    KXError::Kind::Refused);
+    if (status != NATS_OK) throwBusError("connect", text, kindOf(status));
     mWatch->start(mConnection.get());
   }
   void xCheckConnected(char const* method) const {

@@ -12,6 +12,7 @@
 #include <thread>
 #include <utility>
 
+#include <host/bus/kxbusrules.hpp>
 #include <host/bus/kxcallee.hpp>
 #include <host/bus/kxpartcollector.hpp>
 #include <host/bus/kxrandomid.hpp>
@@ -70,9 +71,9 @@ std::string encodeSound(KXSubjects::Call const& call, KXValue const& result) {
   }
 }
 
-// A reply must not become a call, made with this process's rights.
+// A call that asks for no reply may come, one that asks for it elsewhere may not.
 bool mayReplyTo(std::string_view subject) {
-  return !subject.starts_with("kx.") && !subject.starts_with("$");
+  return subject.empty() || isInbox(subject);
 }
 
 std::shared_ptr<KXReply> replyOf(KXError const& error) {

@@ -8,6 +8,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <host/bus/kxbusrules.hpp>
 #include <host/bus/kxsubject.hpp>
 #include <host/bus/kxutctext.hpp>
 
@@ -92,7 +93,7 @@ struct KXService::Impl {
     for (Verb const& verb :
          {Verb{"PING", &Impl::ping}, {"INFO", &Impl::info}, {"STATS", &Impl::stats}}) {
       auto const answer = [this, make = verb.answer](KXBusMessage const& message) {
-        if (message.reply.empty()) return;
+        if (!isInbox(message.reply)) return;
         Json const json = (this->*make)();
         // Texts of modules may hold any bytes.
         std::string const text = json.dump(-1, ' ', false, Json::error_handler_t::replace);

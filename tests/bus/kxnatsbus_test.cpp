@@ -267,7 +267,7 @@ TEST_F(NatsBus, LossAndReturnAreOneLineEach) {
   EXPECT_EQ(lines[0].text, "lost the bus at '" + server.url() + "', trying again");
   EXPECT_EQ(lines[0].level, ka::log::Warning);
   EXPECT_THAT(lines[1].text, HasSubstr("the bus at '" + server.url() + "' is back after "));
-  EXPECT_EQ(lines[1].level, ka::log::Info);
+  EXPECT_EQ(lines[1].level, ka::log::Warning);
   EXPECT_EQ(lines[1].category, "KXBus");
 }
 

@@ -38,6 +38,7 @@ class ChildProcess {
   /// Reads until the child ends; its exit code, or the negative number of the signal it died of.
   int waitForEnd();
 
+  pid_t getPid() const { return mPid; }
   std::string const& getOutput() const { return mOutput; }
   std::string const& getErrors() const { return mErrors; }
 
