@@ -1,29 +1,15 @@
 // Runs the benchmarks and prints one table: figure, ours, floor, ratio, and what is demanded.
 // The floor is the same work by hand, measured in the same run; options are Google Benchmark's.
 
-#include <algorithm>
 #include <cstdio>
-#include <map>
 #include <string>
-#include <vector>
 
-#include <benchmark/benchmark.h>
-
+#include "bench/figures.hpp"
 #include "bench/watcherbench.hpp"
 
 namespace {
 
-struct Figure {
-  char const* text;
-  char const* unit;
-  char const* ours;
-  char const* floor;  // empty: `must` and `aim` are not ratios but in the unit
-  double must;
-  double aim;
-};
-
-// A name is a benchmark's, or BENCHMARK:COUNTER.
-constexpr Figure kFigures[] = {
+constexpr KX::bench::Figure kFigures[] = {
     {"periods lost in 60 s, 10000 keys, fetch each second", "",
      "loss/10000/1000/1/60/iterations:1:lost", "", 0, 0},
     {"... fetch every 100 ms", "", "loss/10000/100/1/60/iterations:1:lost", "", 0, 0},
@@ -79,52 +65,7 @@ constexpr Figure kFigures[] = {
 
 constexpr int kGrowth[] = {100, 1000, 10'000, 100'000};
 
-/// Collects every measured number by its name; the median where a benchmark was repeated.
-class Collector : public benchmark::ConsoleReporter {
- public:
-  Collector() : ConsoleReporter(OO_None) { SetOutputStream(&GetErrorStream()); }
-
-  void ReportRuns(std::vector<Run> const& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (Run const& run : runs) {
-      if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
-      std::string name = run.run_name.str();
-      name = name.substr(0, name.find("/repeats:"));
-      mNumbers[name].push_back(run.GetAdjustedRealTime());
-      for (auto const& [counter, value] : run.counters) {
-        mNumbers[name + ":" + counter].push_back(value.value);
-      }
-    }
-  }
-
-  /// False if it was not measured.
-  bool find(std::string const& name, double& number) {
-    auto const found = mNumbers.find(name);
-    if (found == mNumbers.end()) return false;
-    std::vector<double>& numbers = found->second;
-    std::sort(numbers.begin(), numbers.end());
-    number = numbers[numbers.size() / 2];
-    return true;
-  }
-
- private:
-  std::map<std::string, std::vector<double>> mNumbers;
-};
-
-void printFigure(Collector& collector, Figure const& figure) {
-  double ours = 0;
-  if (!collector.find(figure.ours, ours)) return;
-  double floor = 0;
-  if (*figure.floor == '\0') {
-    std::printf("| %-52s | %10.1f %-2s |               |       | %6.6g %-2s | %6.6g %-2s |\n",
-                figure.text, ours, figure.unit, figure.must, figure.unit, figure.aim, figure.unit);
-  } else if (collector.find(figure.floor, floor)) {
-    std::printf("| %-52s | %10.1f %-2s | %10.1f %-2s | %5.2f | %7.1f x | %7.1f x |\n", figure.text,
-                ours, figure.unit, floor, figure.unit, ours / floor, figure.must, figure.aim);
-  }
-}
-
-void printGrowth(Collector& collector) {
+void printGrowth(KX::bench::Collector& collector) {
   std::printf("\n| keys   | ours, per key | floor, per key |\n|---|---|---|\n");
   for (int const keys : kGrowth) {
     double ours = 0;
@@ -143,23 +84,9 @@ int main(int argc, char** argv) {
     std::printf("%f\n", KX::bench::afterPeak());
     return 0;
   }
-  // Ours and the floor take turns, several times, so that both meet the same moods of the machine.
-  std::vector<std::string> defaults = {argv[0], "--benchmark_repetitions=5",
-                                       "--benchmark_min_time=0.2",
-                                       "--benchmark_enable_random_interleaving=true"};
-  std::vector<char*> arguments;
-  for (std::string& text : defaults) arguments.push_back(text.data());
-  arguments.insert(arguments.end(), argv + 1, argv + argc);  // a later one overrides
-  argc = static_cast<int>(arguments.size());
-  argv = arguments.data();
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
-  Collector collector;
-  benchmark::RunSpecifiedBenchmarks(&collector);
-
-  std::printf("| %-52s | %-13s | %-13s | ratio | %-9s | %-9s |\n|---|---|---|---|---|---|\n",
-              "figure", "ours", "floor", "must", "aim");
-  for (Figure const& figure : kFigures) printFigure(collector, figure);
+  KX::bench::Collector collector;
+  if (!KX::bench::runBenchmarks(argc, argv, collector)) return 2;
+  KX::bench::printTable(collector, kFigures);
   printGrowth(collector);
   return 0;
 }

@@ -130,11 +130,11 @@ class Watch {
     while (true) {
       mChanged.wait(lock, [this] { return !mEvents.empty() || mIsClosing; });
       if (mIsClosing) return;
-      auto const [event, time] = std::move(mEvents.front());
+      auto const told = std::move(mEvents.front());
       mEvents.pop_front();
       lock.unlock();
       ka::log::runLogged("KXBus", "tell", "an event could not be told",
-                         [&] { xTell(event, time); });
+                         [&] { xTell(told.first, told.second); });
       lock.lock();
     }
   }

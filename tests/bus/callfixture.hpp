@@ -39,6 +39,18 @@ inline bool waitUntil(std::function<bool()> const& condition) {
   return true;
 }
 
+/// Bytes of which no part is like its neighbour.
+inline std::string filled(int size) {
+  std::string pattern(251, '\0');
+  for (std::size_t i = 0; i < pattern.size(); ++i) pattern[i] = static_cast<char>(i);
+  std::string bytes;
+  auto const wanted = static_cast<std::size_t>(size);
+  bytes.reserve(wanted + pattern.size());
+  while (bytes.size() < wanted) bytes += pattern;
+  bytes.resize(wanted);
+  return bytes;
+}
+
 /// How a call ended: its result, or its error.
 struct Outcome {
   KXValue result{};
@@ -78,7 +90,10 @@ class Callee {
     server = std::make_unique<KXServer>(bus, host.getBroker(), KXSubjects("r"), options);
     server->serve("Module");
   }
-  ~Callee() { gate.open(); }
+  ~Callee() {
+    gate.open();
+    server.reset();  // its calls use the rest
+  }
 
   int runs(int key) const {
     std::lock_guard const lock(mMutex);
@@ -112,9 +127,7 @@ class Callee {
     if (method == "fill") {
       std::lock_guard const lock(mMutex);
       ++mRuns[0];
-      std::string bytes(static_cast<std::size_t>(static_cast<int>(params[0])), '\0');
-      for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<char>(i % 251);
-      return KXValue::binary(std::move(bytes));
+      return KXValue::binary(filled(static_cast<int>(params[0])));
     }
     if (method == "park") {
       gate.pass();

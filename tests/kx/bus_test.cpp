@@ -71,11 +71,11 @@ bool becomesTrue(Condition condition) {
 class OnABus : public ::testing::Test {
  protected:
   std::vector<std::string> withBus(std::vector<std::string> arguments) const {
-    for (char const* text : {"--bus", mServer.url().c_str()}) arguments.emplace_back(text);
+    arguments.insert(arguments.end(), {"--bus", mServer.url()});
     return arguments;
   }
   std::vector<std::string> onRobot(std::vector<std::string> arguments) const {
-    for (char const* text : {"--robot", "r1"}) arguments.emplace_back(text);
+    arguments.insert(arguments.end(), {"--robot", "r1"});
     return withBus(std::move(arguments));
   }
   ToolResult run(std::vector<std::string> const& arguments) const {
@@ -379,12 +379,17 @@ TEST_F(OnABus, ARobotThatIsNotThereIsNothingThere) {
               ElementsAre("kx: no robot on " + mServer.url() + "; kx host puts one there"));
 }
 
-TEST_F(OnABus, AWatcherWithoutARobotIsOneLine) {
+TEST_F(OnABus, AWatcherMayBeThereBeforeTheRobotsHost) {
   auto const watcher = start({watcherPath()});
+  watcher->waitForErrorText("serving 'KXMemoryWatcher' on robot 'r1'");
+  auto const host = start({toolPath(), "host"});
+  host->waitForErrorText("serving");
 
-  EXPECT_EQ(watcher->waitForEnd(), 1);
-  EXPECT_THAT(watcher->getErrors(),
-              MatchesRegex("memorywatcher: cannot make the module: [^\n]*'KXMemory'[^\n]*\n"));
+  ToolResult const result = run({"watch", "--shared", "Host/UptimeSeconds", "--for", "500ms",
+                                 "--period", "50", "--format", "csv"});
+
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_GE(readCsv(result.output).size(), 5U);
 }
 
 TEST_F(OnABus, AServerThatIsNotThereIsOneLine) {

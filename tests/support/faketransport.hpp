@@ -83,7 +83,7 @@ class FakeTransport : public KXTransport {
     mOnReturn = std::move(handler);
     return std::shared_ptr<void>(this, [](void* self) {
       auto* const transport = static_cast<FakeTransport*>(self);
-      std::lock_guard<std::mutex> const lock(transport->mMutex);
+      std::lock_guard<std::mutex> const transportLock(transport->mMutex);
       transport->mOnReturn = nullptr;
     });
   }
