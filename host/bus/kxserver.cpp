@@ -168,7 +168,7 @@ auto KXServer::Impl::xWithKeeper(Step step) {
   for (auto const& reply : thrown) {
     ka::log::LogStream(ka::log::Warning, "KXBus", "", "serve", 0)
         << "a reply of '" << reply.method << "', " << reply.bytes
-        << " bytes, was given up before its caller had it: "
+        << " bytes, was given up, and its caller has not confirmed it: "
         << (reply.isForRoom ? "there is no more room" : "nobody came for it in time");
   }
   return result;

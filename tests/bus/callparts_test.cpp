@@ -131,10 +131,10 @@ TEST_F(CallPartsTest, AreReleasedWithTimeIfTheirCallerIsGone) {
 
   EXPECT_TRUE(waitUntil([this] { return isNothingKept(); }));
   EXPECT_THAT(callee->host.getLogged(),
-              ::testing::Contains(::testing::Field(
-                  &LogLine::text,
-                  "a reply of 'Module.fill', 300007 bytes, was given up before its "
-                  "caller had it: nobody came for it in time")));
+              ::testing::Contains(
+                  ::testing::Field(&LogLine::text,
+                                   "a reply of 'Module.fill', 300007 bytes, was given up, and its "
+                                   "caller has not confirmed it: nobody came for it in time")));
 }
 
 TEST_F(CallPartsTest, TellWhatBecameOfThemWhenTheyAreGone) {
@@ -182,10 +182,10 @@ TEST_F(CallLargePartsTest, AreGivenUpForRoomWithALineInTheLog) {
   call("fill", 900'001);
 
   EXPECT_THAT(callee->host.getLogged(),
-              ::testing::Contains(::testing::Field(
-                  &LogLine::text,
-                  "a reply of 'Module.fill', 900007 bytes, was given up before its "
-                  "caller had it: there is no more room")));
+              ::testing::Contains(
+                  ::testing::Field(&LogLine::text,
+                                   "a reply of 'Module.fill', 900007 bytes, was given up, and its "
+                                   "caller has not confirmed it: there is no more room")));
 }
 
 }  // namespace
