@@ -469,8 +469,9 @@ class NatsBus : public KXBus {
     // By TLS 1.3 this side takes itself to be let in before the server has seen its certificate.
     if (status == NATS_PROTOCOL_ERROR)
       throwBusError("connect",
-                    text + "; the server has closed the connection, as one does that asks for a "
-                           "certificate",
+                    text +
+                        "; the server has closed the connection, as one does that asks for a "
+                        "certificate",
                     KXError::Kind::Refused);
     if (status != NATS_OK) throwBusError("connect", text, kindOf(status));
     mWatch->start(mConnection.get());
