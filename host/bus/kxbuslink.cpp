@@ -131,7 +131,7 @@ void KXBusLink::announce(std::vector<std::string> const& modules) {
 
 void KXBusLink::leave() {
   Impl& impl = *mImpl;
-  if (impl.leaving.joinable()) return;
+  if (!impl.server || impl.leaving.joinable()) return;
   impl.leaving = std::thread([&impl] {
     std::unique_lock lock(impl.leavingMutex);
     impl.left.wait_for(lock, kLeaving, [&] { return impl.hasLeft; });

@@ -483,8 +483,11 @@ class NatsBus : public KXBus {
     mConnection.reset(made);
     std::string const text =
         "cannot connect to the bus at '" + mAddress + "': " + describeNatsStatus(status);
-    // By TLS 1.3 this side takes itself to be let in before the server has seen its certificate.
-    if (status == NATS_PROTOCOL_ERROR)
+    // By TLS 1.3 this side takes itself to be let in before the server has seen its certificate:
+    // what it reads, or writes, next fails.
+    bool const isCutOff =
+        text.find("SSL_write") != std::string::npos || text.find("SSL_read") != std::string::npos;
+    if (status == NATS_PROTOCOL_ERROR || (status == NATS_IO_ERROR && isCutOff))
       throwBusError("connect",
                     text +
                         "; the server has closed the connection, as one does that asks for a "

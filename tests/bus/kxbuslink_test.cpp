@@ -219,6 +219,17 @@ TEST_F(BusLink, LeavesWithinASecondAlthoughNobodyAnswers) {
   network.setFaults({});
 }
 
+TEST_F(BusLink, MayBeToldToEndAgain) {
+  Side side(network, "one");
+
+  for (int i = 0; i < 2; ++i) {
+    side.link->leave();
+    side.link->close();
+  }
+
+  EXPECT_EQ(side.broker->getTransport(), nullptr);
+}
+
 TEST_F(BusLink, ReachesNobodyAfterItsEnd) {
   auto const host = makeHost();
   Side side(network, "one");
