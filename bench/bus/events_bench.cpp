@@ -2,7 +2,11 @@
 // messages of the bare client.
 
 #include <atomic>
+#include <chrono>
+#include <memory>
 #include <string>
+#include <string_view>
+#include <thread>
 #include <vector>
 
 #include <benchmark/benchmark.h>

@@ -5,6 +5,8 @@
 #include <random>
 #include <thread>
 
+#include <binding/kxproxycall.hpp>
+
 #include "bench/bus/busbench.hpp"
 
 namespace KX::bench {
