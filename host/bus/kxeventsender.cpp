@@ -290,7 +290,8 @@ class KXEventSender::Impl {
       // Before the look: whoever posts behind it finds the thread parked, and wakes it.
       bool const isToPark = idleTicks >= kIdleTicks;
       mIsParked = isToPark;
-      bool const isBusy = xTurn();
+      bool isBusy = true;
+      ka::log::runLogged(kCategory, "run", "sending failed", [&] { isBusy = xTurn(); });
       idleTicks = isBusy ? 0 : idleTicks + 1;
       std::unique_lock lock(mMutex);
       auto const isOver = [this] {
