@@ -131,35 +131,39 @@ void KXBusLink::announce(std::vector<std::string> const& modules) {
 
 void KXBusLink::leave() {
   Impl& impl = *mImpl;
-  if (impl.leaving.joinable()) return;
+  if (!impl.server || impl.leaving.joinable()) return;
   impl.leaving = std::thread([&impl] {
     std::unique_lock lock(impl.leavingMutex);
     impl.left.wait_for(lock, kLeaving, [&] { return impl.hasLeft; });
     impl.transport->close();
   });
-  // First nobody is told of the modules any more, last others may have their names.
   std::map<std::string, std::unique_ptr<KXService>> services;
-  std::optional<KXServer> server;
   {
     std::lock_guard const lock(impl.mutex);
     services.swap(impl.services);
+    impl.server->refuse();
   }
-  services.clear();
-  impl.transport->detachReceiver();
-  impl.server.reset();
-  impl.receiver.reset();
-  impl.claims.clear();
 }
 
 void KXBusLink::close() {
   Impl& impl = *mImpl;
+  if (!impl.server) return;
   leave();
+  // Calls in progress have ended by now, or end when the transport is closed: by the module that
+  // left, or by the time that those that leave have.
+  impl.transport->detachReceiver();
+  impl.receiver.reset();
+  {
+    std::lock_guard const lock(impl.mutex);
+    impl.server.reset();
+  }
+  impl.claims.clear();  // Last: the next one that has the name meets nobody who still answers.
   {
     std::lock_guard const lock(impl.leavingMutex);
     impl.hasLeft = true;
   }
   impl.left.notify_all();
-  if (impl.leaving.joinable()) impl.leaving.join();
+  impl.leaving.join();
   impl.broker->setTransport(nullptr);
 }
 

@@ -37,9 +37,10 @@ class KX_API KXBusLink {
   void announce(std::vector<std::string> const& modules);
 
   /// The broker is about to shut down: nobody calls its modules any more, and what they call has
-  /// half a second in sum. Does nothing the second time.
+  /// half a second in sum. Calls in progress go on. Does nothing the second time.
   void leave();
-  /// Ends what leave() has left: the broker reaches nobody any more.
+  /// To be called when the broker has shut down. Waits for calls in progress; the broker reaches
+  /// nobody any more.
   void close();
 
  private:

@@ -207,9 +207,9 @@ class KXEventReceiver::Impl {
       auto const found = mEntries.find(name);
       if (found == mEntries.end()) return;
       entry = std::move(found->second);
+      entry.served->stop();
       mEntries.erase(found);
     }
-    entry.served->stop();
     entry.subscription.reset();  // Waits for the call in progress, so without the lock.
   }
 

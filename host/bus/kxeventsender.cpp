@@ -9,11 +9,11 @@
 #include <map>
 #include <mutex>
 #include <optional>
-#include <random>
 #include <thread>
 #include <utility>
 
 #include <host/bus/kxpackstream.hpp>
+#include <host/bus/kxrandomid.hpp>
 #include <host/bus/kxwire.hpp>
 #include <ka/log.hpp>
 #include <ka/runlogged.hpp>
@@ -43,18 +43,6 @@ std::int64_t nowMs() {
       .count();
 }
 
-// 16 hexadecimal digits that nobody else has.
-std::string makeNonce() {
-  static constexpr char kDigits[] = "0123456789abcdef";
-  std::random_device random;
-  std::string nonce;
-  for (int word = 0; word < 2; ++word) {
-    std::uint32_t bits = random();
-    for (int i = 0; i < 8; ++i, bits >>= 4) nonce += kDigits[bits & 15];
-  }
-  return nonce;
-}
-
 KXPackLimits makeLimits(std::size_t maxPayload, std::size_t maxWaitingBytes) {
   KXPackLimits limits;
   limits.message = maxPayload > kHeaderRoom ? maxPayload - kHeaderRoom : 0;
@@ -71,7 +59,8 @@ class KXEventSender::Impl {
       : mBus(bus),
         mSubjects(subjects),
         mMaxWaitingBytes(maxWaitingBytes),
-        mInbox(bus.inboxPrefix() + '.' + makeNonce() + '.') {
+        mMaxPayload(bus.maxPayload()),
+        mInbox(bus.inboxPrefix() + '.' + makeRandomId() + '.') {
     mAcks = bus.subscribe(mInbox + '*', "", 1, [this](auto const& message) { xOnAck(message); });
     mHellos =
         bus.subscribe(subjects.hello(), "", 1, [this](auto const& message) { xOnHello(message); });
@@ -142,7 +131,7 @@ class KXEventSender::Impl {
           number(itsNumber),
           subject(std::move(itsSubject)),
           reply(std::move(itsReply)),
-          sender(makeNonce(), limits) {}
+          sender(makeRandomId(), limits) {}
 
     std::string const name;
     std::uint64_t const number;
@@ -167,7 +156,7 @@ class KXEventSender::Impl {
     std::uint64_t const number = mNextNumber++;
     auto const made = std::make_shared<Destination>(
         module, number, mSubjects.events(parseAddress(module)), mInbox + std::to_string(number),
-        makeLimits(mBus.maxPayload(), mMaxWaitingBytes));
+        makeLimits(mMaxPayload, mMaxWaitingBytes));
     mByNumber.emplace(number, made);
     try {
       mByName.emplace(module, made);
@@ -200,7 +189,8 @@ class KXEventSender::Impl {
     if (isMoreLeft) xWake();
   }
 
-  bool xMaySend() const { return !mIsStopping && mBus.isConnected(); }
+  // The bus itself is asked last: while it tries to connect, its answer may take a while.
+  bool xMaySend() const { return !mIsStopping && !mIsAway && mBus.isConnected(); }
 
   // False if there was nothing to send, or no way. A pack that fails is as good as lost on its way:
   // it is sent anew when the receiver has been asked.
@@ -218,7 +208,7 @@ class KXEventSender::Impl {
     if (isPublished) return true;
     // On purpose: unless the server that it is connected to now takes only smaller messages. Then
     // nothing behind it would ever get there.
-    if (pack->bytes->size() + kHeaderRoom <= mBus.maxPayload()) return false;
+    if (pack->bytes->size() + kHeaderRoom <= mMaxPayload) return false;
     to.sender.onRejected(pack->header);
     to.drops.note(nowMs());
     return true;
@@ -279,7 +269,9 @@ class KXEventSender::Impl {
   }
 
   void xOnBusEvent(KXBusEvent const& event) {
+    if (event.kind == KXBusEvent::Kind::Lost) mIsAway = true;
     if (event.kind != KXBusEvent::Kind::Back) return;
+    mIsAway = false;
     mIsBack = true;
     xWake();
   }
@@ -298,7 +290,8 @@ class KXEventSender::Impl {
       // Before the look: whoever posts behind it finds the thread parked, and wakes it.
       bool const isToPark = idleTicks >= kIdleTicks;
       mIsParked = isToPark;
-      bool const isBusy = xTurn();
+      bool isBusy = true;
+      ka::log::runLogged(kCategory, "run", "sending failed", [&] { isBusy = xTurn(); });
       idleTicks = isBusy ? 0 : idleTicks + 1;
       std::unique_lock lock(mMutex);
       auto const isOver = [this] {
@@ -316,6 +309,7 @@ class KXEventSender::Impl {
   // True if anything waits, or is to be told.
   bool xTurn() {
     bool const isBack = mIsBack.exchange(false);
+    if (isBack) mMaxPayload = mBus.maxPayload();
     bool isBusy = false;
     for (std::shared_ptr<Destination> const& to : xAll()) {
       {
@@ -359,7 +353,8 @@ class KXEventSender::Impl {
   KXBus& mBus;
   KXSubjects const mSubjects;
   std::size_t const mMaxWaitingBytes;
-  std::string const mInbox;  ///< up to the number of the destination
+  std::atomic<std::size_t> mMaxPayload;  ///< of the server that it was connected to last
+  std::string const mInbox;              ///< up to the number of the destination
 
   mutable std::mutex mMutex;
   std::condition_variable mWakeUp;
@@ -370,6 +365,7 @@ class KXEventSender::Impl {
 
   std::atomic<bool> mIsStopping{false};
   std::atomic<bool> mIsParked{false};  ///< the thread waits without a limit
+  std::atomic<bool> mIsAway{false};    ///< the connection is
   std::atomic<bool> mIsBack{false};    ///< the connection is, and the thread has not seen to it
 
   std::thread mThread;

@@ -1,5 +1,6 @@
 #include <host/bus/kxnatsbus.hpp>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -65,9 +66,15 @@ class Watch {
   ~Watch() { join(); }
 
   KXBusObservers& observers() { return mObservers; }
+  // The library itself answers these only when it is not about to connect, which takes a second
+  // where the server hangs.
+  bool isConnected() const { return mIsConnected; }
+  std::size_t maxPayload() const { return mMaxPayload; }
   void start(natsConnection* connection) {
     std::lock_guard const lock(mMutex);
     mConnection = connection;
+    xLearnMaxPayload();
+    mIsConnected = natsConnection_Status(connection) == NATS_CONN_STATUS_CONNECTED;
     mThread = std::thread([this] { xRun(); });
   }
   /// What the library says from now on is our own doing.
@@ -83,8 +90,14 @@ class Watch {
 
   // ---- for the library's thread
 
-  void lost() { xPut({KXBusEvent::Kind::Lost}); }
-  void back() { xPut({KXBusEvent::Kind::Back}); }
+  void lost() {
+    mIsConnected = false;
+    xPut({KXBusEvent::Kind::Lost});
+  }
+  void back() {
+    mIsConnected = true;
+    xPut({KXBusEvent::Kind::Back});
+  }
   void failed(natsSubscription* subscription, natsStatus status, std::string const& text) {
     if (status == NATS_SLOW_CONSUMER) {
       char const* const subject = natsSubscription_GetSubject(subscription);
@@ -100,6 +113,7 @@ class Watch {
   }
   /// The library tries no more: twice the same refusal while it came back.
   void closed() {
+    mIsConnected = false;
     {
       std::lock_guard const lock(mMutex);
       if (mIsClosing) return;
@@ -123,6 +137,10 @@ class Watch {
     }
     ka::log::LogStream(ka::log::Warning, "KXBus", "", "failed", 0)
         << "trouble with the bus at '" << mAddress << "': " << text;
+  }
+
+  void xLearnMaxPayload() {
+    mMaxPayload = static_cast<std::size_t>(natsConnection_GetMaxPayload(mConnection));
   }
 
   void xRun() {
@@ -149,6 +167,7 @@ class Watch {
       // The server has to have the subscriptions. If it is lost again meanwhile, it was not back.
       if (natsConnection_FlushTimeout(mConnection, kBackTimeoutMs) != NATS_OK) return;
       mIsLost = false;
+      xLearnMaxPayload();
       auto const lost = std::chrono::duration_cast<std::chrono::milliseconds>(time - mLostAt);
       {
         std::lock_guard const lock(mMutex);
@@ -163,6 +182,8 @@ class Watch {
 
   std::string const mAddress;
   KXBusObservers mObservers;
+  std::atomic<bool> mIsConnected{false};
+  std::atomic<std::size_t> mMaxPayload{0};
   natsConnection* mConnection = nullptr;
   std::thread mThread;
   // Of mThread:
@@ -443,12 +464,8 @@ class NatsBus : public KXBus {
   std::unique_ptr<KXBusSubscription> observe(EventHandler handler) override {
     return mWatch->observers().add(std::move(handler));
   }
-  bool isConnected() const override {
-    return natsConnection_Status(mConnection.get()) == NATS_CONN_STATUS_CONNECTED;
-  }
-  std::size_t maxPayload() const override {
-    return static_cast<std::size_t>(natsConnection_GetMaxPayload(mConnection.get()));
-  }
+  bool isConnected() const override { return mWatch->isConnected(); }
+  std::size_t maxPayload() const override { return mWatch->maxPayload(); }
   std::string const& inboxPrefix() const override { return mInboxPrefix; }
   std::string const& user() const override { return mUser; }
   std::string const& address() const override { return mAddress; }
@@ -466,11 +483,15 @@ class NatsBus : public KXBus {
     mConnection.reset(made);
     std::string const text =
         "cannot connect to the bus at '" + mAddress + "': " + describeNatsStatus(status);
-    // By TLS 1.3 this side takes itself to be let in before the server has seen its certificate.
-    if (status == NATS_PROTOCOL_ERROR)
+    // By TLS 1.3 this side takes itself to be let in before the server has seen its certificate:
+    // what it reads, or writes, next fails.
+    bool const isCutOff =
+        text.find("SSL_write") != std::string::npos || text.find("SSL_read") != std::string::npos;
+    if (status == NATS_PROTOCOL_ERROR || (status == NATS_IO_ERROR && isCutOff))
       throwBusError("connect",
-                    text + "; the server has closed the connection, as one does that asks for a "
-                           "certificate",
+                    text +
+                        "; the server has closed the connection, as one does that asks for a "
+                        "certificate",
                     KXError::Kind::Refused);
     if (status != NATS_OK) throwBusError("connect", text, kindOf(status));
     mWatch->start(mConnection.get());

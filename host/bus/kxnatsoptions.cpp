@@ -23,7 +23,7 @@ namespace KX {
 namespace {
 
 constexpr int kDefaultPort = 4222;
-constexpr int kConnectTimeoutMs = 2000;
+constexpr int kConnectTimeoutMs = 1000;  // a server that hangs holds up who ends meanwhile
 /// Above the server's own, so that it cuts a slow receiver before the sender gives up.
 constexpr int kWriteDeadlineMs = 2000;
 /// A server that hangs is noticed after two to three of them.

@@ -108,6 +108,7 @@ class KXServer::Impl {
   void serve(std::string const& module);
   void stopServing(std::string const& module);
   void serveBroker(std::string const& user, std::string const& nonce);
+  void refuse();
 
   std::vector<std::string> served() const;
   std::vector<KXMethodStatistics> statistics(std::string const& module) const;
@@ -222,6 +223,12 @@ void KXServer::Impl::serveBroker(std::string const& user, std::string const& non
   xSubscribe(service, mSubjects.callsAt(user, nonce), "");
   std::lock_guard const lock(mMutex);
   mOfBroker.push_back(service);
+}
+
+void KXServer::Impl::refuse() {
+  std::lock_guard const lock(mMutex);
+  for (auto const& service : mOfBroker) service->isEnding = true;
+  for (auto const& [module, service] : mServices) service->isEnding = true;
 }
 
 void KXServer::Impl::xSubscribe(std::shared_ptr<Service> const& service, std::string const& subject,
@@ -505,6 +512,10 @@ void KXServer::stopServing(std::string const& module) {
 
 void KXServer::serveBroker(std::string const& user, std::string const& nonce) {
   mImpl->serveBroker(user, nonce);
+}
+
+void KXServer::refuse() {
+  mImpl->refuse();
 }
 
 std::string const& KXServer::instance() const noexcept {

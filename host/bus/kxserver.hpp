@@ -44,6 +44,10 @@ class KX_API KXServer {
   /// Answers the calls to all modules of the broker under their full address "NAME@USER.NONCE".
   void serveBroker(std::string const& user, std::string const& nonce);
 
+  /// Refuses requests from now on, as those to a module that nobody has. Calls in progress go on,
+  /// so that their modules can be told to end.
+  void refuse();
+
   /// Tells this server from those that were there before: 16 hexadecimal digits.
   std::string const& instance() const noexcept;
   /// The modules under their plain names.

@@ -1,8 +1,12 @@
 #include <host/memory/kxdelivery.hpp>
 
+#include <algorithm>
 #include <ctime>
 #include <utility>
 #include <vector>
+
+#include <host/bus/kxsubject.hpp>
+#include <kxerror/kxerror.hpp>
 
 namespace KX {
 
@@ -52,8 +56,22 @@ KXDelivery::QueuePointer KXDelivery::xQueueOf(std::string const& module) {
   std::erase_if(mQueues, [](auto const& entry) { return entry.second->joinIfOver(); });
   auto const known = mQueues.find(module);
   if (known != mQueues.end()) return known->second;
+  xCheckUser(module);
   return mQueues.emplace(module, std::make_shared<KXSubscriberQueue>(module, mContext))
       .first->second;
+}
+
+// Who may subscribe for himself only may still make up as many processes of his as he likes.
+void KXDelivery::xCheckUser(std::string const& module) const {
+  std::string const user = parseAddress(module).user;
+  if (user.empty()) return;
+  auto const count = std::ranges::count_if(
+      mQueues, [&](auto const& entry) { return parseAddress(entry.first).user == user; });
+  if (count < kMaxOfUser) return;
+  throw KXError("KXMemory", "subscribe",
+                "user '" + user + "' has " + std::to_string(count) +
+                    " modules that are told of events, the most that there may be",
+                "memory/kxdelivery", 0, KXError::Kind::Refused);
 }
 
 bool KXDelivery::post(KXSubscriptionList const& subscribers, KXValue const& value) {

@@ -26,6 +26,10 @@ namespace KX {
 /// Threads: every operation may be called from any thread, subscribers included.
 class KX_API KXDelivery {
  public:
+  /// How many modules of a user's, in other processes, may be told of anything. Each costs a thread
+  /// and the room for what waits, whether it exists or not.
+  static constexpr int kMaxOfUser = 32;
+
   /// Subscribers are looked up with the broker, which is not kept alive. The clock is a test's, or
   /// one of the system's that is cheap to read.
   explicit KXDelivery(boost::shared_ptr<KXBroker> const& broker, std::int64_t (*nowMs)() = nullptr);
@@ -35,6 +39,7 @@ class KX_API KXDelivery {
   KXDelivery& operator=(KXDelivery const&) = delete;
 
   /// A subscription, with the module's queue behind it. It ends when nobody owns it any more.
+  /// KXError (Refused) if the module, "NAME@USER.NONCE", would be one too many of that user.
   std::shared_ptr<KXSubscription> subscribe(std::string const& key, std::string const& module,
                                             std::string const& method, KXValue const& message);
 
@@ -51,6 +56,7 @@ class KX_API KXDelivery {
   using QueuePointer = std::shared_ptr<KXSubscriberQueue>;
 
   QueuePointer xQueueOf(std::string const& module);
+  void xCheckUser(std::string const& module) const;
 
   std::shared_ptr<KXDeliveryContext> const mContext;
   std::mutex mMutex;

@@ -169,13 +169,13 @@ KXMemoryTable::Batch const& KXMemoryTable::xResolve(KXValue const& names, char c
   return batch;
 }
 
-// The name's slot, made and reserved if nobody wrote it; null if no more can be reserved.
+// The name's slot, made and reserved if nobody wrote it; null if it or no more can be reserved.
 KXMemorySlot* KXMemoryTable::xReserve(std::string const& name) {
   auto place = mSlots.find(name);
   bool const isReserved =
       place != mSlots.end() && (place->second.type != KXKeyType::None || place->second.isReserved);
   if (isReserved) return &place->second;
-  if (mReservedCount == kMaxReserved) return nullptr;
+  if (mReservedCount == kMaxReserved || name.size() > kMaxReservedName) return nullptr;
   if (place == mSlots.end()) place = xFindOrMake(name);
   place->second.isReserved = true;
   ++mReservedCount;

@@ -39,6 +39,8 @@ class KXMemoryTable {
  public:
   /// How many names that nobody wrote may be reserved by batch reads.
   static constexpr std::size_t kMaxReserved = 100000;
+  /// In bytes, of such a name: who only reads is not to use up the memory.
+  static constexpr std::size_t kMaxReservedName = 1024;
 
   /// The key's slot, made if nobody wrote it yet. KXError if the key is of another type.
   KXMemorySlot& slotToWrite(std::string const& name, KXKeyType type, char const* method);

@@ -562,7 +562,7 @@ TEST_F(KXCallerTest, CallsTheStoreInItsOwnName) {
     return std::ranges::count(subjects, "kx.r.KXMemory.getData") == 1;
   }));
   std::lock_guard const lock(mutex);
-  EXPECT_EQ(std::ranges::count(subjects, "kx.r.@from.viewer.KXMemory.subscribeToEvent"), 3);
+  EXPECT_EQ(std::ranges::count(subjects, "kx.r.@from.viewer.KXMemory.subscribeToEvent"), 4);
   EXPECT_EQ(std::ranges::count(subjects, "kx.r.KXMemory.subscribeToEvent"), 0);
 }
 

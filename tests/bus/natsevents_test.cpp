@@ -172,19 +172,25 @@ TEST_F(NatsEvents, DoNotHoldUpWhoSendsThemOrEnds) {
   server.hang();
   // More modules than there is room for in the network, each with as much as may be in flight.
   Clock::duration worst{0};
+  int slowCount = 0;
   for (int module = 0; module < 40; ++module) {
     for (int pack = 0; pack < 20; ++pack) {
       Clock::time_point const before = Clock::now();
       sender->notify("M" + std::to_string(module), numberedFrom(1, 60, 1000));
-      worst = std::max(worst, Clock::now() - before);
+      Clock::duration const took = Clock::now() - before;
+      worst = std::max(worst, took);
+      if (took > 500ms) ++slowCount;
     }
   }
-  EXPECT_LT(worst, 2500ms);  // one message's time to be written
+  // One message's time to be written, and then nobody tries any more.
+  EXPECT_LT(worst, 2500ms);
+  EXPECT_LE(slowCount, 2);
   RecordProperty("worstMs", std::to_string(worst / 1ms));
 
   Clock::time_point const before = Clock::now();
   sender.reset();
-  EXPECT_LT(Clock::now() - before, 1s);
+  // A subscription ends between two attempts to connect, which take up to 2 s.
+  EXPECT_LT(Clock::now() - before, 2500ms);
   server.goOn();
 }
 

@@ -8,6 +8,7 @@
 #include <mutex>
 #include <optional>
 #include <set>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -21,6 +22,7 @@
 #include <host/bus/kxwire.hpp>
 #include <host/rttools/kxhost.hpp>
 #include <kxproxies/kxmemoryproxy.hpp>
+#include <tests/support/logcapture.hpp>
 
 #include "busworld.hpp"
 #include "robotserver.hpp"
@@ -131,6 +133,9 @@ std::vector<WildRights> const& wildRights() {
       {"kx.r1.@events.viewer.1f.*", {"host", "viewer"}},
       {"kx.r1.KXMemoryWatcher.*", {"host", "module"}},
       {"$SRV.>", {"host"}},
+      {"$SRV.*", {"host"}},
+      {"$SRV.PING.>", {"host"}},
+      {"$SRV.*.*", {"host"}},
       {"_INBOX_host.>", {"host"}},
       {"_INBOX_viewer.>", {"viewer"}},
       {"_INBOX_viewer.*", {"viewer"}},
@@ -376,8 +381,8 @@ TEST_F(Robot, WatcherOfItsOwnProcessIsToldOfEventsAndReadsTheStore) {
   process->loadModule(KX_LIB_DIR "/libmemorywatcher.so");
   process->announce();
   auto const operatr = join("operator");
-  call(*operatr, "KXMemoryWatcher", "addListeners", {KXValue::arrayOf("Arm/Angle", "Arm/Touched")});
   call(*operatr, "KXMemoryWatcher", "startWatching", {10});
+  call(*operatr, "KXMemoryWatcher", "addListeners", {KXValue::arrayOf("Arm/Angle", "Arm/Touched")});
   call(*mHost, "KXMemory", "raiseEvent", {"Arm/Touched", "left"});
 
   std::string samples;
@@ -519,6 +524,47 @@ TEST_F(Robot, GoesOnAfterMessagesThatAreNone) {
   process->flush(10'000);
 
   EXPECT_EQ(call(*mHost, "KXMemory", "getData", {"Arm/Angle"}), KXValue(1.5));
+}
+
+long residentKb() {
+  std::istringstream status(testing::readFile("/proc/self/status"));
+  for (std::string line; std::getline(status, line);) {
+    if (line.starts_with("VmRSS:")) return std::stol(line.substr(6));
+  }
+  return 0;
+}
+
+TEST_F(Robot, IsNotFilledUpByMadeUpNames) {
+  LogCapture const log;
+  auto const viewer = connectNats(mServer.options("viewer"));
+  auto const process = connectNats(mServer.options("module"));
+  std::string const text(1000, 'n');
+  long const before = residentKb();
+
+  for (int i = 0; i < 20'000; ++i) {
+    std::string const name = text + std::to_string(i);
+    std::string const hello = encodeValue(KXValue::arrayOf(name + "@viewer.1f"));
+    std::string const here = encodeValue(KXValue::arrayOf(name, name));
+    std::string const claim = encodeValue(KXValue::arrayOf("claims", name, name, i, name));
+    viewer->publish({.subject = "kx.r1.@hello", .payload = hello});
+    process->publish({.subject = "kx.r1.@here", .payload = here});
+    process->publish({.subject = "kx.r1.@claim.KXMemoryWatcher", .payload = claim});
+  }
+  viewer->flush(30'000);
+  process->flush(30'000);
+  // As many processes of his as he likes.
+  std::string last;
+  for (int i = 0; i < 100; ++i) {
+    std::string const arguments =
+        encodeValue(KXValue::arrayOf("Arm/Touched", "M@viewer." + std::to_string(i), "onTouch"));
+    last = errorCodeOf(
+        *viewer, {.subject = "kx.r1.@from.viewer.KXMemory.subscribeToEvent", .payload = arguments});
+  }
+
+  EXPECT_EQ(last, "403");
+  EXPECT_EQ(call(*mHost, "KXMemory", "getData", {"Arm/Angle"}), KXValue(1.5));
+  // 60 MB were sent.
+  EXPECT_LT(residentKb() - before, 30'000);
 }
 
 }  // namespace

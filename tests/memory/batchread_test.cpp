@@ -197,6 +197,18 @@ TEST_F(ReservedName, BoundIsKeptAndNamesBeyondItStillWork) {
   EXPECT_EQ(store->getListData(names)[last], KXValue(7));
 }
 
+TEST_F(ReservedName, IsNoLongerThanTheBound) {
+  std::string const longest(KXMemoryTable::kMaxReservedName, 'n');
+  KXValue const names(Texts{longest, longest + "n"});
+
+  EXPECT_FALSE(store->getListData(names)[1].isValid());
+
+  EXPECT_EQ(store->getType(longest), "Unknown data");
+  EXPECT_EQ(errorOf([&] { store->getType(longest + "n"); }), "unknown key '" + longest + "n'");
+  store->insertData(longest + "n", 7);
+  EXPECT_EQ(store->getListData(names)[1], KXValue(7));
+}
+
 TEST_F(ReservedName, BeyondTheBoundDoesNotLendItsValuesToTheListThatItDisplaces) {
   Texts texts;
   for (std::size_t i = 0; i < KXMemoryTable::kMaxReserved; ++i) {

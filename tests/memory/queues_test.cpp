@@ -347,6 +347,38 @@ struct Backlog : Queues {
   KXSubscriptionList const subscribers{delivery.subscribe("e", "Slow", "onNotify", "")};
 };
 
+TEST_F(Backlog, IsKeptForSoManyModulesOfAUserAndNoMore) {
+  constexpr int kMax = KXDelivery::kMaxOfUser;
+  std::vector<std::shared_ptr<KXSubscription>> held;
+  auto const subscribe = [&](std::string const& module) {
+    held.push_back(delivery.subscribe("e", module, "onNotify", ""));
+  };
+  for (int i = 0; i < kMax; ++i) subscribe("M@viewer." + std::to_string(i));
+
+  try {
+    subscribe("M@viewer.one-more");
+    ADD_FAILURE() << "it was let in";
+  } catch (KXError const& error) {
+    EXPECT_EQ(error.getKind(), KXError::Kind::Refused);
+    EXPECT_EQ(error.getDescription(),
+              "user 'viewer' has 32 modules that are told of events, the most that there may be");
+  }
+
+  // Again, others, and one after another has ended.
+  subscribe("M@viewer.0");
+  subscribe("M@module.0");
+  for (int i = 0; i < 2 * kMax; ++i) subscribe("Own" + std::to_string(i));
+  held.erase(held.begin() + 1);
+  EXPECT_TRUE(waitUntil([&] {
+    try {
+      subscribe("M@viewer.one-more");
+      return true;
+    } catch (KXError const&) {
+      return false;  // The thread of the one that ended is still there.
+    }
+  }));
+}
+
 using Texts = std::vector<std::string>;
 
 TEST_F(Backlog, OfMoreThanTheBoundIsOneWarningUntilTheQueueIsEmpty) {

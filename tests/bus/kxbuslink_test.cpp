@@ -1,0 +1,250 @@
+// Brokers joined to one robot, and how they leave it.
+#include <host/bus/kxbuslink.hpp>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <binding/kxproxycall.hpp>
+#include <binding/kxpublish.hpp>
+#include <host/bus/kxmemorybus.hpp>
+#include <host/launcher/kxlauncher.hpp>
+#include <host/memory/kxmemory.hpp>
+#include <kxerror/kxerror.hpp>
+#include <kxproxies/kxmemoryproxy.hpp>
+#include <memorywatcher/kxmemorywatcher.hpp>
+
+namespace KX {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using ::testing::HasSubstr;
+
+bool waitUntil(std::function<bool()> const& condition) {
+  auto const end = Clock::now() + std::chrono::seconds(30);
+  while (!condition()) {
+    if (Clock::now() > end) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
+// Notes the events it is told of; park() stays until the module is taken out of service.
+class Guest : public KXModule {
+ public:
+  explicit Guest(boost::shared_ptr<KXBroker> const& broker) : KXModule(broker, "Guest") {
+    publish(*this, {"onEvent"}, &Guest::onEvent);
+    publish(*this, {"park"}, &Guest::park);
+    publish(*this, {"twice"}, &Guest::twice);
+    onClosing([this] {
+      std::lock_guard const lock(mMutex);
+      mIsOver = true;
+      mWakeUp.notify_all();
+    });
+  }
+
+  void onEvent(std::string const& key, KXValue const& value, KXValue const& /*message*/) {
+    std::lock_guard const lock(mMutex);
+    mEvents.push_back(key + "=" + value.toString());
+  }
+  void park() {
+    std::unique_lock lock(mMutex);
+    mIsParked = true;
+    mWakeUp.wait(lock, [this] { return mIsOver; });
+  }
+  int twice(int const& number) { return 2 * number; }
+
+  bool isParked() {
+    std::lock_guard const lock(mMutex);
+    return mIsParked;
+  }
+  std::vector<std::string> events() {
+    std::lock_guard const lock(mMutex);
+    return mEvents;
+  }
+
+ private:
+  std::mutex mMutex;
+  std::condition_variable mWakeUp;
+  bool mIsParked = false;            // guarded by mMutex
+  bool mIsOver = false;              // guarded by mMutex
+  std::vector<std::string> mEvents;  // guarded by mMutex
+};
+
+// One process of the robot.
+struct Side {
+  Side(KXBusNetwork& network, std::string const& user, int timeoutMs = 5000)
+      : bus(network.connect(user)),
+        broker(KXBroker::createBroker(KXBusLink::newBrokerName(*bus))),
+        link(std::make_unique<KXBusLink>(bus, broker, "r", timeoutMs)) {}
+  ~Side() { end(); }
+  Side(Side const&) = delete;
+  Side& operator=(Side const&) = delete;
+
+  void end() {
+    if (!link) return;
+    link->leave();
+    broker->shutdown();
+    link->close();
+    link.reset();
+  }
+
+  std::shared_ptr<KXBus> const bus;
+  boost::shared_ptr<KXBroker> const broker;
+  std::unique_ptr<KXBusLink> link;
+};
+
+struct BusLink : ::testing::Test {
+  std::unique_ptr<Side> makeHost() {
+    auto host = std::make_unique<Side>(network, "host");
+    store = KXModule::createModule<KXMemory>(host->broker);
+    host->link->announce({"KXMemory"});
+    return host;
+  }
+
+  KXBusNetwork network{KXBusNetwork::Pacing::Threaded};
+  boost::shared_ptr<KXMemory> store;
+};
+
+TEST_F(BusLink, ReachesAnAnnouncedModuleByItsPlainName) {
+  Side there(network, "there");
+  Side here(network, "here");
+  KXModule::createModule<Guest>(there.broker);
+  there.link->announce({"Guest"});
+
+  EXPECT_EQ(here.broker->getProxy("Guest", 0)->call<int>("twice", 21), 42);
+}
+
+TEST_F(BusLink, ReachesAModuleThatIsNotAnnouncedByItsAddressAlone) {
+  Side there(network, "there");
+  Side here(network, "here");
+  KXModule::createModule<Guest>(there.broker);
+
+  auto const proxy = here.broker->getProxy("Guest@" + there.broker->getName(), 0);
+
+  EXPECT_EQ(proxy->call<int>("twice", 21), 42);
+  EXPECT_THROW(here.broker->getProxy("Guest", 0), KXError);
+}
+
+TEST_F(BusLink, RefusesANameThatSomebodyHas) {
+  Side first(network, "first");
+  Side second(network, "second");
+  KXModule::createModule<Guest>(first.broker);
+  KXModule::createModule<Guest>(second.broker);
+  first.link->announce({"Guest"});
+
+  EXPECT_THROW(second.link->announce({"Guest"}), KXError);
+  first.end();
+  second.link->announce({"Guest"});
+
+  Side client(network, "client");
+  EXPECT_EQ(client.broker->getProxy("Guest", 0)->call<int>("twice", 1), 2);
+}
+
+TEST_F(BusLink, BringsEventsBackToTheProcessThatSubscribed) {
+  auto const host = makeHost();
+  Side one(network, "one");
+  Side other(network, "other");
+  auto const guest = KXModule::createModule<Guest>(one.broker);
+  auto const stranger = KXModule::createModule<Guest>(other.broker);
+  KXMemoryProxy proxy(one.broker);
+
+  proxy.subscribeToEvent("e", "Guest", "onEvent");
+  for (int i = 0; i < 3; ++i) store->raiseEvent("e", i);
+
+  ASSERT_TRUE(waitUntil([&] { return guest->events().size() == 3; }));
+  EXPECT_EQ(guest->events(), (std::vector<std::string>{"e=0", "e=1", "e=2"}));
+  EXPECT_TRUE(stranger->events().empty());
+}
+
+TEST_F(BusLink, RenewsSubscriptionsWhenTheRobotsHostIsStartedAnew) {
+  auto host = makeHost();
+  Side side(network, "one");
+  auto const guest = KXModule::createModule<Guest>(side.broker);
+  KXMemoryProxy proxy(side.broker);
+  proxy.subscribeToEvent("e", "Guest", "onEvent");
+  store->raiseEvent("e", "before");
+  ASSERT_TRUE(waitUntil([&] { return guest->events().size() == 1; }));
+
+  store.reset();
+  host.reset();
+  host = makeHost();
+
+  ASSERT_TRUE(waitUntil([&] {
+    store->raiseEvent("e", "after");
+    return guest->events().size() > 1;
+  }));
+  EXPECT_EQ(guest->events().back(), "e=after");
+}
+
+TEST_F(BusLink, EndsACallInProgressByEndingItsModule) {
+  auto there = std::make_unique<Side>(network, "there");
+  Side here(network, "here");
+  auto const guest = KXModule::createModule<Guest>(there->broker);
+  auto const proxy = here.broker->getProxy("Guest@" + there->broker->getName(), 0);
+  std::thread caller([&] { proxy->call<void>("park"); });
+  ASSERT_TRUE(waitUntil([&] { return guest->isParked(); }));
+
+  auto const start = Clock::now();
+  there.reset();
+
+  caller.join();
+  EXPECT_LT(Clock::now() - start, std::chrono::seconds(5));
+}
+
+TEST_F(BusLink, LeavesWithinASecondAlthoughNobodyAnswers) {
+  auto const host = makeHost();
+  auto side = std::make_unique<Side>(network, "watcher");
+  KXModule::createModule<KXLauncher>(side->broker);
+  auto watcher = KXModule::createModule<KXMemoryWatcher>(side->broker);
+  for (int i = 0; i < 20; ++i) store->declareEvent("e" + std::to_string(i));
+  watcher->startWatching(10);
+  for (int i = 0; i < 20; ++i) watcher->addListener("e" + std::to_string(i));
+  network.setFaults([](KXBusTransfer const&) { return KXBusFate{{}, false}; });  // all is lost
+
+  auto const start = Clock::now();
+  watcher.reset();
+  side.reset();
+
+  // Each of the twenty subscriptions is to be ended at the store, and none of them is.
+  EXPECT_LT(Clock::now() - start, std::chrono::seconds(3));
+  network.setFaults({});
+}
+
+TEST_F(BusLink, MayBeToldToEndAgain) {
+  Side side(network, "one");
+
+  for (int i = 0; i < 2; ++i) {
+    side.link->leave();
+    side.link->close();
+  }
+
+  EXPECT_EQ(side.broker->getTransport(), nullptr);
+}
+
+TEST_F(BusLink, ReachesNobodyAfterItsEnd) {
+  auto const host = makeHost();
+  Side side(network, "one");
+  auto const proxy = side.broker->getProxy("KXMemory", 0);
+
+  side.end();
+
+  try {
+    proxy->genericCall("getKeys", KXValue::arrayOf(""));
+    FAIL() << "did not throw";
+  } catch (KXError const& error) {
+    EXPECT_EQ(error.getKind(), KXError::Kind::Disconnected);
+    EXPECT_THAT(error.what(), HasSubstr("closed"));
+  }
+}
+
+}  // namespace
+}  // namespace KX
