@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <functional>
+#include <iostream>
 #include <memory>
 #include <optional>
 #include <string>
@@ -125,6 +126,14 @@ class Faults : public ::testing::Test {
     endPosting();
     watcher.reset();
     store.reset();
+    if (!HasFailure()) return;
+    std::vector<std::string> const texts = log.texts();
+    auto const shown = std::min<std::ptrdiff_t>(std::ssize(texts), 20);
+    for (auto text = texts.end() - shown; text != texts.end(); ++text) {
+      std::cerr << "log: " << *text << '\n';
+    }
+    std::cerr << "last " << mLedger.last << ", skipped " << mLedger.skipped << ", back "
+              << mLedger.back << ", batches " << mLedger.timesUs.size() << '\n';
   }
 
   static KXHost::Options hostOptions(std::string const& url, KXHost::Announced announced) {
