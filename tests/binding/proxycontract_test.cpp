@@ -1,6 +1,7 @@
 // What a client can rely on whichever way its call takes.
 #include <binding/kxproxycall.hpp>
 
+#include <memory>
 #include <ostream>
 #include <string>
 #include <thread>
@@ -14,48 +15,64 @@
 #include <kxerror/kxerror.hpp>
 #include <tests/binding/calledmodule.hpp>
 #include <tests/support/faketransport.hpp>
-#include <tests/support/testhost.hpp>
+#include <tests/support/joinedbrokers.hpp>
 
 namespace KX {
 namespace {
 
 using Texts = std::vector<std::string>;
 
-enum class Way { Local, Script, Remote };
+enum class Way { Local, Script, Remote, Bus, BusScript };
 void PrintTo(Way way, std::ostream* out) {
-  constexpr char const* kNames[] = {"Local", "Script", "Remote"};
+  constexpr char const* kNames[] = {"Local", "Script", "Remote", "Bus", "BusScript"};
   *out << kNames[static_cast<int>(way)];
 }
 
 class ProxyContract : public ::testing::TestWithParam<Way> {
  protected:
-  ProxyContract()
-      : mModule(boost::make_shared<CalledModule>(
-            mHost.getBroker(),
-            GetParam() == Way::Script ? CalledModule::Kind::Script : CalledModule::Kind::Bound)) {
-    mHost.publish(mModule);
-    if (GetParam() == Way::Remote) {
-      mCallersBroker = KXBroker::createBroker("caller");
-      mProxy = boost::make_shared<KXProxy>(
-          mCallersBroker, "Called", boost::make_shared<testing::FakeTransport>(mHost.getBroker()));
+  ProxyContract() {
+    if (isOverTheBus()) {
+      mJoined = std::make_unique<testing::JoinedBrokers>();
+      mBroker = mJoined->there.getBroker();
+      mCallersBroker = mJoined->here.getBroker();
     } else {
-      mProxy = mHost.getProxy("Called");
+      mBroker = KXBroker::createBroker("test");
+      mCallersBroker = GetParam() == Way::Remote ? KXBroker::createBroker("caller") : mBroker;
+    }
+    mModule = boost::make_shared<CalledModule>(
+        mBroker, isOfAScript() ? CalledModule::Kind::Script : CalledModule::Kind::Bound);
+    mModule->initModule();
+    mModule->init();
+    if (mJoined) mJoined->there.announce("Called");
+    if (GetParam() == Way::Remote) {
+      mProxy = boost::make_shared<KXProxy>(mCallersBroker, "Called",
+                                           boost::make_shared<testing::FakeTransport>(mBroker));
+    } else {
+      mProxy = mCallersBroker->getProxy("Called", 0);
     }
   }
-  ~ProxyContract() override { mModule->gate.open(); }
+  ~ProxyContract() override {
+    mModule->gate.open();
+    if (!mJoined) mBroker->shutdown();
+  }
 
-  testing::TestHost mHost;
-  boost::shared_ptr<CalledModule> const mModule;
+  static bool isOverTheBus() { return GetParam() == Way::Bus || GetParam() == Way::BusScript; }
+  static bool isOfAScript() { return GetParam() == Way::Script || GetParam() == Way::BusScript; }
+
+  std::unique_ptr<testing::JoinedBrokers> mJoined;
+  boost::shared_ptr<KXBroker> mBroker;
+  boost::shared_ptr<CalledModule> mModule;
   boost::shared_ptr<KXBroker> mCallersBroker;
   boost::shared_ptr<KXProxy> mProxy;
 };
 
 INSTANTIATE_TEST_SUITE_P(Over, ProxyContract,
-                         ::testing::Values(Way::Local, Way::Script, Way::Remote),
+                         ::testing::Values(Way::Local, Way::Script, Way::Remote, Way::Bus,
+                                           Way::BusScript),
                          ::testing::PrintToStringParamName());
 
 TEST_P(ProxyContract, TellsWhichWayItTakes) {
-  bool const isLocal = GetParam() != Way::Remote;
+  bool const isLocal = GetParam() == Way::Local || GetParam() == Way::Script;
 
   EXPECT_EQ(mProxy->isLocal(), isLocal);
   EXPECT_EQ(mProxy->isScript(), GetParam() == Way::Script);

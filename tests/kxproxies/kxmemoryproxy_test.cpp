@@ -12,12 +12,16 @@
 #include <kxcommon/kxbroker.hpp>
 #include <kxproxies/kxmemoryproxy.hpp>
 #include <tests/support/fakememory.hpp>
+#include <tests/support/joinedbrokers.hpp>
 #include <tests/support/parkinggate.hpp>
 
 namespace KX {
 namespace {
 
+using testing::OneBroker;
+using testing::OverTheBus;
 using testing::ParkingGate;
+using testing::Placed;
 using Texts = std::vector<std::string>;
 
 // A store that somebody else wrote: other C++ types behind the same names.
@@ -98,14 +102,19 @@ class DirectStore : public FakeMemory {
   }
 };
 
-template <class Store>
+template <class Way>
 struct MemoryProxyContract : ::testing::Test {
-  boost::shared_ptr<KXBroker> const broker = KXBroker::createBroker("test");
-  boost::shared_ptr<Store> const store = KXModule::createModule<Store>(broker);
-  KXMemoryProxy proxy{broker};
+  MemoryProxyContract() { place.announce("KXMemory"); }
+
+  typename Way::Place place;
+  boost::shared_ptr<typename Way::Module> const store =
+      KXModule::createModule<typename Way::Module>(place.modules());
+  KXMemoryProxy proxy{place.clients()};
 };
-using Stores = ::testing::Types<DirectStore, ForeignStore, ScriptStore>;
-TYPED_TEST_SUITE(MemoryProxyContract, Stores);
+using Ways = ::testing::Types<Placed<OneBroker, DirectStore>, Placed<OneBroker, ForeignStore>,
+                              Placed<OneBroker, ScriptStore>, Placed<OverTheBus, DirectStore>,
+                              Placed<OverTheBus, ForeignStore>, Placed<OverTheBus, ScriptStore>>;
+TYPED_TEST_SUITE(MemoryProxyContract, Ways);
 
 TYPED_TEST(MemoryProxyContract, Reads) {
   EXPECT_EQ(this->proxy.getData("a"), KXValue("value of a"));
@@ -115,14 +124,17 @@ TYPED_TEST(MemoryProxyContract, Reads) {
 }
 
 TYPED_TEST(MemoryProxyContract, PassesTheArgumentsOfSubscriptionsInOrder) {
+  using Store = typename TypeParam::Module;
+  std::string const module = this->place.addressOf("module");
+
   this->proxy.subscribeToEvent("key", "module", "method");
-  EXPECT_EQ(TypeParam::subscribed(*this->store), (Texts{"key", "module", "method"}));
+  EXPECT_EQ(Store::subscribed(*this->store), (Texts{"key", module, "method"}));
   this->proxy.subscribeToMicroEvent("key", "module", "message", "method");
-  EXPECT_EQ(TypeParam::subscribed(*this->store), (Texts{"key", "module", "message", "method"}));
+  EXPECT_EQ(Store::subscribed(*this->store), (Texts{"key", module, "message", "method"}));
   this->proxy.unsubscribeToEvent("key", "module");
-  EXPECT_EQ(TypeParam::subscribed(*this->store), (Texts{"key", "module"}));
+  EXPECT_EQ(Store::subscribed(*this->store), (Texts{"key", module}));
   this->proxy.unsubscribeToMicroEvent("key2", "module");
-  EXPECT_EQ(TypeParam::subscribed(*this->store), (Texts{"key2", "module"}));
+  EXPECT_EQ(Store::subscribed(*this->store), (Texts{"key2", module}));
 }
 
 struct MemoryProxy : ::testing::Test {

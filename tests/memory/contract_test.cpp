@@ -1,4 +1,4 @@
-// What the store promises its readers: the real one and the fake alike.
+// What the store promises its readers: the real one and the fake alike, near and over the bus.
 #include <string>
 #include <vector>
 
@@ -8,12 +8,16 @@
 #include <kxcommon/kxbroker.hpp>
 #include <kxproxies/kxmemoryproxy.hpp>
 #include <tests/support/fakememory.hpp>
+#include <tests/support/joinedbrokers.hpp>
 
 #include "subscriber.hpp"
 
 namespace KX {
 namespace {
 
+using testing::OneBroker;
+using testing::OverTheBus;
+using testing::Placed;
 using Texts = std::vector<std::string>;
 
 void putData(KXMemory& store, std::string const& name, KXValue const& value) {
@@ -41,14 +45,18 @@ void forget(FakeMemory& store, std::string const& name) {
   store.forget(name);
 }
 
-template <class Store>
+template <class Way>
 struct StoreContract : ::testing::Test {
-  boost::shared_ptr<KXBroker> const broker = KXBroker::createBroker("test");
-  boost::shared_ptr<Store> const store = KXModule::createModule<Store>(broker);
-  KXMemoryProxy client{broker};
+  StoreContract() { place.announce("KXMemory"); }
+
+  typename Way::Place place;
+  boost::shared_ptr<typename Way::Module> const store =
+      KXModule::createModule<typename Way::Module>(place.modules());
+  KXMemoryProxy client{place.clients()};
 };
-using Stores = ::testing::Types<KXMemory, FakeMemory>;
-TYPED_TEST_SUITE(StoreContract, Stores);
+using Ways = ::testing::Types<Placed<OneBroker, KXMemory>, Placed<OneBroker, FakeMemory>,
+                              Placed<OverTheBus, KXMemory>, Placed<OverTheBus, FakeMemory>>;
+TYPED_TEST_SUITE(StoreContract, Ways);
 
 TYPED_TEST(StoreContract, GetDataGivesTheValue) {
   putData(*this->store, "data", KXValue::arrayOf(1, "x"));

@@ -44,7 +44,7 @@ TEST_F(AddWhileWatching, GivesAnEventKeyItsValueAndThenSubscribesIt) {
 
   EXPECT_EQ(calls(), (Calls{{"getType", {"event"}},
                             {"getData", {"event"}},
-                            {"subscribeToEvent", {"event", "KXMemoryWatcher", "_onEventNotify"}}}));
+                            {"subscribeToEvent", {"event", watcherName(), "_onEventNotify"}}}));
   EXPECT_THAT(valuesOf(eventItems().at("event").toKXValue()), ElementsAre(KXValue("e")));
 }
 
@@ -54,7 +54,7 @@ TEST_F(AddWhileWatching, SubscribesAMicroEventKeyWithAnEmptyMessage) {
   EXPECT_EQ(calls(),
             (Calls{{"getType", {"micro"}},
                    {"getData", {"micro"}},
-                   {"subscribeToMicroEvent", {"micro", "KXMemoryWatcher", "", "_onEventNotify"}}}));
+                   {"subscribeToMicroEvent", {"micro", watcherName(), "", "_onEventNotify"}}}));
   EXPECT_THAT(valuesOf(eventItems().at("micro").toKXValue()), ElementsAre(KXValue(0.5)));
 }
 

@@ -23,7 +23,7 @@ constexpr std::int64_t kStepsMs[] = {-kHourMs, -2000, 60'000, 24 * kHourMs};
 
 // ---- what counts as a step
 
-class ClockWatch : public testing::Test {
+class ClockWatch : public ::testing::Test {
  protected:
   std::int64_t look(int periodMs = 50) { return mWatch.look(periodMs); }
 

@@ -98,9 +98,9 @@ TEST_F(Lifecycle, DestructionStopsBeforeItRemovesListeners) {
   Calls const calls = mMemory->getCalls();
   ASSERT_GE(calls.size(), 2U);
   EXPECT_EQ(calls[calls.size() - 2],
-            (FakeMemory::Call{"unsubscribeToEvent", {"event", "KXMemoryWatcher"}}));
+            (FakeMemory::Call{"unsubscribeToEvent", {"event", watcherName()}}));
   EXPECT_EQ(calls[calls.size() - 1],
-            (FakeMemory::Call{"unsubscribeToMicroEvent", {"micro", "KXMemoryWatcher"}}));
+            (FakeMemory::Call{"unsubscribeToMicroEvent", {"micro", watcherName()}}));
 }
 
 // The loop ends first, then the data buffer is cleared, then the event buffer, then the keys go.

@@ -107,11 +107,10 @@ TEST_F(Subscriptions, CarryTheModulesNameAndItsCallback) {
   mWatcher->unsubscribeFromEvent("e");
   mWatcher->unsubscribeFromMicroEvent("m");
 
-  EXPECT_EQ(calls(),
-            (Calls{{"subscribeToEvent", {"e", "KXMemoryWatcher", "_onEventNotify"}},
-                   {"subscribeToMicroEvent", {"m", "KXMemoryWatcher", "", "_onEventNotify"}},
-                   {"unsubscribeToEvent", {"e", "KXMemoryWatcher"}},
-                   {"unsubscribeToMicroEvent", {"m", "KXMemoryWatcher"}}}));
+  EXPECT_EQ(calls(), (Calls{{"subscribeToEvent", {"e", watcherName(), "_onEventNotify"}},
+                            {"subscribeToMicroEvent", {"m", watcherName(), "", "_onEventNotify"}},
+                            {"unsubscribeToEvent", {"e", watcherName()}},
+                            {"unsubscribeToMicroEvent", {"m", watcherName()}}}));
 }
 
 TEST_F(Subscriptions, ReachTheCallerWhenTheyFail) {

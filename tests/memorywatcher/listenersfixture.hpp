@@ -57,25 +57,26 @@ inline LogLine refused(std::string const& function, std::string const& text) {
 }
 
 inline FakeMemory::Call subscribeEvent(std::string const& name) {
-  return {"subscribeToEvent", {name, "KXMemoryWatcher", "_onEventNotify"}};
+  return {"subscribeToEvent", {name, watcherName(), "_onEventNotify"}};
 }
 inline FakeMemory::Call subscribeMicro(std::string const& name) {
-  return {"subscribeToMicroEvent", {name, "KXMemoryWatcher", "", "_onEventNotify"}};
+  return {"subscribeToMicroEvent", {name, watcherName(), "", "_onEventNotify"}};
 }
 inline FakeMemory::Call unsubscribeEvent(std::string const& name) {
-  return {"unsubscribeToEvent", {name, "KXMemoryWatcher"}};
+  return {"unsubscribeToEvent", {name, watcherName()}};
 }
 inline FakeMemory::Call unsubscribeMicro(std::string const& name) {
-  return {"unsubscribeToMicroEvent", {name, "KXMemoryWatcher"}};
+  return {"unsubscribeToMicroEvent", {name, watcherName()}};
 }
 
 /// Runs `call` against every kind of exception that is no KXError, thrown by a method of the store.
+/// A distant store throws none.
 template <class Call>
 void expectPropagation(FakeMemory& memory, std::string const& method, Call call) {
   memory.setHook(method, FakeMemory::throwingValue(std::runtime_error("broken")));
-  EXPECT_THROW(call(), std::runtime_error);
+  expectStoreError<std::runtime_error>(call);
   memory.setHook(method, FakeMemory::throwingValue(42));
-  EXPECT_THROW(call(), int);
+  expectStoreError<int>(call);
   memory.setHook(method, {});
 }
 

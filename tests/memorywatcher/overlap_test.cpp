@@ -14,8 +14,8 @@
 namespace KX {
 namespace {
 
-using testing::ElementsAre;
-using testing::IsEmpty;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
 
 std::vector<int> intsOf(KXValue const& fetched, std::string const& key) {
   std::vector<int> ints;

@@ -41,7 +41,7 @@ TEST_F(RemoveListener, EndsTheSubscriptionOfAnEventKey) {
 
   remove("event");
 
-  EXPECT_EQ(calls(), (Calls{{"unsubscribeToEvent", {"event", "KXMemoryWatcher"}}}));
+  EXPECT_EQ(calls(), (Calls{{"unsubscribeToEvent", {"event", watcherName()}}}));
   EXPECT_THAT(listeners(), IsEmpty());
 }
 
@@ -51,7 +51,7 @@ TEST_F(RemoveListener, EndsTheSubscriptionOfAMicroEventKey) {
 
   remove("micro");
 
-  EXPECT_EQ(calls(), (Calls{{"unsubscribeToMicroEvent", {"micro", "KXMemoryWatcher"}}}));
+  EXPECT_EQ(calls(), (Calls{{"unsubscribeToMicroEvent", {"micro", watcherName()}}}));
   EXPECT_THAT(listeners(), IsEmpty());
 }
 

@@ -159,7 +159,7 @@ struct SimulatedTimed : SimulatedTimeTest {
 struct SimulatedCycle : SimulatedTimeTest {
   SimulatedCycle() : SimulatedTimeTest(Pacing::Cycle) {}
 };
-using SimulatedPacings = testing::Types<SimulatedTimed, SimulatedCycle>;
+using SimulatedPacings = ::testing::Types<SimulatedTimed, SimulatedCycle>;
 
 /// What the module says when the wall clock was set.
 inline LogLine wallClockSet(std::int64_t byMs) {

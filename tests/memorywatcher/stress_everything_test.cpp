@@ -32,7 +32,7 @@ std::string dataKey(int number) {
   return "Data/" + std::to_string(number);
 }
 
-class StressEverything : public testing::TestWithParam<bool> {
+class StressEverything : public ::testing::TestWithParam<bool> {
  protected:
   StressEverything() {
     KXModule::createModule<KXLauncher>(mBroker);
@@ -262,7 +262,7 @@ TEST_P(StressEverything, NoLoopIsLeftBehind) {
   for (auto const& [key, numbers] : mNumbers) EXPECT_TRUE(numbers.empty()) << key;
 }
 
-INSTANTIATE_TEST_SUITE_P(Pacing, StressEverything, testing::Values(false, true),
+INSTANTIATE_TEST_SUITE_P(Pacing, StressEverything, ::testing::Values(false, true),
                          [](auto const& kind) { return kind.param ? "Cycle" : "Timed"; });
 
 }  // namespace

@@ -273,7 +273,7 @@ TEST_P(Promotion, KeyThatIsRemovedOnItsWayStaysRemoved) {
 TEST_P(Promotion, RemovalOfAnotherKeyOnItsWayDoesNotKeepItBack) {
   promoteWhileRemoving("other");
 
-  EXPECT_THAT(dataItems(), testing::IsEmpty());
+  EXPECT_THAT(dataItems(), ::testing::IsEmpty());
   EXPECT_EQ(eventItems().at("k").getNature(), GetParam().nature);
   EXPECT_EQ(mMemory->getCalls(GetParam().subscription.method).size(), 1U);
 }
@@ -361,13 +361,14 @@ TEST_P(Promotion, LaterFailureInTheCycleLeavesAPromotedKeyInBothMaps) {
   EXPECT_EQ(listeners(), (Names{"k", "z", "k"}));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Kinds, Promotion,
-    ::testing::Values(
-        EventKind{"Event", {"subscribeToEvent", {"k", "KXMemoryWatcher", "_onEventNotify"}}},
-        EventKind{"MicroEvent",
-                  {"subscribeToMicroEvent", {"k", "KXMemoryWatcher", "", "_onEventNotify"}}}),
-    ::testing::PrintToStringParamName());
+INSTANTIATE_TEST_SUITE_P(Kinds, Promotion,
+                         ::testing::Values(EventKind{"Event",
+                                                     {"subscribeToEvent",
+                                                      {"k", watcherName(), "_onEventNotify"}}},
+                                           EventKind{"MicroEvent",
+                                                     {"subscribeToMicroEvent",
+                                                      {"k", watcherName(), "", "_onEventNotify"}}}),
+                         ::testing::PrintToStringParamName());
 
 TEST_F(UpdateCycle, FreshKeyPutInPlaceOfAPromotedOneStays) {
   addUnknown({"k", "z"});

@@ -1,5 +1,6 @@
 // The module in a broker with a launcher, a store and, on request, a hardware cycle that the test
-// drives by hand; a record of what was logged; and a look at what no client can see.
+// drives by hand; a record of what was logged; and a look at what no client can see. With
+// KX_DISTANT_STORE in the environment the store is in another broker, reached over a bus.
 #pragma once
 
 #include <unistd.h>
@@ -7,8 +8,10 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <cstdlib>
 #include <fstream>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <ostream>
 #include <sstream>
@@ -37,6 +40,7 @@
 #include <tests/memorywatcher/memorywatcherfortest.hpp>
 #include <tests/support/fakememory.hpp>
 #include <tests/support/fakevsm.hpp>
+#include <tests/support/joinedbrokers.hpp>
 #include <tests/support/logcapture.hpp>
 
 namespace KX {
@@ -46,6 +50,25 @@ inline void PrintTo(KXValue const& value, std::ostream* out) {
 }
 inline void PrintTo(FakeMemory::Call const& call, std::ostream* out) {
   *out << call.method << KXValue(call.arguments).toString(1);
+}
+
+/// Is the store in another broker than the module?
+inline bool isStoreDistant() {
+  return std::getenv("KX_DISTANT_STORE") != nullptr;
+}
+/// What the store is told to call.
+inline std::string watcherName() {
+  return isStoreDistant() ? "KXMemoryWatcher@any.here" : "KXMemoryWatcher";
+}
+
+/// The call has to throw what the store throws; a distant store's failures are KXErrors.
+template <class Error, class Call>
+void expectStoreError(Call call) {
+  if (isStoreDistant()) {
+    EXPECT_THROW(call(), KXError);
+  } else {
+    EXPECT_THROW(call(), Error);
+  }
 }
 
 /// A launcher that answers what its broker has, unless the test gives it a hook of its own.
@@ -171,7 +194,7 @@ class SilentError : public KXError {
 /// The module, made and published, in a broker of its own. Calls go through the broker as a
 /// client's do. `watch()` only sets the flag, so the store's record holds the test's calls alone;
 /// `call("startWatching", 10)` starts the real loop.
-class WatcherTest : public testing::Test {
+class WatcherTest : public ::testing::Test {
  protected:
   enum class Pacing { Timed, Cycle };
   using ForTest = KXMemoryWatcherForTest;
@@ -179,9 +202,12 @@ class WatcherTest : public testing::Test {
   using Calls = std::vector<FakeMemory::Call>;
 
   explicit WatcherTest(Pacing pacing = Pacing::Timed, KXClock& clock = KXClock::system())
-      : mBroker(KXBroker::createBroker("test")),
+      : mJoined(isStoreDistant() ? std::make_unique<testing::JoinedBrokers>() : nullptr),
+        mBroker(mJoined ? mJoined->here.getBroker() : KXBroker::createBroker("test")),
         mLauncher(KXModule::createModule<FakeLauncher>(mBroker)),
-        mMemory(KXModule::createModule<FakeMemory>(mBroker)) {
+        mMemory(
+            KXModule::createModule<FakeMemory>(mJoined ? mJoined->there.getBroker() : mBroker)) {
+    if (mJoined) mJoined->there.announce("KXMemory");
     if (pacing == Pacing::Cycle) mVsm = KXModule::createModule<FakeVsm>(mBroker);
     mWatcher = KXModule::createModule<KXMemoryWatcher>(mBroker, clock);
   }
@@ -193,6 +219,7 @@ class WatcherTest : public testing::Test {
       mMemory->setHook(method, {});
     }
     mWatcher.reset();
+    if (mJoined) mJoined->here.shutdown();
     mBroker->shutdown();
   }
 
@@ -224,6 +251,7 @@ class WatcherTest : public testing::Test {
   boost::shared_ptr<KXMutex> eventMutex() { return ForTest::eventMutex(*mWatcher); }
 
   LogCapture mLog;
+  std::unique_ptr<testing::JoinedBrokers> const mJoined;  // null if the store is in mBroker
   boost::shared_ptr<KXBroker> const mBroker;
   boost::shared_ptr<FakeLauncher> const mLauncher;
   boost::shared_ptr<FakeMemory> const mMemory;
