@@ -20,6 +20,7 @@
 #include <ka/runlogged.hpp>
 #include <kxcommon/kxproxy.hpp>
 #include <kxcommon/kxtask.hpp>
+#include <kxerror/kxerror.hpp>
 
 namespace KX {
 
@@ -27,6 +28,17 @@ namespace {
 
 // What the calls of all modules that leave may take together.
 constexpr std::chrono::milliseconds kLeaving{500};
+// For the server to take notice of what is announced.
+constexpr int kKnownMs = 2000;
+
+// Whoever is told that a module is there may call it at once: the server has to know of it first.
+void xAwaitServer(KXBus& bus) {
+  try {
+    bus.flush(kKnownMs);
+  } catch (KXError const&) {
+    // The connection was lost meanwhile: the server learns it from the next one.
+  }
+}
 
 // A name was lost: on a thread of the broker, since ending what serves it waits for calls.
 class Withdrawal : public KXTask {
@@ -127,6 +139,7 @@ void KXBusLink::announce(std::vector<std::string> const& modules) {
     KXReturns::announce(*impl.bus, impl.subjects, module, impl.server->instance());
   }
   std::ranges::move(claims, std::back_inserter(impl.claims));
+  xAwaitServer(*impl.bus);
 }
 
 void KXBusLink::leave() {

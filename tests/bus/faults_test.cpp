@@ -68,7 +68,8 @@ class Ledger {
       bool const isNumber = fetched[i][0] == KXValue("number");
       for (int j = 0; j < samples.getSize(); ++j) {
         if (isNumber) {
-          xTakeNumber(static_cast<int>(samples[j][1]));
+          // Declared, and not raised yet, it has an invalid value.
+          if (samples[j][1].isValid()) xTakeNumber(static_cast<int>(samples[j][1]));
         } else {
           timesUs.push_back(static_cast<int>(samples[j][0][0]) * std::int64_t{1'000'000} +
                             static_cast<int>(samples[j][0][1]));
@@ -114,8 +115,8 @@ class Faults : public ::testing::Test {
     KXHost& host = watcher.emplace(hostOptions(watcherProxy.url(), KXHost::Announced::OwnModules));
     host.loadModule(KX_LIB_DIR "/libmemorywatcher.so");
     host.announce();
-    call(*watcher, kWatcher, "addListeners", {KXValue(std::vector<std::string>{"number", "data"})});
     call(*watcher, kWatcher, "startWatching", {kPeriodMs});
+    call(*watcher, kWatcher, "addListeners", {KXValue(std::vector<std::string>{"number", "data"})});
     EXPECT_TRUE(isSampling());
     call(*watcher, kWatcher, "clearBuffer");
     mLedger = {};
@@ -539,6 +540,20 @@ TEST_F(Meetings, AReplyThatComesTooLateIsNobodysElse) {
 
   for (int i = 0; i < 100; ++i) EXPECT_EQ(call("echo", i), KXValue(i));
   EXPECT_EQ(slow->echoed, 100);
+}
+
+TEST_F(Meetings, WhoIsAnnouncedCanBeCalledAtOnce) {
+  slow.reset();
+  for (int i = 0; i < 50; ++i) {
+    callee.reset();
+    callee.emplace(KXHost::Options{.withStore = false,
+                                   .bus = KXBusOptions{.url = server.url()},
+                                   .announced = KXHost::Announced::OwnModules});
+    slow = KXModule::createModule<Slow>(callee->getBroker());
+    callee->announce();
+
+    ASSERT_EQ(call("echo", i), KXValue(i));
+  }
 }
 
 TEST_F(Meetings, CallsEndWithTheirCallee) {
