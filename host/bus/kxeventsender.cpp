@@ -55,10 +55,12 @@ KXPackLimits makeLimits(std::size_t maxPayload, std::size_t maxWaitingBytes) {
 
 class KXEventSender::Impl {
  public:
-  Impl(KXBus& bus, KXSubjects const& subjects, std::size_t maxWaitingBytes)
+  Impl(KXBus& bus, KXSubjects const& subjects, std::size_t maxWaitingBytes,
+       std::chrono::milliseconds goneAfter)
       : mBus(bus),
         mSubjects(subjects),
         mMaxWaitingBytes(maxWaitingBytes),
+        mGoneAfterMs(goneAfter.count()),
         mMaxPayload(bus.maxPayload()),
         mInbox(bus.inboxPrefix() + '.' + makeRandomId() + '.') {
     mAcks = bus.subscribe(mInbox + '*', "", 1, [this](auto const& message) { xOnAck(message); });
@@ -83,6 +85,12 @@ class KXEventSender::Impl {
 
   void notify(std::string const& module, std::vector<KXNotification> const& notifications) {
     std::shared_ptr<Destination> const to = xDestination(module);
+    bool isGone = false;
+    {
+      std::lock_guard const lock(to->mutex);
+      if (to->nobodySinceMs != 0 && nowMs() - to->nobodySinceMs > mGoneAfterMs) isGone = true;
+    }
+    if (isGone) xGiveUp(module);
     {
       std::lock_guard const lock(to->mutex);
       std::uint64_t const before = to->sender.getCounts().dropped;
@@ -138,8 +146,9 @@ class KXEventSender::Impl {
     std::string const subject;
     std::string const reply;
     std::mutex mutex;
-    KXPackSender sender;     // guarded by mutex, as all below
-    bool isSending = false;  ///< by one thread at a time, so that packs go in order
+    KXPackSender sender;             // guarded by mutex, as all below
+    bool isSending = false;          ///< by one thread at a time, so that packs go in order
+    std::int64_t nobodySinceMs = 0;  ///< since when nobody listens; 0: somebody may
     Drops drops;
   };
 
@@ -234,8 +243,10 @@ class KXEventSender::Impl {
       std::lock_guard const lock(to->mutex);
       if (message.isNoResponders) {
         to->sender.onNoResponders(nowMs());
+        if (to->nobodySinceMs == 0) to->nobodySinceMs = nowMs();
       } else if (auto const ack = parsePackAck(message.header(kAckHeader))) {
         to->sender.onAck(*ack, nowMs());
+        to->nobodySinceMs = 0;
       }
     }
     xSend(*to, kPacksPerTurn);
@@ -263,9 +274,18 @@ class KXEventSender::Impl {
       {
         std::lock_guard const lock(to->mutex);
         to->sender.onBack(nowMs());
+        to->nobodySinceMs = 0;
       }
       xSend(*to, kPacksPerTurn);
     }
+  }
+
+  [[noreturn]] void xGiveUp(std::string const& module) {
+    forget(module);
+    throw KXError(kCategory, "notify",
+                  "nobody has listened for module '" + module + "' for " +
+                      std::to_string(mGoneAfterMs / 1000) + " s",
+                  "bus/kxeventsender", 0, KXError::Kind::NotFound);
   }
 
   void xOnBusEvent(KXBusEvent const& event) {
@@ -314,6 +334,8 @@ class KXEventSender::Impl {
     for (std::shared_ptr<Destination> const& to : xAll()) {
       {
         std::lock_guard const lock(to->mutex);
+        // While this process was cut off, nobody could tell whether somebody listens.
+        if (isBack) to->nobodySinceMs = 0;
         if (isBack) to->sender.onBack(nowMs());
         isBusy |= !to->sender.isDone() || to->drops.firstMs != 0;
       }
@@ -353,6 +375,7 @@ class KXEventSender::Impl {
   KXBus& mBus;
   KXSubjects const mSubjects;
   std::size_t const mMaxWaitingBytes;
+  std::int64_t const mGoneAfterMs;
   std::atomic<std::size_t> mMaxPayload;  ///< of the server that it was connected to last
   std::string const mInbox;              ///< up to the number of the destination
 
@@ -374,8 +397,9 @@ class KXEventSender::Impl {
   std::unique_ptr<KXBusSubscription> mObservation;
 };
 
-KXEventSender::KXEventSender(KXBus& bus, KXSubjects const& subjects, std::size_t maxWaitingBytes)
-    : mImpl(std::make_unique<Impl>(bus, subjects, maxWaitingBytes)) {}
+KXEventSender::KXEventSender(KXBus& bus, KXSubjects const& subjects, std::size_t maxWaitingBytes,
+                             std::chrono::milliseconds goneAfter)
+    : mImpl(std::make_unique<Impl>(bus, subjects, maxWaitingBytes, goneAfter)) {}
 
 KXEventSender::~KXEventSender() = default;
 

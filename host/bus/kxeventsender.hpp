@@ -1,6 +1,7 @@
 // Notifications to modules of other processes. Any thread may enter.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -24,16 +25,20 @@ namespace KX {
 class KX_API KXEventSender {
  public:
   static constexpr std::size_t kMaxWaitingBytes = 8 << 20;
+  static constexpr std::chrono::minutes kGoneAfter{10};
 
-  /// `maxWaitingBytes` are for each module, of what was never sent.
+  /// `maxWaitingBytes` are for each module, of what was never sent. A module that nobody has
+  /// listened for in `goneAfter` is taken for gone.
   KXEventSender(KXBus& bus, KXSubjects const& subjects,
-                std::size_t maxWaitingBytes = kMaxWaitingBytes);
+                std::size_t maxWaitingBytes = kMaxWaitingBytes,
+                std::chrono::milliseconds goneAfter = kGoneAfter);
   ~KXEventSender();
   KXEventSender(KXEventSender const&) = delete;
   KXEventSender& operator=(KXEventSender const&) = delete;
 
   /// As KXTransport: for a module by its name, or by "NAME@USER.NONCE". Waits for the network no
-  /// longer than one message takes to be written, and not at all without a connection.
+  /// longer than one message takes to be written, and not at all without a connection. KXError
+  /// (NotFound), and what waited is forgotten, if the module is taken for gone.
   void notify(std::string const& module, std::vector<KXNotification> const& notifications);
   KXNotificationCounts getCounts(std::string const& module) const;
   void forget(std::string const& module);

@@ -84,6 +84,41 @@ TEST_F(Events, ReachAModuleInOrder) {
   EXPECT_EQ(receiver->getCounts("Listener").repeats, 0u);
 }
 
+TEST_F(Events, ToAModuleThatNobodyListensForAnyMoreAreRefusedInTheEnd) {
+  sender = std::make_unique<KXEventSender>(*here, subjects, KXEventSender::kMaxWaitingBytes,
+                                           std::chrono::milliseconds(20));
+  auto const kindOfNotify = [&] {
+    try {
+      sender->notify("Listener", {numbered(1)});
+    } catch (KXError const& error) {
+      EXPECT_STREQ(error.what(), "nobody has listened for module 'Listener' for 0 s");
+      return error.getKind();
+    }
+    return KXError::Kind::Failed;
+  };
+
+  EXPECT_TRUE(eventually([&] { return kindOfNotify() == KXError::Kind::NotFound; }));
+
+  EXPECT_EQ(sender->getCounts("Listener").posted, 0u);
+  serve();
+  sender->notify("Listener", {numbered(7)});
+  EXPECT_EQ(listener->waitFor(1).back(), 7);
+}
+
+TEST_F(Events, AreKeptForAModuleThatCameBackInTime) {
+  sender = std::make_unique<KXEventSender>(*here, subjects, KXEventSender::kMaxWaitingBytes,
+                                           std::chrono::milliseconds(2000));
+  sender->notify("Listener", {numbered(1)});
+  std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+  serve();
+  EXPECT_EQ(listener->waitFor(1), numbersTo(1));
+  std::this_thread::sleep_for(std::chrono::milliseconds(1000));
+
+  sender->notify("Listener", {numbered(2)});  // would be refused, had the return not been noticed
+
+  EXPECT_EQ(listener->waitFor(2), numbersTo(2));
+}
+
 TEST_F(Events, ReachMethodsOfOtherTypesAndScripts) {
   std::vector<std::string> calls;
   std::atomic<int> callCount{0};
