@@ -1,9 +1,12 @@
 // Sampling a store in another process, alone and beside everything else, and many robots at once.
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <fstream>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -87,32 +90,21 @@ void cpu(benchmark::State& state) {
   }
 }
 
-// How many periods have no batch, and how late the batches are beyond the earliest phase.
-struct Punctuality {
-  double lost = 0;
-  double p99Us = 0;
-};
-Punctuality judge(std::vector<std::int64_t> const& timesUs) {
-  constexpr std::int64_t kPeriodUs = kPeriodMs * 1000;
-  Punctuality result;
+// How late the batches are, against the first one plus whole periods.
+double p99LatenessUs(std::vector<std::int64_t> const& timesUs) {
   std::vector<std::int64_t> late;
-  std::int64_t lastPeriod = -1;
-  for (std::int64_t const time : timesUs) {
-    std::int64_t const sinceFirst = time - timesUs.front() + kPeriodUs / 2;
-    std::int64_t const period = sinceFirst / kPeriodUs;
-    result.lost += static_cast<double>(std::max<std::int64_t>(period - lastPeriod - 1, 0));
-    lastPeriod = std::max(period, lastPeriod);
-    late.push_back(std::abs(sinceFirst % kPeriodUs - kPeriodUs / 2));
+  for (std::size_t i = 0; i < timesUs.size(); ++i) {
+    std::int64_t const due = timesUs.front() + static_cast<std::int64_t>(i) * kPeriodMs * 1000;
+    late.push_back(std::abs(timesUs[i] - due));
   }
-  result.p99Us = percentile(late, 0.99);
-  return result;
+  return percentile(late, 0.99);
 }
 
 // While a client fetches a million samples again and again, and 20 000 events come each second.
 void loss(benchmark::State& state) {
   int const seconds = static_cast<int>(state.range(0));
   for (auto _ : state) {
-    Punctuality const alone = judge(watchFor(seconds / 4, 1000).timesUs);
+    double const aloneUs = p99LatenessUs(watchFor(seconds / 4, 1000).timesUs);
 
     auto const client = World::get().join();
     auto const subscriber = KXModule::createModule<Subscriber>(client->getBroker());
@@ -132,15 +124,17 @@ void loss(benchmark::State& state) {
         std::this_thread::sleep_for(std::chrono::milliseconds(500));
       }
     });
-    Punctuality const busy = judge(watchFor(seconds, 1000).timesUs);
+    std::vector<std::int64_t> const times = watchFor(seconds, 1000).timesUs;
     isOver = true;
     fetcher.join();
     state.counters["events_missing"] = subscriber->wait() ? 0 : 1;
     store.unsubscribeToEvent(kEventKey, "BenchSubscriber");
-    state.counters["lost"] = busy.lost;
+    // A period is served late, or its read fails: then it has no batch.
+    state.counters["lost"] =
+        std::max(0.0, seconds * 1000.0 / kPeriodMs - static_cast<double>(times.size()));
     state.counters["fetches"] = fetchCount.load();
-    state.counters["alone_p99_us"] = alone.p99Us;
-    state.counters["busy_p99_us"] = busy.p99Us;
+    state.counters["alone_p99_us"] = aloneUs;
+    state.counters["busy_p99_us"] = p99LatenessUs(times);
   }
 }
 
