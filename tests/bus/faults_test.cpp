@@ -77,21 +77,8 @@ class Ledger {
       }
     }
   }
-  /// The most batches within a tenth of a second.
-  int worstBurst() const {
-    std::ptrdiff_t worst = 0;
-    for (auto first = timesUs.begin(); first != timesUs.end(); ++first) {
-      worst = std::max(worst, std::upper_bound(first, timesUs.end(), *first + 99'999) - first);
-    }
-    return static_cast<int>(worst);
-  }
-  /// Of batches, between two of them.
-  std::ptrdiff_t countCloserThanUs(std::int64_t limitUs) const {
-    std::ptrdiff_t count = 0;
-    for (std::size_t i = 1; i < timesUs.size(); ++i) {
-      if (timesUs[i] - timesUs[i - 1] < limitUs) ++count;
-    }
-    return count;
+  std::ptrdiff_t countSince(std::int64_t timeUs) const {
+    return timesUs.end() - std::ranges::lower_bound(timesUs, timeUs);
   }
 
   int last = 0;
@@ -133,10 +120,18 @@ class Faults : public ::testing::Test {
     for (auto text = texts.end() - shown; text != texts.end(); ++text) {
       std::cerr << "log: " << *text << '\n';
     }
+    for (std::size_t i = 1; i < mLedger.timesUs.size(); ++i) {
+      std::int64_t const gapMs = (mLedger.timesUs[i] - mLedger.timesUs[i - 1]) / 1000;
+      if (gapMs > 3 * kPeriodMs) std::cerr << "batch " << i << " after " << gapMs << " ms\n";
+    }
     std::cerr << "last " << mLedger.last << ", skipped " << mLedger.skipped << ", back "
               << mLedger.back << ", batches " << mLedger.timesUs.size() << '\n';
   }
 
+  static std::int64_t nowUs() {
+    auto const now = std::chrono::system_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::microseconds>(now).count();
+  }
   static KXHost::Options hostOptions(std::string const& url, KXHost::Announced announced) {
     return {.withStore = false, .bus = KXBusOptions{.url = url}, .announced = announced};
   }
@@ -214,8 +209,10 @@ class Faults : public ::testing::Test {
     RecordProperty("batches", std::to_string(batches));
     RecordProperty("warnings", std::to_string(warnings));
     EXPECT_LE(batches + warnings, periods + 10);
-    EXPECT_LE(mLedger.worstBurst(), 100 / kPeriodMs + 3);
-    EXPECT_LE(mLedger.countCloserThanUs(kPeriodMs * 500), batches / 4);
+    // A read may take a tenth of a second: the periods of that time are made up for, no others.
+    constexpr int kMadeUp = 100 / kPeriodMs;
+    std::int64_t const periodsSince = (nowUs() - mReturnUs) / (kPeriodMs * 1000);
+    EXPECT_LE(mLedger.countSince(mReturnUs), periodsSince + kMadeUp + 5);
   }
   std::ptrdiff_t countWarnings() const {
     auto const lines = log.lines();
@@ -231,6 +228,7 @@ class Faults : public ::testing::Test {
       server.kill();
       std::this_thread::sleep_for(100ms);  // some periods are to be lost
       fetch();
+      mReturnUs = nowUs();
       server.start();
       EXPECT_TRUE(isSampling());
     }
@@ -247,6 +245,7 @@ class Faults : public ::testing::Test {
       EXPECT_LT(timeOf([&] { fetch(); }), 1s);  // the watcher itself does not stand still
       std::this_thread::sleep_for(50ms);
     }
+    mReturnUs = nowUs();
     server.goOn();
     expectEveryNumberOnce(last);
     expectSteadySampling();
@@ -258,6 +257,7 @@ class Faults : public ::testing::Test {
       ASSERT_TRUE(isAt(last / (times + 1) * i));
       proxy.cut();
       std::this_thread::sleep_for(100ms);  // some periods are to be lost
+      mReturnUs = nowUs();
       proxy.resume();
       EXPECT_TRUE(isSampling());
     }
@@ -276,6 +276,7 @@ class Faults : public ::testing::Test {
 
  private:
   Clock::time_point mStart;
+  std::int64_t mReturnUs = 0;  // when what had failed was there again, on the wall clock
   std::atomic<bool> mIsPosting{false};
   std::thread mPoster;
 };
@@ -328,6 +329,20 @@ TEST_F(Faults, TwoWhoFetchInTurnGetEachSampleOnce) {
   constexpr int kKills = 2;
   KXHost one(hostOptions(server.url(), KXHost::Announced::Nothing));
   KXHost other(hostOptions(watcherProxy.url(), KXHost::Announced::Nothing));
+  // A call that meets no connection fails before its first try, and took nothing out.
+  auto const untilConnected = [](auto const& step) {
+    KXValue result;
+    EXPECT_TRUE(eventually([&] {
+      try {
+        result = step();
+        return true;
+      } catch (KXError const& error) {
+        EXPECT_EQ(error.getKind(), KXError::Kind::Disconnected) << error.getDescription();
+        return false;
+      }
+    }));
+    return result;
+  };
   auto const fetchInTurn = [&](int number) {
     return eventually([&] {
       for (KXHost* client : {&one, &other}) {
@@ -339,31 +354,13 @@ TEST_F(Faults, TwoWhoFetchInTurnGetEachSampleOnce) {
   startPosting(kLast);
   for (int i = 1; i <= kKills; ++i) {
     ASSERT_TRUE(fetchInTurn(kLast / (kKills + 1) * i));
-    // While a fetch is on its way or not: the call then goes on with the next connection.
-    std::jthread killing([&] {
-      server.kill();
-      server.start();
+    std::thread fetching([&] {
+      mLedger.take(untilConnected([&] { return call(one, kWatcher, "getData", {}, 30'000); }));
     });
-    bool hasFetched = false;
-    while (!hasFetched) {
-      try {
-        mLedger.take(call(one, kWatcher, "getData", {}, 30'000));
-        hasFetched = true;
-      } catch (KXError const& error) {
-        // Before the first try, which takes nothing out.
-        ASSERT_EQ(error.getKind(), KXError::Kind::Disconnected) << error.getDescription();
-        std::this_thread::sleep_for(1ms);
-      }
-    }
-    killing.join();
-    ASSERT_TRUE(eventually([&] {
-      try {
-        call(other, kWatcher, "isWatching");
-        return true;
-      } catch (KXError const&) {
-        return false;
-      }
-    }));
+    server.kill();
+    server.start();
+    fetching.join();
+    untilConnected([&] { return call(other, kWatcher, "isWatching"); });
   }
   ASSERT_TRUE(fetchInTurn(kLast));
   expectEveryNumberOnce(kLast);
@@ -386,13 +383,11 @@ TEST_F(Faults, AStoreThatStartsAnewHasItsSubscribersBack) {
     fetch();
     return mLedger.last > 0;
   }));
-  int const first = number;
-  mLedger.last = number = std::max(first, mLedger.last);
-  mLedger.skipped = 0;
-  mLedger.back = 0;
+  EXPECT_TRUE(isAt(number));
+  int const unheard = mLedger.skipped;
   for (int i = 0; i < 100; ++i) call(*store, "KXMemory", "raiseEvent", {"number", ++number});
   EXPECT_TRUE(isAt(number));
-  EXPECT_EQ(mLedger.skipped, 0);
+  EXPECT_EQ(mLedger.skipped, unheard);
   EXPECT_EQ(mLedger.back, 0);
 }
 
@@ -401,10 +396,16 @@ TEST_F(Faults, AnEventAndTheEndOfItsSubscriptionDoNotHoldEachOtherUp) {
   for (int i = 0; i < 20; ++i) {
     ASSERT_TRUE(isAt(mLedger.last + 1));
     EXPECT_LT(timeOf([&] { call(*watcher, kWatcher, "removeListener", {"number"}); }), 1s);
+    // What was on its way made an entry of its own, which would pass for the one to be added.
+    auto const transport = store->getBroker()->getTransport();
+    std::string const address = std::string(kWatcher) + "@" + watcher->getBroker()->getName();
+    EXPECT_TRUE(eventually([&] { return transport->notificationCounts(address).waiting == 0; }));
     fetch();
+    call(*watcher, kWatcher, "removeAllListeners");
     EXPECT_LT(timeOf([&] { call(*watcher, kWatcher, "addListener", {"number"}); }), 1s);
   }
   endPosting();
+  call(*watcher, kWatcher, "addListener", {"data"});
   EXPECT_TRUE(isSampling());
 }
 
@@ -544,7 +545,7 @@ TEST_F(Meetings, AReplyThatComesTooLateIsNobodysElse) {
 
 TEST_F(Meetings, WhoIsAnnouncedCanBeCalledAtOnce) {
   slow.reset();
-  for (int i = 0; i < 50; ++i) {
+  for (int i = 0; i < 10; ++i) {
     callee.reset();
     callee.emplace(KXHost::Options{.withStore = false,
                                    .bus = KXBusOptions{.url = server.url()},
