@@ -11,6 +11,10 @@ namespace KX {
 
 namespace {
 
+// Whoever ends a subscription may hold a lock, and loses nothing if the store does not answer: what
+// it still sends, nobody wants.
+constexpr int kEndingMs = 1000;
+
 // On a thread of the broker: the one that tells of the return must not wait for calls.
 class RenewalTask : public KXTask {
  public:
@@ -44,7 +48,7 @@ void KXDistantSubscriptions::unsubscribe(KXProxy& store, std::string const& meth
     std::lock_guard const lock(mMutex);
     mSubscriptions.erase(xName(method, arguments));
   }
-  store.genericCall(method, arguments);
+  store.genericCall(method, arguments, kEndingMs);
 }
 
 // mMutex is held.

@@ -219,6 +219,15 @@ TEST_F(DistantStore, IsToldNothingByAProxyThatIsGone) {
   EXPECT_EQ(transport->getCalls().size(), before);
 }
 
+TEST_F(DistantStore, IsNotWaitedForLongWhenASubscriptionEnds) {
+  proxy.subscribeToEvent("e", "M", "onEvent");
+  EXPECT_EQ(transport->getCalls().back().timeoutMs, 0);
+
+  proxy.unsubscribeToEvent("e", "M");
+
+  EXPECT_EQ(transport->getCalls().back().timeoutMs, 1000);
+}
+
 TEST_F(DistantStore, GivesAnEventThatWasNeverRaisedAsInvalid) {
   store->declareEvent("e");
 
