@@ -1,8 +1,13 @@
 #include <host/memory/kxmemory.hpp>
 
+#include <algorithm>
+#include <cstdint>
+#include <limits>
 #include <utility>
 
 #include <binding/kxpublish.hpp>
+#include <kxcommon/kxbroker.hpp>
+#include <kxcommon/kxtransport.hpp>
 #include <kxerror/kxerror.hpp>
 #include <kxthread/kxmutex.hpp>
 
@@ -151,6 +156,13 @@ void KXMemory::xPublishSubscribing() {
            "Ends a module's subscription to a micro-event.",
            {{"name", "name of the key"}, {"module", "name of the module that subscribed"}}},
           &KXMemory::unsubscribeToMicroEvent);
+
+  publish(*this,
+          {"getNotificationCounts",
+           "Tells what became of the notifications to a subscriber in another process.",
+           {{"module", "the subscriber, as MODULE@BROKER"}},
+           {"counts", "array of posted, delivered, dropped and waiting ones"}},
+          &KXMemory::getNotificationCounts);
 }
 
 void KXMemory::insertData(std::string const& name, KXValue const& value) {
@@ -260,6 +272,17 @@ void KXMemory::unsubscribeToEvent(std::string const& name, std::string const& ca
 void KXMemory::unsubscribeToMicroEvent(std::string const& name, std::string const& callbackModule) {
   KXCriticalSection const lock(mMutex);
   mTable.unsubscribe(name, KXKeyType::MicroEvent, callbackModule, "unsubscribeToMicroEvent");
+}
+
+KXValue KXMemory::getNotificationCounts(std::string const& callbackModule) {
+  auto const toInt = [](std::uint64_t count) {
+    return static_cast<int>(std::min<std::uint64_t>(count, std::numeric_limits<int>::max()));
+  };
+  auto const transport = getParentBroker()->getTransport();
+  KXNotificationCounts const counts =
+      transport ? transport->notificationCounts(callbackModule) : KXNotificationCounts();
+  return KXValue::arrayOf(toInt(counts.posted), toInt(counts.delivered), toInt(counts.dropped),
+                          toInt(counts.waiting));
 }
 
 }  // namespace KX

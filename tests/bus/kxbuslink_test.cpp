@@ -165,6 +165,23 @@ TEST_F(BusLink, BringsEventsBackToTheProcessThatSubscribed) {
   EXPECT_TRUE(stranger->events().empty());
 }
 
+TEST_F(BusLink, TellsWhatBecameOfTheEventsToAProcess) {
+  auto const host = makeHost();
+  Side side(network, "one");
+  auto const guest = KXModule::createModule<Guest>(side.broker);
+  KXMemoryProxy proxy(side.broker);
+  proxy.subscribeToEvent("e", "Guest", "onEvent");
+  for (int i = 0; i < 3; ++i) store->raiseEvent("e", i);
+
+  std::string const name = "Guest@" + side.broker->getName();
+  auto const memory = side.broker->getProxy("KXMemory", 0);
+  EXPECT_TRUE(waitUntil([&] {
+    return memory->call<KXValue>("getNotificationCounts", name) == KXValue::arrayOf(3, 3, 0, 0);
+  }));
+  EXPECT_EQ(memory->call<KXValue>("getNotificationCounts", std::string("Nobody@any.01234567")),
+            KXValue::arrayOf(0, 0, 0, 0));
+}
+
 TEST_F(BusLink, RenewsSubscriptionsWhenTheRobotsHostIsStartedAnew) {
   auto host = makeHost();
   Side side(network, "one");

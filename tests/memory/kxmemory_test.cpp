@@ -275,7 +275,8 @@ TEST_F(StoreMethods, ArePublishedWithDescriptionsAndTypes) {
           "void subscribeToEvent(string name, string module, string method)",
           "void subscribeToMicroEvent(string name, string module, string message, string method)",
           "void unsubscribeToEvent(string name, string module)",
-          "void unsubscribeToMicroEvent(string name, string module)"}));
+          "void unsubscribeToMicroEvent(string name, string module)",
+          "value getNotificationCounts(string module)"}));
 }
 
 }  // namespace
