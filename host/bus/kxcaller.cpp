@@ -65,6 +65,8 @@ struct Pending {
   std::condition_variable changed;
   Clock::time_point startedAt{};
   Clock::time_point heardAt{};
+  Clock::time_point deadline{};
+  bool mayTakeLonger = false;  // as long as parts of the reply come
   KXPartCollector reply{};
   std::string errorCode{};
   bool hasNoResponders = false;
@@ -209,14 +211,15 @@ class KXCaller::Impl::Slot {
  public:
   Slot(Impl& impl, Destination& destination, Method const& method,
        std::shared_ptr<std::string const> payloadBytes, Clock::time_point startedAt,
-       Clock::time_point deadlineAt)
+       Clock::time_point deadlineAt, bool mayTakeLonger)
       : subject(method.subject),
         payload(std::move(payloadBytes)),
-        deadline(deadlineAt),
         mImpl(impl),
         mDestination(destination) {
     pending.startedAt = startedAt;
     pending.heardAt = startedAt;
+    pending.deadline = deadlineAt;
+    pending.mayTakeLonger = mayTakeLonger;
     pending.subject = &subject;
     std::lock_guard const lock(mImpl.mMutex);
     number = ++destination.lastNumber;
@@ -233,7 +236,6 @@ class KXCaller::Impl::Slot {
 
   std::string const subject;
   std::shared_ptr<std::string const> const payload;
-  Clock::time_point const deadline;
   std::uint64_t number = 0;
   std::string replySubject;
   std::string instance;  // of the server as it was known when the request was sent
@@ -308,7 +310,7 @@ KXValue KXCaller::Impl::xRun(Destination& destination, Call const& call,
   std::shared_ptr<Method> const method = xMethod(destination, call);
   auto const timeout = milliseconds(call.timeoutMs > 0 ? call.timeoutMs : mTimeoutMs);
   Slot slot(*this, destination, *method, encode(*method, call.params), startedAt,
-            startedAt + timeout);
+            startedAt + timeout, call.timeoutMs <= 0);
   Answer const answer = xAwait(destination, call, slot);
   if (answer.isToAcknowledge) xSendDone(slot, destination);
   try {
@@ -356,7 +358,7 @@ KXCaller::Impl::Answer KXCaller::Impl::xAwait(Destination& destination, Call con
       if (!isAsking) interval = std::min(2 * interval, kLongestRepeat);
       continue;
     }
-    pending.changed.wait_until(lock, std::min(slot.deadline, repeatAt));
+    pending.changed.wait_until(lock, std::min(pending.deadline, repeatAt));
   }
   Pending const& oldest = *destination.pending.begin()->second;
   bool const isHeldUp = &oldest != &pending && oldest.startedAt + kFirstRepeat < Clock::now();
@@ -387,7 +389,7 @@ void KXCaller::Impl::xCheckPending(Destination& destination, Call const& call, S
   if (pending.reply.state() == KXPartCollector::State::Broken) {
     fail("the reply of " + name + " cannot be read: " + pending.reply.fault(), Kind::Failed);
   }
-  if (pending.hasNoResponders && (now >= slot.deadline || now >= mBackAt + kReturnGrace)) {
+  if (pending.hasNoResponders && (now >= pending.deadline || now >= mBackAt + kReturnGrace)) {
     destination.isSilent = false;
     destination.instance.clear();
     if (pending.noRespondersCount == slot.sentCount || !call.isOnce) {
@@ -396,7 +398,7 @@ void KXCaller::Impl::xCheckPending(Destination& destination, Call const& call, S
     fail("module '" + call.module + "' went away while it was called" + mayHaveRun,
          Kind::Disconnected);
   }
-  if (now < slot.deadline) return;
+  if (now < pending.deadline) return;
   if (!std::exchange(destination.isSilent, true)) destination.silentSince = pending.startedAt;
   destination.triedAt = now;
   fail("no answer of " + name + " within " + std::to_string(inMs(now - pending.startedAt)) + " ms" +
@@ -560,7 +562,11 @@ void KXCaller::Impl::xOnReply(KXBusMessage const& message) {
     if (pending.reply.state() != KXPartCollector::State::Complete) {
       pending.errorCode = message.header(kErrorCodeHeader);
     }
+    auto const had = pending.reply.nextPart();
     pending.reply.take(message.header(kPartHeader), message.payload);
+    if (pending.mayTakeLonger && pending.reply.nextPart() > had) {
+      pending.deadline = std::max(pending.deadline, pending.heardAt + milliseconds(mTimeoutMs));
+    }
     if (pending.reply.state() == KXPartCollector::State::Waiting) return;
   }
   pending.changed.notify_one();

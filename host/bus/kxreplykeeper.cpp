@@ -6,16 +6,19 @@
 namespace KX {
 namespace {
 
-// What a kept reply costs beside its bytes.
+// What a kept reply costs beside its bytes, and without its names, which whoever calls may choose
+// long.
 constexpr std::size_t kEntryBytes = 256;
+constexpr std::size_t kShortNames = 128;
 // A caller asks again for as long as its time-out lasts; of none is a longer one expected.
 constexpr std::int64_t kDoubtMs = 600'000;
 
-std::size_t costOf(KXReply const& reply) {
-  return reply.payload.size() + kEntryBytes;
-}
-
 }  // namespace
+
+std::size_t KXReplyKeeper::xCostOf(Entry const& entry) {
+  std::size_t const names = entry.method.size() + entry.replySubject.size();
+  return entry.reply->payload.size() + kEntryBytes + (names > kShortNames ? names : 0);
+}
 
 KXReplyKeeper::KXReplyKeeper(std::string instance) : KXReplyKeeper(std::move(instance), Limits()) {}
 
@@ -39,10 +42,15 @@ KXReplyKeeper::Admission KXReplyKeeper::admit(KXCallId const& id,
     auto const found = caller->entries.find(id.number);
     if (found != caller->entries.end()) {
       Entry& entry = found->second;
+      if (entry.state == Entry::State::Ended) return {.verdict = Verdict::Forgotten};
       if (entry.replySubject != replySubject) return {.verdict = Verdict::Refused};
       if (entry.state == Entry::State::Running) return {.verdict = Verdict::Ignore};
-      if (entry.state == Entry::State::Ended) return {.verdict = Verdict::Forgotten};
       entry.isAskedAgain = true;
+      // Its caller takes it, part by part: on a slow way that may last.
+      if (again && again->fromPart > 0) {
+        entry.place->sinceMs = nowMs;
+        mKept.splice(mKept.end(), mKept, entry.place);
+      }
       return {.verdict = Verdict::Resend, .reply = entry.reply};
     }
   }
@@ -97,7 +105,7 @@ bool KXReplyKeeper::finish(KXCallId const& id, std::shared_ptr<KXReply const> re
   entry.state = Entry::State::Kept;
   entry.reply = std::move(reply);
   entry.place = mKept.insert(mKept.end(), {&caller, id.number, nowMs});
-  mBytes += costOf(*entry.reply);
+  mBytes += xCostOf(entry);
   while (mBytes > mLimits.maxBytes && mKept.size() > 1) {
     Place const oldest = mKept.front();
     auto const given = oldest.caller->entries.find(oldest.number);
@@ -192,7 +200,7 @@ void KXReplyKeeper::xRaiseDone(Caller& caller, std::uint64_t done) {
 // Takes out a call that is over.
 KXReplyKeeper::Entries::iterator KXReplyKeeper::xErase(Caller& caller, Entries::iterator entry) {
   if (entry->second.state == Entry::State::Kept) {
-    mBytes -= costOf(*entry->second.reply);
+    mBytes -= xCostOf(entry->second);
     mKept.erase(entry->second.place);
   } else {
     mEnded.erase(entry->second.place);
@@ -203,8 +211,10 @@ KXReplyKeeper::Entries::iterator KXReplyKeeper::xErase(Caller& caller, Entries::
 // Lets go of the reply, but not of the knowledge that the call has run.
 void KXReplyKeeper::xEnd(Entries::iterator entry, std::int64_t nowMs) {
   Entry& ended = entry->second;
-  mBytes -= costOf(*ended.reply);
+  mBytes -= xCostOf(ended);
   ended.reply.reset();
+  ended.method = {};
+  ended.replySubject = {};
   ended.state = Entry::State::Ended;
   ended.place->sinceMs = nowMs;
   mEnded.splice(mEnded.end(), mKept, ended.place);

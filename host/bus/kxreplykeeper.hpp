@@ -131,6 +131,8 @@ class KX_API KXReplyKeeper {
   };
   using Entries = std::map<std::uint64_t, Entry>;
 
+  static std::size_t xCostOf(Entry const& entry);  // a kept one
+
   Admission xAdmitUnknown(Caller* caller, KXCallId const& id,
                           std::optional<KXCallAgain> const& again, std::int64_t nowMs,
                           std::vector<Thrown>& thrown);

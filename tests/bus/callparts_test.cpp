@@ -110,6 +110,23 @@ TEST_F(CallPartsTest, GoOnAfterACut) {
   mender.join();
 }
 
+// So that a buffer that was emptied for it is not lost on a slow way.
+TEST_F(CallPartsTest, MayTakeLongerThanACallAsLongAsTheyCome) {
+  newCaller(300);
+  call("echo");
+  network.setFaults([](KXBusTransfer const& transfer) {
+    bool const isLastOfItsRound = isPart(transfer.message, "7") || isPart(transfer.message, "15") ||
+                                  isPart(transfer.message, "23");
+    return KXBusFate{.delaysUs = {isLastOfItsRound ? 200'000 : 0}};
+  });
+
+  Outcome const outcome = call("fill", 300'000);
+
+  expectWhole(outcome, 300'000);
+  EXPECT_GT(outcome.tookMs, 500);
+  EXPECT_EQ(callFor(299, "fill", 300'001).kind(), Kind::TimedOut) << "has a time of its own";
+}
+
 TEST_F(CallPartsTest, AreReleasedWhenTheirCallerBreaksOff) {
   lose(-1, [](auto const& message) { return isPart(message, "5"); });
   EXPECT_EQ(callFor(200, "fill", 300'000).kind(), Kind::TimedOut);

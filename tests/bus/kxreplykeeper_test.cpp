@@ -282,6 +282,37 @@ TEST(KXReplyKeeper, KeepsTheNewestHoweverLargeItIs) {
   EXPECT_EQ(keeper.keeper.counts().bytes, 1 + kOverhead);
 }
 
+TEST(KXReplyKeeper, CountsLongNamesAgainstItsRoom) {
+  Keeper keeper;
+  std::string const longName(3000, 'n');
+  for (std::uint64_t number = 1; number <= 2; ++number) {
+    keeper.keeper.admit({kCaller, number, 0}, {}, longName, longName, keeper.nowMs, keeper.thrown);
+    keeper.finish(number);
+  }
+  EXPECT_EQ(keeper.keeper.counts().bytes, 2 * (10 + kOverhead + 6000));
+
+  keeper.keeper.acknowledge(kCaller, 1, keeper.nowMs, keeper.thrown);
+
+  EXPECT_EQ(keeper.keeper.counts().bytes, 10 + kOverhead + 6000);
+  EXPECT_EQ(keeper.admit(1).verdict, Verdict::Forgotten) << "wherever the reply would go";
+}
+
+TEST(KXReplyKeeper, KeepsWhatIsFetchedPartByPart) {
+  Keeper keeper;
+  keeper.admit(1);
+  keeper.keeper.finish({kCaller, 1, 0}, replyOf(1000, 10), keeper.nowMs, keeper.thrown);
+  keeper.run(2);
+
+  for (std::uint32_t part = 8; part < 100; part += 8) {
+    keeper.pass(20'000);
+    ASSERT_EQ(keeper.admit(1, 0, KXCallAgain{kHere, part}).verdict, Verdict::Resend) << part;
+  }
+
+  EXPECT_EQ(keeper.keeper.counts().kept, 1U) << "the other is too old";
+  keeper.pass(60'000);
+  EXPECT_EQ(keeper.keeper.counts().kept, 0U);
+}
+
 TEST(KXReplyKeeper, BoundsWhatIsRememberedOfEndedCalls) {
   Keeper keeper({.maxEnded = 2});
   for (std::uint64_t number = 2; number <= 4; ++number) {
