@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include <ka/log.hpp>
 #include <ka/runlogged.hpp>
 #include <kxcommon/kxtask.hpp>
 #include <kxcommon/kxtransport.hpp>
@@ -35,19 +36,18 @@ KXDistantSubscriptions::Name KXDistantSubscriptions::xName(std::string const& me
 
 void KXDistantSubscriptions::subscribe(KXProxy& store, std::string const& method,
                                        KXValue const& arguments) {
-  store.genericCall(method, arguments);
   std::lock_guard const lock(mMutex);
-  mSubscriptions.insert_or_assign(xName(method, arguments), Subscription{method, arguments});
+  // Before the call: a store that goes behind it has come back before anybody would look.
   if (!mReturns) xObserve();
+  store.genericCall(method, arguments);
+  mSubscriptions.insert_or_assign(xName(method, arguments), Subscription{method, arguments});
 }
 
 void KXDistantSubscriptions::unsubscribe(KXProxy& store, std::string const& method,
                                          KXValue const& arguments) {
-  {
-    // Before the call: whether it fails or not, nobody wants this subscription any more.
-    std::lock_guard const lock(mMutex);
-    mSubscriptions.erase(xName(method, arguments));
-  }
+  std::lock_guard const lock(mMutex);
+  // Before the call: whether it fails or not, nobody wants this subscription any more.
+  mSubscriptions.erase(xName(method, arguments));
   store.genericCall(method, arguments, kEndingMs);
 }
 
@@ -63,21 +63,26 @@ void KXDistantSubscriptions::xObserve() {
 
 void KXDistantSubscriptions::xStartRenewal() {
   boost::shared_ptr<KXBroker> const broker = mBroker.lock();
-  if (!broker) return;
+  // One that has not begun sees to this return as well.
+  if (!broker || mIsRenewalDue.exchange(true)) return;
   auto const failure = [] {
     return "cannot renew the subscriptions";
   };
+  bool isStarted = false;
   ka::log::runLogged("KXMemoryProxy", "renewSubscriptions", failure, [&] {
     broker->addTask("renew subscriptions",
                     boost::shared_ptr<KXTask>(new RenewalTask([weak = weak_from_this()] {
                       if (auto const self = weak.lock()) self->xRenew();
                     })));
+    isStarted = true;
   });
+  if (!isStarted) mIsRenewalDue = false;
 }
 
 void KXDistantSubscriptions::xRenew() {
   boost::shared_ptr<KXBroker> const broker = mBroker.lock();
   if (!broker) return;
+  mIsRenewalDue = false;
   std::map<Name, Subscription> subscriptions;
   {
     std::lock_guard const lock(mMutex);
@@ -89,12 +94,20 @@ void KXDistantSubscriptions::xRenew() {
   ka::log::runLogged("KXMemoryProxy", "renewSubscriptions", failure, [&] {
     boost::shared_ptr<KXProxy> const store = broker->getProxy("KXMemory", 0);
     for (auto const& [name, subscription] : subscriptions) {
-      {
-        // One that was ended meanwhile stays ended.
-        std::lock_guard const lock(mMutex);
-        if (!mSubscriptions.contains(name)) continue;
+      std::lock_guard const lock(mMutex);
+      // One that was ended meanwhile stays ended.
+      if (!mSubscriptions.contains(name)) continue;
+      try {
+        store->genericCall(subscription.method, subscription.arguments);
+      } catch (KXError const& error) {
+        // The others are not to suffer for one that the store does not want.
+        if (error.getKind() != KXError::Kind::Refused && error.getKind() != KXError::Kind::Failed) {
+          throw;
+        }
+        ka::log::LogStream(ka::log::Warning, "KXMemoryProxy", "", "renewSubscriptions", 0)
+            << "the subscription to key '" << std::get<1>(name)
+            << "' was not renewed: " << messageOf(error);
       }
-      store->genericCall(subscription.method, subscription.arguments);
     }
   });
 }

@@ -1,6 +1,7 @@
 // The subscriptions at a store in another process, which forgets them when it is started anew.
 #pragma once
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -18,7 +19,8 @@ namespace KX {
 
 /// Makes and ends subscriptions, and makes all of them again each time when the store has come
 /// back. Ownership: shared by its proxy and the parallel call that renews. Threads: all operations
-/// may overlap; each blocks until the store has answered.
+/// may overlap; each blocks until the store has answered, and has answered those before it: one
+/// that ends must not be overtaken by its own renewal.
 class KXDistantSubscriptions : public std::enable_shared_from_this<KXDistantSubscriptions> {
  public:
   explicit KXDistantSubscriptions(boost::shared_ptr<KXBroker> const& broker) : mBroker(broker) {}
@@ -42,7 +44,8 @@ class KXDistantSubscriptions : public std::enable_shared_from_this<KXDistantSubs
   void xRenew();
 
   boost::weak_ptr<KXBroker> const mBroker;
-  std::mutex mMutex;
+  std::atomic<bool> mIsRenewalDue{false};
+  std::mutex mMutex;                            // held while the store is called
   std::map<Name, Subscription> mSubscriptions;  // guarded by mMutex
   std::shared_ptr<void> mReturns;               // guarded by mMutex
 };

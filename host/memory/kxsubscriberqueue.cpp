@@ -35,6 +35,7 @@ void KXSubscriberQueue::hold() {
   {
     std::lock_guard const lock(mMutex);
     ++mHolderCount;
+    mIsGoneForGood = false;
     if (mHasThread || mIsStopping) return;
     mHasThread = true;
   }

@@ -134,6 +134,7 @@ class KXSubscriberQueue : public std::enable_shared_from_this<KXSubscriberQueue>
   std::int64_t mLagMsToTell = 0;
 
   std::atomic<bool> mIsStopping{false};
+  std::atomic<bool> mIsGoneForGood{false};  ///< until a new subscription says otherwise
   // How far the queue is behind: each is written by one side and read by both.
   std::atomic<std::size_t> mPostedCount{0};
   std::atomic<std::size_t> mServedCount{0};
@@ -142,7 +143,6 @@ class KXSubscriberQueue : public std::enable_shared_from_this<KXSubscriberQueue>
 
   // The thread's own. A module of this process is not kept alive by being watched.
   boost::weak_ptr<KXModule> mLocal;
-  bool mIsGoneForGood = false;
   boost::shared_ptr<KXTransport> mRemote;  ///< the way to it, if it is in another process
   std::vector<KXNotification> mPack;       ///< what is to go that way when the batch is through
   std::uint64_t mModuleVersion = 0;        ///< counts the modules found

@@ -1,7 +1,11 @@
 // Subscribers in other processes.
+#include <atomic>
+#include <chrono>
 #include <condition_variable>
+#include <future>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <boost/smart_ptr/make_shared.hpp>
@@ -13,6 +17,7 @@
 #include <kxproxies/kxmemoryproxy.hpp>
 #include <tests/support/faketransport.hpp>
 #include <tests/support/logcapture.hpp>
+#include <tests/support/parkinggate.hpp>
 
 namespace KX {
 namespace {
@@ -42,9 +47,9 @@ class KeepingTransport : public testing::FakeTransport {
     mIsOpen = isOpen;
     mWakeUp.notify_all();
   }
-  void setGone() {
+  void setGone(bool isGone = true) {
     std::lock_guard const lock(mMutex);
-    mIsGone = true;
+    mIsGone = isGone;
   }
   std::vector<std::string> waitFor(std::size_t count) {
     std::unique_lock lock(mMutex);
@@ -140,6 +145,20 @@ TEST_F(DistantSubscriber, ThatIsGoneForGoodIsDroppedAndSaidSoOnce) {
   EXPECT_EQ(transport->packCount(), 0);
 }
 
+TEST_F(DistantSubscriber, ThatSubscribesAgainAfterItWasTakenForGoneIsTold) {
+  store->subscribeToEvent("e", "M@there", "onEvent");
+  store->subscribeToEvent("other", "M@there", "onEvent");
+  transport->setGone(true);
+  store->raiseEvent("e", 1);
+  ASSERT_TRUE(waitForLog("module 'M@there' is gone, its subscriptions are dropped: gone"));
+  transport->setGone(false);
+
+  store->subscribeToEvent("e", "M@there", "onEvent");
+  store->raiseEvent("e", 2);
+
+  EXPECT_EQ(transport->waitFor(1), (std::vector<std::string>{R"(M@there.onEvent["e",2,""])"}));
+}
+
 TEST_F(DistantSubscriber, OfThisBrokersOwnNameIsLocal) {
   store->subscribeToEvent("e", "M@here", "onEvent");
 
@@ -204,6 +223,56 @@ TEST_F(DistantStore, IsToldItsSubscriptionsAgainWhenItComesBack) {
             (std::vector<std::string>{"subscribeToEvent e", "subscribeToMicroEvent m"}));
   EXPECT_EQ(transport->getCalls().back().params,
             KXValue::arrayOf("m", "M@client", "message", "onMicro"));
+}
+
+TEST_F(DistantStore, IsNotToldAgainWhatEndsWhileItIsRenewed) {
+  testing::ParkingGate gate;
+  proxy.subscribeToEvent("e", "M", "onEvent");
+  transport->setHook([&](testing::FakeTransport::Call const& call, KXValue& result) {
+    if (call.method == "subscribeToEvent") gate.pass();
+    result = there->getProxy("KXMemory", 0)->genericCall(call.method, call.params);
+  });
+  transport->returnModule();
+  ASSERT_TRUE(gate.waitUntilParked(1));
+
+  auto const ending =
+      std::async(std::launch::async, [this] { proxy.unsubscribeToEvent("e", "M"); });
+  // The renewal is under way: the end of the subscription must not get there before it.
+  EXPECT_EQ(ending.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+  gate.open();
+  ending.wait();
+  client->shutdown();
+
+  EXPECT_THROW(store->unsubscribeToEvent("e", "M@client"), KXError) << "it has none left";
+}
+
+TEST_F(DistantStore, IsToldTheRestAgainIfItDoesNotWantOne) {
+  for (char const* key : {"a", "b", "c"}) proxy.subscribeToEvent(key, "M", "onEvent");
+  std::atomic<int> told = 0;
+  transport->setHook([&](testing::FakeTransport::Call const& call, KXValue&) {
+    if (call.params[0].toString() == "a") throw KXError("KXMemory", "s", "no", "", 0);
+    ++told;
+  });
+
+  transport->returnModule();
+
+  client->shutdown();
+  EXPECT_EQ(told, 2);
+}
+
+TEST_F(DistantStore, IsToldOnceHoweverManyReturnsWait) {
+  testing::ParkingGate gate;
+  proxy.subscribeToEvent("e", "M", "onEvent");
+  auto const before = transport->getCalls().size();
+  transport->setHook([&](testing::FakeTransport::Call const&, KXValue&) { gate.pass(); });
+  transport->returnModule();
+  ASSERT_TRUE(gate.waitUntilParked(1));
+
+  for (int i = 0; i < 100; ++i) transport->returnModule();
+  gate.open();
+
+  client->shutdown();
+  EXPECT_EQ(transport->getCalls().size() - before, 2U);
 }
 
 TEST_F(DistantStore, IsToldNothingByAProxyThatIsGone) {
