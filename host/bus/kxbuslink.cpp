@@ -61,7 +61,8 @@ struct KXBusLink::Impl {
         robot(robotName),
         subjects(robotName),
         receiver(std::in_place, *bus, subjects, broker),
-        transport(boost::make_shared<KXBusTransport>(bus, subjects, robot, timeoutMs, *receiver)),
+        transport(boost::make_shared<KXBusTransport>(bus, subjects, robot, timeoutMs,
+                                                     broker->getName(), *receiver)),
         server(std::in_place, *bus, broker, subjects) {
     KXModuleAddress const address = parseAddress("any@" + broker->getName());
     server->serveBroker(address.user, address.nonce);

@@ -5,8 +5,10 @@
 namespace KX {
 
 KXBusTransport::KXBusTransport(std::shared_ptr<KXBus> bus, KXSubjects const& subjects,
-                               std::string const& robot, int timeoutMs, KXEventReceiver& receiver)
+                               std::string const& robot, int timeoutMs, std::string brokerName,
+                               KXEventReceiver& receiver)
     : mBus(std::move(bus)),
+      mOwnSuffix("@" + std::move(brokerName)),
       mCaller(*mBus, subjects, robot, timeoutMs),
       mSender(*mBus, subjects),
       mReturns(*mBus, subjects),
@@ -25,8 +27,11 @@ void KXBusTransport::xServeSubscriber(std::string const& module, std::string con
       module == "KXMemory" && (method == "subscribeToEvent" || method == "subscribeToMicroEvent");
   if (!isSubscribing || params.getType() != KXValue::TypeArray || params.getSize() < 2) return;
   if (params[1].getType() != KXValue::TypeString) return;
+  std::string const subscriber = params[1].toString();
+  // What is meant for other processes is theirs: taken here, it would be lost to them.
+  if (!subscriber.ends_with(mOwnSuffix)) return;
   std::lock_guard const lock(mMutex);
-  if (mReceiver != nullptr) mReceiver->serve(params[1].toString());
+  if (mReceiver != nullptr) mReceiver->serve(subscriber);
 }
 
 void KXBusTransport::pCall(std::string const& module, std::string const& method,

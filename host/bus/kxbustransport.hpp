@@ -24,7 +24,7 @@ class KXBusTransport : public KXTransport {
  public:
   /// The receiver learns from here which modules of this process subscribe; see detachReceiver().
   KXBusTransport(std::shared_ptr<KXBus> bus, KXSubjects const& subjects, std::string const& robot,
-                 int timeoutMs, KXEventReceiver& receiver);
+                 int timeoutMs, std::string brokerName, KXEventReceiver& receiver);
 
   void call(std::string const& module, std::string const& method, KXValue const& params,
             KXValue& result, int timeoutMs) override;
@@ -50,6 +50,7 @@ class KXBusTransport : public KXTransport {
                         KXValue const& params);
 
   std::shared_ptr<KXBus> const mBus;
+  std::string const mOwnSuffix;  ///< of the full addresses of this process's modules
   KXCaller mCaller;
   KXEventSender mSender;
   KXReturns mReturns;

@@ -165,6 +165,25 @@ TEST_F(BusLink, BringsEventsBackToTheProcessThatSubscribed) {
   EXPECT_TRUE(stranger->events().empty());
 }
 
+TEST_F(BusLink, TakesNoEventsThatAreMeantForAnother) {
+  auto const host = makeHost();
+  Side robot(network, "robot");
+  Side stranger(network, "stranger");
+  auto const guest = KXModule::createModule<Guest>(robot.broker);
+  auto const other = KXModule::createModule<Guest>(stranger.broker);
+  robot.link->announce({"Guest"});
+
+  store->subscribeToEvent("e", "Guest", "onEvent");
+  // Refused, and nothing is to be left of the attempt.
+  EXPECT_THROW(stranger.broker->getProxy("KXMemory", 0)
+                   ->genericCall("subscribeToEvent", KXValue::arrayOf("e", "Guest", "onEvent")),
+               KXError);
+  for (int i = 0; i < 20; ++i) store->raiseEvent("e", i);
+
+  ASSERT_TRUE(waitUntil([&] { return guest->events().size() == 20; }));
+  EXPECT_TRUE(other->events().empty());
+}
+
 TEST_F(BusLink, TellsWhatBecameOfTheEventsToAProcess) {
   auto const host = makeHost();
   Side side(network, "one");
