@@ -6,6 +6,7 @@
 #include <mutex>
 #include <optional>
 #include <random>
+#include <set>
 #include <thread>
 #include <utility>
 
@@ -28,6 +29,9 @@ namespace {
 
 // What the calls of all modules that leave may take together.
 constexpr std::chrono::milliseconds kLeaving{500};
+// How often those that are here say so. Said once, it would be lost to who was cut off just then:
+// two servers may lose each other without their clients' noticing.
+constexpr std::chrono::seconds kHeraldPeriod{5};
 // For the server to take notice of what is announced.
 constexpr int kKnownMs = 2000;
 
@@ -72,6 +76,10 @@ struct KXBusLink::Impl {
   void withdraw(std::string const& module) {
     std::lock_guard const lock(mutex);
     if (!server) return;
+    {
+      std::lock_guard const heraldLock(heraldMutex);
+      announced.erase(module);
+    }
     services.erase(module);
     server->stopServing(module);
     receiver->withdraw(module);
@@ -88,6 +96,39 @@ struct KXBusLink::Impl {
   std::optional<KXServer> server;                              // guarded by mutex
   std::map<std::string, std::unique_ptr<KXService>> services;  // guarded by mutex
   std::vector<std::unique_ptr<KXClaim>> claims;                // of the thread that announces
+
+  // Says again who is here.
+  void startHerald(std::string const& module) {
+    std::lock_guard const lock(heraldMutex);
+    announced.insert(module);
+    if (herald.joinable() || isHeraldOver) return;
+    herald = std::thread([this, instance = server->instance()] { runHerald(instance); });
+  }
+  void runHerald(std::string const& instance) {
+    std::unique_lock lock(heraldMutex);
+    while (!heraldEnd.wait_for(lock, kHeraldPeriod, [this] { return isHeraldOver; })) {
+      for (std::string const& module : announced) {
+        try {
+          KXReturns::announce(*bus, subjects, module, instance);
+        } catch (KXError const&) {
+          // The connection is lost, of which the bus tells. The next time comes.
+        }
+      }
+    }
+  }
+  void endHerald() {
+    {
+      std::lock_guard const lock(heraldMutex);
+      isHeraldOver = true;
+    }
+    heraldEnd.notify_all();
+    if (herald.joinable()) herald.join();
+  }
+  std::mutex heraldMutex;
+  std::condition_variable heraldEnd;
+  std::set<std::string> announced;  // guarded by heraldMutex
+  bool isHeraldOver = false;        // guarded by heraldMutex
+  std::thread herald;
 
   // Closes the transport when the time of those that leave is up.
   std::mutex leavingMutex;
@@ -138,9 +179,14 @@ void KXBusLink::announce(std::vector<std::string> const& modules) {
         *impl.bus, identity, impl.broker->getProxy(module, 0)->describe(),
         [&server = *impl.server, module] { return server.statistics(module); });
     KXReturns::announce(*impl.bus, impl.subjects, module, impl.server->instance());
+    impl.startHerald(module);
   }
-  std::ranges::move(claims, std::back_inserter(impl.claims));
   xAwaitServer(*impl.bus);
+  for (auto& claim : claims) {
+    // Lost meanwhile, before there was anything to withdraw.
+    if (!claim->isHeld()) impl.withdraw(claim->module());
+    impl.claims.push_back(std::move(claim));
+  }
 }
 
 void KXBusLink::leave() {
@@ -151,6 +197,7 @@ void KXBusLink::leave() {
     impl.left.wait_for(lock, kLeaving, [&] { return impl.hasLeft; });
     impl.transport->close();
   });
+  impl.endHerald();
   std::map<std::string, std::unique_ptr<KXService>> services;
   {
     std::lock_guard const lock(impl.mutex);

@@ -15,6 +15,7 @@ namespace {
 // Whoever ends a subscription may hold a lock, and loses nothing if the store does not answer: what
 // it still sends, nobody wants.
 constexpr int kEndingMs = 1000;
+constexpr int kAttempts = 5;
 
 // On a thread of the broker: the one that tells of the return must not wait for calls.
 class RenewalTask : public KXTask {
@@ -92,7 +93,19 @@ void KXDistantSubscriptions::xRenew() {
     return "renewing the subscriptions at the store failed";
   };
   ka::log::runLogged("KXMemoryProxy", "renewSubscriptions", failure, [&] {
-    boost::shared_ptr<KXProxy> const store = broker->getProxy("KXMemory", 0);
+    // One that hangs has not come back yet, and nobody says when it has. A lost connection does.
+    for (int attempt = 1; !xRenewAll(*broker, subscriptions, attempt == kAttempts); ++attempt) {
+    }
+  });
+}
+
+// False if the store did not answer. Throws that instead if it is the last attempt.
+bool KXDistantSubscriptions::xRenewAll(KXBroker& broker,
+                                       std::map<Name, Subscription> const& subscriptions,
+                                       bool isLast) {
+  boost::shared_ptr<KXProxy> store;
+  try {
+    store = broker.getProxy("KXMemory", 0);
     for (auto const& [name, subscription] : subscriptions) {
       std::lock_guard const lock(mMutex);
       // One that was ended meanwhile stays ended.
@@ -109,7 +122,11 @@ void KXDistantSubscriptions::xRenew() {
             << "' was not renewed: " << messageOf(error);
       }
     }
-  });
+  } catch (KXError const& error) {
+    if (isLast || error.getKind() != KXError::Kind::TimedOut) throw;
+    return false;
+  }
+  return true;
 }
 
 }  // namespace KX

@@ -42,6 +42,7 @@ class KXDistantSubscriptions : public std::enable_shared_from_this<KXDistantSubs
   void xObserve();
   void xStartRenewal();
   void xRenew();
+  bool xRenewAll(KXBroker& broker, std::map<Name, Subscription> const& subscriptions, bool isLast);
 
   boost::weak_ptr<KXBroker> const mBroker;
   std::atomic<bool> mIsRenewalDue{false};

@@ -221,6 +221,27 @@ TEST_F(BusLink, RenewsSubscriptionsWhenTheRobotsHostIsStartedAnew) {
   EXPECT_EQ(guest->events().back(), "e=after");
 }
 
+TEST_F(BusLink, RenewsSubscriptionsAlthoughTheAnnouncementWasLost) {
+  auto host = makeHost();
+  Side side(network, "one");
+  auto const guest = KXModule::createModule<Guest>(side.broker);
+  KXMemoryProxy proxy(side.broker);
+  proxy.subscribeToEvent("e", "Guest", "onEvent");
+  store.reset();
+  host.reset();
+  network.setFaults([](KXBusTransfer const& transfer) {
+    bool const isAnnouncement = transfer.message.subject == "kx.r.@here";
+    return isAnnouncement ? KXBusFate{{}, false} : KXBusFate();
+  });
+  host = makeHost();
+  network.setFaults({});
+
+  ASSERT_TRUE(waitUntil([&] {
+    store->raiseEvent("e", "after");
+    return !guest->events().empty();
+  }));
+}
+
 TEST_F(BusLink, EndsACallInProgressByEndingItsModule) {
   auto there = std::make_unique<Side>(network, "there");
   Side here(network, "here");

@@ -275,6 +275,26 @@ TEST_F(DistantStore, IsToldOnceHoweverManyReturnsWait) {
   EXPECT_EQ(transport->getCalls().size() - before, 2U);
 }
 
+TEST_F(DistantStore, IsToldThemOnceMoreWhereItDidNotAnswerInTime) {
+  proxy.subscribeToEvent("e", "M", "onEvent");
+  std::atomic<int> unanswered{2};
+  transport->setHook([&](testing::FakeTransport::Call const& call, KXValue& result) {
+    if (unanswered-- > 0) throw KXError("Slow", "call", "late", "", 0, KXError::Kind::TimedOut);
+    result = there->getProxy(call.module, 0)->genericCall(call.method, call.params);
+  });
+  auto const before = transport->getCalls().size();
+
+  transport->returnModule();
+
+  auto const end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (transport->getCalls().size() < before + 3 && std::chrono::steady_clock::now() < end) {
+    std::this_thread::yield();
+  }
+  client->shutdown();  // waits for the renewal
+  EXPECT_EQ(namesOf(transport->getCalls(), before),
+            std::vector<std::string>(3, "subscribeToEvent e"));
+}
+
 TEST_F(DistantStore, IsToldNothingByAProxyThatIsGone) {
   {
     KXMemoryProxy other(client);
