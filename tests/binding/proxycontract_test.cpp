@@ -14,8 +14,8 @@
 #include <kxcommon/kxbroker.hpp>
 #include <kxerror/kxerror.hpp>
 #include <tests/binding/calledmodule.hpp>
+#include <tests/bus/joinedbrokers.hpp>
 #include <tests/support/faketransport.hpp>
-#include <tests/support/joinedbrokers.hpp>
 
 namespace KX {
 namespace {

@@ -44,7 +44,7 @@ TEST(JavaScriptClient, ListsModulesReadsKeysPrintsSamplesAndErrors) {
 
   EXPECT_EQ(client.waitForEnd(), 0) << client.getErrors();
   EXPECT_THAT(client.getOutput(),
-              AllOf(HasSubstr("KXMemory: 15 methods\n"), HasSubstr("KXMemoryWatcher: 14 methods\n"),
+              AllOf(HasSubstr("KXMemory: 16 methods\n"), HasSubstr("KXMemoryWatcher: 14 methods\n"),
                     ContainsRegex("Host/Load/1min = [0-9.]+\n"),
                     ContainsRegex("20[0-9-]+T[0-9:.]+Z Host/Load/5min [0-9.]+\n"),
                     HasSubstr("error 404: KXMemory.getData: unknown key 'No/Such/Key'\n")));

@@ -11,8 +11,8 @@
 #include <host/memory/kxmemory.hpp>
 #include <kxcommon/kxbroker.hpp>
 #include <kxproxies/kxmemoryproxy.hpp>
+#include <tests/bus/joinedbrokers.hpp>
 #include <tests/support/fakememory.hpp>
-#include <tests/support/joinedbrokers.hpp>
 #include <tests/support/parkinggate.hpp>
 
 namespace KX {

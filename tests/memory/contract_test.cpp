@@ -7,8 +7,8 @@
 #include <host/memory/kxmemory.hpp>
 #include <kxcommon/kxbroker.hpp>
 #include <kxproxies/kxmemoryproxy.hpp>
+#include <tests/bus/joinedbrokers.hpp>
 #include <tests/support/fakememory.hpp>
-#include <tests/support/joinedbrokers.hpp>
 
 #include "subscriber.hpp"
 

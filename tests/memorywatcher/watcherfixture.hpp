@@ -37,10 +37,10 @@
 #include <kxthread/kxmutex.hpp>
 #include <kxvalue/kxvalue.hpp>
 #include <memorywatcher/kxmemorywatcher.hpp>
+#include <tests/bus/joinedbrokers.hpp>
 #include <tests/memorywatcher/memorywatcherfortest.hpp>
 #include <tests/support/fakememory.hpp>
 #include <tests/support/fakevsm.hpp>
-#include <tests/support/joinedbrokers.hpp>
 #include <tests/support/logcapture.hpp>
 
 namespace KX {
