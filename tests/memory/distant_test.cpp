@@ -175,6 +175,11 @@ struct DistantStore : ::testing::Test {
     client->setTransport(transport);
     there->setTransport(boost::make_shared<testing::FakeTransport>(client));
   }
+  ~DistantStore() override {
+    // Each broker's transport holds the other.
+    client->setTransport(nullptr);
+    there->setTransport(nullptr);
+  }
 
   boost::shared_ptr<KXBroker> const there = KXBroker::createBroker("there");
   boost::shared_ptr<KXMemory> const store = KXModule::createModule<KXMemory>(there);
