@@ -593,7 +593,9 @@ TEST_F(Robot, IsNotFilledUpByMadeUpNames) {
   EXPECT_EQ(last, "403");
   EXPECT_EQ(call(*mHost, "KXMemory", "getData", {"Arm/Angle"}), KXValue(1.5));
   // 60 MB were sent.
-  if (!kIsSanitized) EXPECT_LT(residentKb() - before, 30'000);
+  if (!kIsSanitized) {
+    EXPECT_LT(residentKb() - before, 30'000);
+  }
 }
 
 }  // namespace
