@@ -374,7 +374,10 @@ TEST_F(Robot, ViewerChangesNothing) {
            {"declareMicroEvent", {"New"}},
            {"removeData", {"Arm/Angle"}}}) {
     SCOPED_TRACE(method);
-    EXPECT_THAT(refusal([&] { call(*viewer, "KXMemory", method, arguments); }),
+    auto const attempt = [&, &name = method, &values = arguments] {
+      call(*viewer, "KXMemory", name, values);
+    };
+    EXPECT_THAT(refusal(attempt),
                 HasSubstr("the server forbids to call 'KXMemory." + method + "'"));
   }
   EXPECT_EQ(call(*mHost, "KXMemory", "getData", {"Arm/Angle"}), KXValue(1.5));
