@@ -83,6 +83,8 @@ void KXDistantSubscriptions::xStartRenewal() {
 void KXDistantSubscriptions::xRenew() {
   boost::shared_ptr<KXBroker> const broker = mBroker.lock();
   if (!broker) return;
+  // One at a time: a return during one is served by one more, however many they are.
+  std::lock_guard const renewalLock(mRenewalMutex);
   mIsRenewalDue = false;
   std::map<Name, Subscription> subscriptions;
   {

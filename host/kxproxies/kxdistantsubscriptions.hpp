@@ -46,6 +46,7 @@ class KXDistantSubscriptions : public std::enable_shared_from_this<KXDistantSubs
 
   boost::weak_ptr<KXBroker> const mBroker;
   std::atomic<bool> mIsRenewalDue{false};
+  std::mutex mRenewalMutex;                     ///< taken before mMutex
   std::mutex mMutex;                            // held while the store is called
   std::map<Name, Subscription> mSubscriptions;  // guarded by mMutex
   std::shared_ptr<void> mReturns;               // guarded by mMutex
