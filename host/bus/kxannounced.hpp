@@ -20,6 +20,7 @@ struct KXAnnouncedModule {
   std::string version;  ///< of the program's build
   std::string started;  ///< RFC 3339, UTC
 
+  // NOLINTNEXTLINE(modernize-use-nullptr): none is written here
   auto operator<=>(KXAnnouncedModule const&) const = default;
 };
 

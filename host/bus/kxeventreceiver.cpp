@@ -183,7 +183,8 @@ class KXEventReceiver::Impl {
     try {
       auto subscription = mBus.subscribe(mSubjects.events(parseAddress(name)), "", 1,
                                          [served](KXBusMessage const& message) {
-                                           auto const kept = served;
+                                           // A share: the method called may end this subscription.
+                                           auto const kept = served;  // NOLINT(performance-*)
                                            kept->onPack(message);
                                          });
       std::lock_guard const lock(mMutex);

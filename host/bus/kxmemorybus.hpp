@@ -51,7 +51,7 @@ class KX_API KXBusNetwork {
   /// Is that subject allowed? Called as Faults is.
   using Permission = std::function<bool(std::string const& subject)>;
 
-  explicit KXBusNetwork(Pacing pacing, std::size_t maxPayload = 1024 * 1024);
+  explicit KXBusNetwork(Pacing pacing, std::size_t maxPayload = std::size_t{1} << 20);
   ~KXBusNetwork();
   KXBusNetwork(KXBusNetwork const&) = delete;
   KXBusNetwork& operator=(KXBusNetwork const&) = delete;

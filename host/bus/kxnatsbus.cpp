@@ -126,7 +126,7 @@ class Watch {
  private:
   void xPut(KXBusEvent event) {
     std::lock_guard const lock(mMutex);
-    mEvents.push_back({std::move(event), Clock::now()});
+    mEvents.emplace_back(std::move(event), Clock::now());
     mChanged.notify_all();
   }
   void xLogTrouble(std::string const& text) {
@@ -210,7 +210,7 @@ class Watches {
     std::lock_guard const lock(mMutex);
     std::erase_if(mWatches, [](auto const& entry) { return entry.second.expired(); });
     mWatches[++mLast] = watch;
-    return reinterpret_cast<void*>(mLast);
+    return reinterpret_cast<void*>(mLast);  // NOLINT(performance-no-int-to-ptr): a number
   }
   std::shared_ptr<Watch> find(void* closure) {
     std::lock_guard const lock(mMutex);

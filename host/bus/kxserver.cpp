@@ -29,7 +29,7 @@ using Verdict = KXReplyKeeper::Verdict;
 using std::chrono::milliseconds;
 
 constexpr char const* kQueue = "q";
-constexpr std::size_t kLargestPart = 512 * 1024;
+constexpr std::size_t kLargestPart = 512U * 1024;
 // For the headers and the subject of a message.
 constexpr std::size_t kEnvelopeBytes = 4096;
 constexpr std::chrono::seconds kPatience{5};
