@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <optional>
+#include <memory>
 #include <string>
 #include <thread>
 
@@ -18,7 +19,8 @@
 
 #include <kxerror/kxerror.hpp>
 
-#include "../support/logcapture.hpp"
+#include <tests/support/logcapture.hpp>
+#include <tests/support/temporarydirectory.hpp>
 #include "busworld.hpp"
 
 namespace KX {
@@ -50,17 +52,11 @@ std::optional<KXError> refusal(KXBusOptions const& options) {
 /// Files of a test, and a capture of the log in which no secret may stand.
 class NatsBus : public ::testing::Test {
  protected:
-  NatsBus() {
-    std::string pattern = std::filesystem::temp_directory_path() / "kxbusXXXXXX";
-    mDirectory = ::mkdtemp(pattern.data());
-  }
   ~NatsBus() override {
     for (auto const& text : mLog.texts()) EXPECT_THAT(text, Not(HasSubstr(kSecret)));
-    std::filesystem::remove_all(mDirectory);
   }
   std::string write(std::string const& name, std::string const& text, ::mode_t mode = 0600) {
-    auto const path = mDirectory / name;
-    std::ofstream(path) << text;
+    std::string path = mDirectory.write(name, text);
     ::chmod(path.c_str(), mode);
     return path;
   }
@@ -75,7 +71,7 @@ class NatsBus : public ::testing::Test {
   }
 
   LogCapture mLog;
-  std::filesystem::path mDirectory;
+  testing::TemporaryDirectory const mDirectory;
 };
 
 // ---- options
@@ -116,7 +112,7 @@ TEST_F(NatsBus, FileThatIsOfNoUseIsNamed) {
     expectRefused(with(member, "/not/there"), KXError::Kind::Failed, "'/not/there'");
     expectRefused(with(member, empty), KXError::Kind::Failed, "is empty");
     expectRefused(with(member, lines), KXError::Kind::Failed, "does not hold one line");
-    expectRefused(with(member, mDirectory), KXError::Kind::Failed, mDirectory);
+    expectRefused(with(member, mDirectory.path()), KXError::Kind::Failed, mDirectory.path());
   }
   expectRefused(with(&KXBusOptions::credentialsFile, "/not/there"), KXError::Kind::Failed,
                 "'/not/there'");
@@ -342,9 +338,8 @@ TEST_F(NatsBus, FlushOfAHungServerTimesOut) {
 class EncryptedNatsBus : public NatsBus {
  protected:
   static void SetUpTestSuite() {
-    std::string pattern = std::filesystem::temp_directory_path() / "kxcertsXXXXXX";
-    sCertificates = ::mkdtemp(pattern.data());
-    auto const script = "cd " + sCertificates + R"( && {
+    sCertificates = std::make_unique<testing::TemporaryDirectory>();
+    auto const script = "cd " + sCertificates->path().string() + R"( && {
       for ca in ca other; do
         openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2 \
           -keyout $ca.key -out $ca.pem -subj /CN=$ca
@@ -360,9 +355,9 @@ class EncryptedNatsBus : public NatsBus {
     } > log 2>&1)";
     ASSERT_EQ(std::system(script.c_str()), 0);
   }
-  static void TearDownTestSuite() { std::filesystem::remove_all(sCertificates); }
+  static void TearDownTestSuite() { sCertificates.reset(); }
 
-  static std::string file(std::string const& name) { return sCertificates + '/' + name; }
+  static std::string file(std::string const& name) { return sCertificates->file(name); }
   static std::string configuration(std::string const& more = "") {
     return "tls { cert_file: \"" + file("server.pem") + "\", key_file: \"" + file("server.key") +
            "\", timeout: 2, " + more + " }\n";
@@ -373,9 +368,9 @@ class EncryptedNatsBus : public NatsBus {
   }
 
  private:
-  static std::string sCertificates;
+  static std::unique_ptr<testing::TemporaryDirectory> sCertificates;
 };
-std::string EncryptedNatsBus::sCertificates;
+std::unique_ptr<testing::TemporaryDirectory> EncryptedNatsBus::sCertificates;
 
 TEST_F(EncryptedNatsBus, RightCaLetsIn) {
   NatsServer const server(configuration());

@@ -65,28 +65,22 @@ pid_t run(std::vector<std::string> arguments, std::string const& output) {
 }  // namespace
 
 NatsServer::NatsServer(std::string configuration) : mConfiguration(std::move(configuration)) {
-  std::string pattern = std::filesystem::temp_directory_path() / "kxnatsXXXXXX";
-  if (::mkdtemp(pattern.data()) == nullptr)
-    throw std::system_error(errno, std::generic_category(), "mkdtemp");
-  mDirectory = pattern;
   start();
 }
 
 NatsServer::~NatsServer() {
   kill();
-  std::error_code ignored;
-  std::filesystem::remove_all(mDirectory, ignored);
 }
 
 void NatsServer::start() {
   kill();
-  auto const file = (mDirectory / "server.conf").string();
+  auto const file = mDirectory.file("server.conf");
   std::ofstream(file) << "listen: \"127.0.0.1:" << mPort << "\"\n"
-                      << "ports_file_dir: \"" << mDirectory.string() << "\"\n"
+                      << "ports_file_dir: \"" << mDirectory.path().string() << "\"\n"
                       << mConfiguration << '\n';
   auto const limit = Clock::now() + kLimit;
   while (Clock::now() < limit) {
-    mPid = run({findServer(), "-c", file}, mDirectory / "log");
+    mPid = run({findServer(), "-c", file}, mDirectory.path() / "log");
     while (::waitpid(mPid, nullptr, WNOHANG) == 0) {
       if (int const port = xPortInFile(); port > 0) {
         mPort = port;
@@ -109,7 +103,8 @@ void NatsServer::kill() {
   ::kill(mPid, SIGKILL);
   ::waitpid(mPid, nullptr, 0);
   std::error_code ignored;
-  std::filesystem::remove(mDirectory / ("nats-server_" + std::to_string(mPid) + ".ports"), ignored);
+  std::filesystem::remove(mDirectory.path() / ("nats-server_" + std::to_string(mPid) + ".ports"),
+                          ignored);
   mPid = -1;
 }
 
@@ -125,12 +120,12 @@ void NatsServer::goOn() {
 }
 
 std::string NatsServer::logText() const {
-  return readAll(mDirectory / "log");
+  return readAll(mDirectory.path() / "log");
 }
 
 /// Where it listens; 0 as long as it does not.
 int NatsServer::xPortInFile() const {
-  auto const text = readAll(mDirectory / ("nats-server_" + std::to_string(mPid) + ".ports"));
+  auto const text = readAll(mDirectory.path() / ("nats-server_" + std::to_string(mPid) + ".ports"));
   auto const host = text.find("127.0.0.1:");
   // Written completely?
   if (host == std::string::npos || text.find('}') == std::string::npos) return 0;

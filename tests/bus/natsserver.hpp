@@ -6,6 +6,8 @@
 
 #include <sys/types.h>
 
+#include <tests/support/temporarydirectory.hpp>
+
 namespace KX::testing {
 
 /// Runs a server on a free port of 127.0.0.1 until destruction; should the test die, the system
@@ -30,12 +32,12 @@ class NatsServer {
   std::string url() const { return "nats://127.0.0.1:" + std::to_string(mPort); }
   std::string logText() const;
   /// For files that the test needs, gone with the server.
-  std::filesystem::path const& directory() const { return mDirectory; }
+  std::filesystem::path const& directory() const { return mDirectory.path(); }
 
  private:
   int xPortInFile() const;
 
-  std::filesystem::path mDirectory;
+  TemporaryDirectory const mDirectory;
   std::string mConfiguration;
   int mPort = -1;  // the server chooses
   pid_t mPid = -1;

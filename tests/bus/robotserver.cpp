@@ -13,25 +13,6 @@
 
 namespace KX::testing {
 
-TemporaryDirectory::TemporaryDirectory() {
-  std::string pattern = std::filesystem::temp_directory_path() / "kxtestXXXXXX";
-  if (::mkdtemp(pattern.data()) == nullptr)
-    throw std::system_error(errno, std::generic_category(), "mkdtemp");
-  mPath = pattern;
-}
-
-TemporaryDirectory::~TemporaryDirectory() {
-  std::error_code ignored;
-  std::filesystem::remove_all(mPath, ignored);
-}
-
-std::string TemporaryDirectory::write(std::string const& name, std::string const& text) const {
-  std::string const path = file(name);
-  std::ofstream(path) << text;
-  ::chmod(path.c_str(), 0600);
-  return path;
-}
-
 std::string replaced(std::string text, std::string const& from, std::string const& to) {
   auto const at = text.find(from);
   if (at == std::string::npos || text.find(from, at + 1) != std::string::npos)

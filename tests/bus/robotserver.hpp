@@ -7,27 +7,11 @@
 #include <string>
 
 #include <host/bus/kxbusoptions.hpp>
+#include <tests/support/temporarydirectory.hpp>
 
 #include "natsserver.hpp"
 
 namespace KX::testing {
-
-/// A directory that is gone with it.
-class TemporaryDirectory {
- public:
-  TemporaryDirectory();
-  ~TemporaryDirectory();
-  TemporaryDirectory(TemporaryDirectory const&) = delete;
-  TemporaryDirectory& operator=(TemporaryDirectory const&) = delete;
-
-  std::filesystem::path const& path() const { return mPath; }
-  std::string file(std::string const& name) const { return mPath / name; }
-  /// A file that nobody else can read; its path.
-  std::string write(std::string const& name, std::string const& text) const;
-
- private:
-  std::filesystem::path mPath;
-};
 
 /// The text with one thing in it replaced; std::runtime_error unless it is there exactly once.
 std::string replaced(std::string text, std::string const& from, std::string const& to);

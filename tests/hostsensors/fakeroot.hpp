@@ -7,38 +7,28 @@
 #include <stdexcept>
 #include <string>
 
-#include <stdlib.h>
-
 #include <modules/hostsensors/kxmachinegroup.hpp>
+#include <tests/support/temporarydirectory.hpp>
 
 namespace KX::testing {
 
-/// Owns a folder below the system's temporary one, until destruction.
+/// The root of a machine that the test makes up, as long as it lives.
 class FakeRoot {
  public:
-  FakeRoot() {
-    std::string path = (std::filesystem::temp_directory_path() / "hostsensors-XXXXXX").string();
-    if (::mkdtemp(path.data()) == nullptr) throw std::runtime_error("no temporary folder");
-    mPath = path;
-  }
-  ~FakeRoot() { std::filesystem::remove_all(mPath); }
-  FakeRoot(FakeRoot const&) = delete;
-  FakeRoot& operator=(FakeRoot const&) = delete;
-
-  std::string path() const { return mPath.string(); }
+  std::string path() const { return mDirectory.path().string(); }
 
   /// Writes a file, and the folders that it takes. `path` begins without a slash: proc/net/dev.
   void write(std::string const& path, std::string const& text) const {
-    std::filesystem::create_directories((mPath / path).parent_path());
-    std::ofstream(mPath / path, std::ios::binary) << text;
+    std::filesystem::create_directories((mDirectory.path() / path).parent_path());
+    std::ofstream(mDirectory.path() / path, std::ios::binary) << text;
   }
   void makeFolder(std::string const& path) const {
-    std::filesystem::create_directories(mPath / path);
+    std::filesystem::create_directories(mDirectory.path() / path);
   }
-  void remove(std::string const& path) const { std::filesystem::remove_all(mPath / path); }
+  void remove(std::string const& path) const { std::filesystem::remove_all(mDirectory.path() / path); }
 
  private:
-  std::filesystem::path mPath;
+  TemporaryDirectory const mDirectory;
 };
 
 /// A moment for readings: so many milliseconds after some fixed one.

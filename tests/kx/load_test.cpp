@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "tool.hpp"
+#include <tests/support/temporarydirectory.hpp>
 
 namespace KX::testing {
 namespace {
@@ -53,7 +54,7 @@ TEST(Load, WaitsForKeysThatTheModuleWritesLater) {
 }
 
 TEST(Load, OfWhatIsNoModuleFailsInOneLine) {
-  TemporaryFolder const folder;
+  TemporaryDirectory const folder;
   std::string const text = folder.path() / "text.so";
   std::string const absent = folder.path() / "absent.so";
   std::ofstream(text) << "no library\n";

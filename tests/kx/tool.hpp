@@ -118,21 +118,4 @@ inline std::string goldenOf(std::string const& name) {
   return content.str();
 }
 
-/// A folder that is removed with everything in it.
-class TemporaryFolder {
- public:
-  TemporaryFolder() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "kxtest.XXXXXX").string();
-    if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-    mPath = pattern;
-  }
-  ~TemporaryFolder() { std::filesystem::remove_all(mPath); }
-  TemporaryFolder(TemporaryFolder const&) = delete;
-  TemporaryFolder& operator=(TemporaryFolder const&) = delete;
-  std::filesystem::path const& path() const { return mPath; }
-
- private:
-  std::filesystem::path mPath;
-};
-
 }  // namespace KX::testing

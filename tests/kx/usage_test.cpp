@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "tool.hpp"
+#include <tests/support/temporarydirectory.hpp>
 
 namespace KX::testing {
 namespace {
@@ -151,7 +152,7 @@ class Libraries : public ::testing::Test {
   }
 
  private:
-  TemporaryFolder mFolder;
+  TemporaryDirectory mFolder;
 };
 
 TEST_F(Libraries, AreFoundBesideTheTool) {

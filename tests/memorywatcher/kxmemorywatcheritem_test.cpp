@@ -15,6 +15,7 @@
 #include <ka/os.hpp>
 #include <kxvalue/kxvalue.hpp>
 #include <tests/memorywatcher/allocations.hpp>
+#include <tests/support/temporarydirectory.hpp>
 
 namespace KX {
 namespace {
@@ -42,15 +43,10 @@ KXValue pairOf(int seconds, int microseconds) {
 /// A folder of its own, gone after the test.
 class ItemFile : public ::testing::Test {
  protected:
-  ItemFile() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "kxitem-XXXXXX").string();
-    mFolder = mkdtemp(pattern.data());
-  }
-  ~ItemFile() override { std::filesystem::remove_all(mFolder); }
+  std::string path() const { return mDirectory.file("out.txt"); }
 
-  std::string path() const { return (mFolder / "out.txt").string(); }
-
-  std::filesystem::path mFolder;
+  testing::TemporaryDirectory const mDirectory;
+  std::filesystem::path const mFolder = mDirectory.path();
 };
 
 // ---- one sample

@@ -126,16 +126,23 @@ class Caller {
     if (mThread.joinable()) mThread.join();
   }
   /// Waits until many looks in a row have found the call asleep in the kernel: true; or until it is
-  /// over: false. False, too, after 30 s.
+  /// over: false. False, too, after 30 s. A call also sleeps while a distant store answers, so there
+  /// it has to sleep for much longer than an answer takes.
   bool isParked() const {
+    using Clock = std::chrono::steady_clock;
     constexpr int kLooks = 100;
-    auto const end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    auto const sleep = std::chrono::milliseconds(isStoreDistant() ? 150 : 0);
+    auto const end = Clock::now() + std::chrono::seconds(30);
     int asleepCount = 0;
-    while (!mIsDone && asleepCount < kLooks && std::chrono::steady_clock::now() < end) {
+    auto awake = Clock::now();
+    bool isAsleep = false;
+    while (!mIsDone && !isAsleep && Clock::now() < end) {
       asleepCount = xIsAsleep() ? asleepCount + 1 : 0;
+      if (asleepCount == 0) awake = Clock::now();
+      isAsleep = asleepCount >= kLooks && Clock::now() - awake >= sleep;
       std::this_thread::yield();
     }
-    return !mIsDone && asleepCount >= kLooks;
+    return !mIsDone && isAsleep;
   }
 
  private:
