@@ -6,15 +6,13 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <map>
 #include <mutex>
 #include <optional>
 #include <string_view>
 #include <utility>
 
-#include <host/bus/kxargumentcache.hpp>
 #include <host/bus/kxbusrules.hpp>
-#include <host/bus/kxpartcollector.hpp>
+#include <host/bus/kxdestination.hpp>
 #include <host/bus/kxrandomid.hpp>
 #include <host/bus/kxwire.hpp>
 #include <kxerror/kxerror.hpp>
@@ -35,7 +33,6 @@ constexpr milliseconds kReturnRetry{50};
 // A module that does not answer is tried so often by calls that cannot wait long.
 constexpr milliseconds kSilentRetry{1000};
 constexpr int kWaitSliceMs = 2000;
-constexpr std::size_t kMaxDestinations = 1000;
 constexpr std::size_t kMaxMethods = 1000;
 // What further headers a repeat has.
 constexpr std::size_t kRepeatBytes = 64;
@@ -58,64 +55,6 @@ bool isInOwnName(std::string const& module, std::string_view method) {
   static constexpr std::array<std::string_view, 4> kMethods{
       "subscribeToEvent", "subscribeToMicroEvent", "unsubscribeToEvent", "unsubscribeToMicroEvent"};
   return module == "KXMemory" && std::ranges::find(kMethods, method) != kMethods.end();
-}
-
-// One call that waits for its reply, on the stack of its thread. Guarded by the caller's mutex.
-struct Pending {
-  std::condition_variable changed;
-  Clock::time_point startedAt{};
-  Clock::time_point heardAt{};
-  Clock::time_point deadline{};
-  bool mayTakeLonger = false;  // as long as parts of the reply come
-  KXPartCollector reply{};
-  std::string errorCode{};
-  bool hasNoResponders = false;
-  int noRespondersCount = 0;
-  bool isBack = false;
-  std::optional<std::string> refusal{};
-  std::string const* subject = nullptr;
-};
-
-struct Method {
-  std::string subject;
-  std::mutex mutex{};
-  KXEncodedArguments lastArguments{};  // guarded by mutex
-};
-
-// A module that was called. Guarded by the caller's mutex.
-struct Destination {
-  std::string module;
-  std::uint64_t index = 0;
-  std::string callerId{makeRandomId()};
-  std::string instance{};  // of the server that has it; empty: not known
-  std::uint64_t lastNumber = 0;
-  std::map<std::uint64_t, Pending*> pending{};
-  std::map<std::string, std::shared_ptr<Method>, std::less<>> methods{};
-  Clock::time_point usedAt{};
-  bool isSilent = false;  // a call timed out, and nothing has come since
-  Clock::time_point silentSince{};
-  Clock::time_point triedAt{};
-
-  std::uint64_t done() const { return pending.empty() ? lastNumber : pending.begin()->first - 1; }
-};
-
-// The bytes of a method's arguments.
-std::shared_ptr<std::string const> encode(Method& method, KXValue const& params) {
-  {
-    std::lock_guard const lock(method.mutex);
-    if (auto known = method.lastArguments.find(params)) return known;
-  }
-  KXValue arguments = params.isValid() ? params : KXValue::arrayOf();
-  if (arguments.getType() != KXValue::TypeArray) {
-    fail("expected an array of arguments, got " + KXValue::TypeToString(arguments.getType()),
-         Kind::Failed);
-  }
-  auto bytes = std::make_shared<std::string const>(encodeValue(arguments));
-  {
-    std::lock_guard const lock(method.mutex);
-    method.lastArguments.keep(arguments, bytes);
-  }
-  return bytes;
 }
 
 struct Call {
@@ -149,18 +88,17 @@ class KXCaller::Impl {
     bool isToAcknowledge;  // by itself, and not with the next call
   };
 
-  std::shared_ptr<Destination> xDestination(std::string const& module);
-  void xForgetDestination(Destination const& spared);
-  std::shared_ptr<Method> xMethod(Destination& destination, Call const& call);
-  void xCheckSilence(Destination& destination, Call const& call, Clock::time_point now);
-  void xFind(Destination& destination, Call const& call, Clock::time_point startedAt);
-  KXValue xRun(Destination& destination, Call const& call, Clock::time_point startedAt);
-  Answer xAwait(Destination& destination, Call const& call, Slot& slot);
-  void xCheckPending(Destination& destination, Call const& call, Slot& slot, Clock::time_point now);
+  std::shared_ptr<KXCalledMethod> xMethod(KXDestination& destination, Call const& call);
+  void xCheckSilence(KXDestination& destination, Call const& call, Clock::time_point now);
+  void xFind(KXDestination& destination, Call const& call, Clock::time_point startedAt);
+  KXValue xRun(KXDestination& destination, Call const& call, Clock::time_point startedAt);
+  Answer xAwait(KXDestination& destination, Call const& call, Slot& slot);
+  void xCheckPending(KXDestination& destination, Call const& call, Slot& slot,
+                     Clock::time_point now);
   void xSend(Call const& call, Slot& slot, KXBusHeaders headers, std::string_view payload);
-  KXBusHeaders xHeaders(Destination const& destination, Call const& call, Slot const& slot) const;
-  void xSendDone(Slot const& slot, Destination const& destination);
-  void xLearnInstance(Destination& destination, KXValue const& found);
+  KXBusHeaders xHeaders(Call const& call, Slot const& slot) const;
+  void xSendDone(Slot const& slot);
+  void xLearnInstance(KXDestination& destination, KXValue const& found);
   [[noreturn]] void xFailAway(Call const& call) const;
   void xOnReply(KXBusMessage const& message);
   void xOnEvent(KXBusEvent const& event);
@@ -174,9 +112,7 @@ class KXCaller::Impl {
   mutable std::mutex mMutex;
   std::condition_variable mHasLeft;
   // Guarded by mMutex:
-  std::map<std::string, std::shared_ptr<Destination>, std::less<>> mDestinations;
-  std::map<std::uint64_t, std::shared_ptr<Destination>> mByIndex;
-  std::uint64_t mLastIndex = 0;
+  KXDestinations mDestinations;
   std::size_t mVisitorCount = 0;
   bool mIsClosed = false;
   std::string mInboxRefusal;  // empty: the server lets this process listen to its replies
@@ -209,7 +145,7 @@ class KXCaller::Impl::Visit {
 // Where the reply to one call arrives, and all that is needed to ask for it again.
 class KXCaller::Impl::Slot {
  public:
-  Slot(Impl& impl, Destination& destination, Method const& method,
+  Slot(Impl& impl, KXDestination& destination, KXCalledMethod const& method,
        std::shared_ptr<std::string const> payloadBytes, Clock::time_point startedAt,
        Clock::time_point deadlineAt, bool mayTakeLonger)
       : subject(method.subject),
@@ -222,29 +158,28 @@ class KXCaller::Impl::Slot {
     pending.mayTakeLonger = mayTakeLonger;
     pending.subject = &subject;
     std::lock_guard const lock(mImpl.mMutex);
-    number = ++destination.lastNumber;
-    instance = destination.instance;
-    replySubject = mImpl.mInbox + std::to_string(destination.index) + "-" + std::to_string(number);
-    destination.pending.emplace(number, &pending);
+    id = destination.begin(pending);
+    replySubject = mImpl.mInbox + destination.callerId + "-" + std::to_string(id.number);
   }
   ~Slot() {
     std::lock_guard const lock(mImpl.mMutex);
-    mDestination.pending.erase(number);
+    mDestination.pending.erase(id.number);
+    if (mayHaveRun) mDestination.giveUp(id.number);
   }
   Slot(Slot const&) = delete;
   Slot& operator=(Slot const&) = delete;
 
   std::string const subject;
   std::shared_ptr<std::string const> const payload;
-  std::uint64_t number = 0;
+  KXCallId id;
   std::string replySubject;
-  std::string instance;  // of the server as it was known when the request was sent
   int sentCount = 0;
-  Pending pending;  // guarded by the caller's mutex
+  bool mayHaveRun = false;  // it was sent, and its reply has not come
+  KXPendingCall pending;    // guarded by the caller's mutex
 
  private:
   Impl& mImpl;
-  Destination& mDestination;
+  KXDestination& mDestination;
 };
 
 KXCaller::Impl::Impl(KXBus& bus, KXSubjects subjects, std::string robot, int timeoutMs)
@@ -271,7 +206,7 @@ KXCaller::Impl::~Impl() {
 void KXCaller::Impl::close() {
   std::lock_guard const lock(mMutex);
   mIsClosed = true;
-  for (auto const& [index, destination] : mByIndex) {
+  for (auto const& [module, destination] : mDestinations.all()) {
     for (auto const& [number, pending] : destination->pending) pending->changed.notify_all();
   }
 }
@@ -280,11 +215,11 @@ KXValue KXCaller::Impl::call(Call const& call) {
   Visit const visit(*this);
   auto const startedAt = Clock::now();
   if (!mBus.isConnected()) xFailAway(call);
-  std::shared_ptr<Destination> destination;
+  std::shared_ptr<KXDestination> destination;
   bool hasInstance = false;
   {
     std::lock_guard const lock(mMutex);
-    destination = xDestination(call.module);
+    destination = mDestinations.find(call.module);
     xCheckSilence(*destination, call, startedAt);
     hasInstance = !destination->instance.empty();
   }
@@ -293,7 +228,7 @@ KXValue KXCaller::Impl::call(Call const& call) {
 }
 
 // A request that gets lost can only be sent again to a server that can be told from others.
-void KXCaller::Impl::xFind(Destination& destination, Call const& call,
+void KXCaller::Impl::xFind(KXDestination& destination, Call const& call,
                            Clock::time_point startedAt) {
   try {
     KXValue const none = KXValue::arrayOf();
@@ -305,14 +240,14 @@ void KXCaller::Impl::xFind(Destination& destination, Call const& call,
 }
 
 // The result of one call.
-KXValue KXCaller::Impl::xRun(Destination& destination, Call const& call,
+KXValue KXCaller::Impl::xRun(KXDestination& destination, Call const& call,
                              Clock::time_point startedAt) {
-  std::shared_ptr<Method> const method = xMethod(destination, call);
+  std::shared_ptr<KXCalledMethod> const method = xMethod(destination, call);
   auto const timeout = milliseconds(call.timeoutMs > 0 ? call.timeoutMs : mTimeoutMs);
-  Slot slot(*this, destination, *method, encode(*method, call.params), startedAt,
+  Slot slot(*this, destination, *method, method->encode(call.params), startedAt,
             startedAt + timeout, call.timeoutMs <= 0);
   Answer const answer = xAwait(destination, call, slot);
-  if (answer.isToAcknowledge) xSendDone(slot, destination);
+  if (answer.isToAcknowledge) xSendDone(slot);
   try {
     KXValue result = decodeReply(answer.payload, answer.errorCode);
     if (call.method == kFindMethod) xLearnInstance(destination, result);
@@ -329,16 +264,31 @@ KXValue KXCaller::Impl::xRun(Destination& destination, Call const& call,
 }
 
 // Sends the request, again and again if need be, until the reply is there.
-KXCaller::Impl::Answer KXCaller::Impl::xAwait(Destination& destination, Call const& call,
+KXCaller::Impl::Answer KXCaller::Impl::xAwait(KXDestination& destination, Call const& call,
                                               Slot& slot) {
-  Pending& pending = slot.pending;
+  KXPendingCall& pending = slot.pending;
   milliseconds interval = kFirstRepeat;
   Clock::time_point repeatAt = Clock::now();
+  int movedCount = 0;
   std::unique_lock lock(mMutex);
   while (true) {
     auto const now = Clock::now();
     if (pending.reply.state() == KXPartCollector::State::Complete) break;
     xCheckPending(destination, call, slot, now);
+    // Where one request was sent and a server that it is not for has got it, it runs nowhere.
+    // Further ones would go elsewhere, and only their answers tell what became of the call.
+    if (std::string const found = std::exchange(pending.movedTo, {});
+        !found.empty() && found != slot.id.to && slot.sentCount == 1) {
+      // While a server that hung has not noticed that it was replaced, two get requests in turn.
+      if (++movedCount > 1) {
+        destination.learn(found);
+        slot.id.to = found;
+      }
+      slot.sentCount = 0;
+      slot.mayHaveRun = false;
+      interval = kFirstRepeat;
+      repeatAt = movedCount > 2 ? now + kReturnRetry : now;
+    }
     // Nobody listens, but who has just been cut off may be about to return.
     if (std::exchange(pending.hasNoResponders, false)) repeatAt = now + kReturnRetry;
     if (std::exchange(pending.isBack, false)) repeatAt = now;
@@ -348,7 +298,7 @@ KXCaller::Impl::Answer KXCaller::Impl::xAwait(Destination& destination, Call con
       repeatAt = std::max(repeatAt, pending.heardAt + kFirstRepeat);
     }
     if (isAsking || now >= repeatAt) {
-      KXBusHeaders headers = xHeaders(destination, call, slot);
+      KXBusHeaders headers = xHeaders(call, slot);
       bool const hasPart = call.isOnce && pending.reply.nextPart() > 0;
       pending.reply.asked();
       lock.unlock();
@@ -360,7 +310,9 @@ KXCaller::Impl::Answer KXCaller::Impl::xAwait(Destination& destination, Call con
     }
     pending.changed.wait_until(lock, std::min(pending.deadline, repeatAt));
   }
-  Pending const& oldest = *destination.pending.begin()->second;
+  slot.mayHaveRun = false;
+  destination.hasRead(slot.id);
+  KXPendingCall const& oldest = *destination.pending.begin()->second;
   bool const isHeldUp = &oldest != &pending && oldest.startedAt + kFirstRepeat < Clock::now();
   return {.payload = pending.reply.takePayload(),
           .errorCode = std::move(pending.errorCode),
@@ -368,9 +320,9 @@ KXCaller::Impl::Answer KXCaller::Impl::xAwait(Destination& destination, Call con
 }
 
 // Throws if there is no more hope for the call. The caller holds mMutex.
-void KXCaller::Impl::xCheckPending(Destination& destination, Call const& call, Slot& slot,
+void KXCaller::Impl::xCheckPending(KXDestination& destination, Call const& call, Slot& slot,
                                    Clock::time_point now) {
-  Pending const& pending = slot.pending;
+  KXPendingCall const& pending = slot.pending;
   std::string const name =
       call.isOnce ? nameOf(call.module, call.method) : "module '" + call.module + "'";
   std::string const mayHaveRun = call.isOnce ? "; the call may have run" : "";
@@ -393,6 +345,7 @@ void KXCaller::Impl::xCheckPending(Destination& destination, Call const& call, S
     destination.isSilent = false;
     destination.instance.clear();
     if (pending.noRespondersCount == slot.sentCount || !call.isOnce) {
+      slot.mayHaveRun = false;
       fail("nobody has module '" + call.module + "' on robot '" + mRobot + "'", Kind::NotFound);
     }
     fail("module '" + call.module + "' went away while it was called" + mayHaveRun,
@@ -408,7 +361,7 @@ void KXCaller::Impl::xCheckPending(Destination& destination, Call const& call, S
 
 // A call with little time does not wait for a module that let others wait in vain, but for one a
 // second. The caller holds mMutex.
-void KXCaller::Impl::xCheckSilence(Destination& destination, Call const& call,
+void KXCaller::Impl::xCheckSilence(KXDestination& destination, Call const& call,
                                    Clock::time_point now) {
   bool const hasLittleTime = call.timeoutMs > 0 && call.timeoutMs < mTimeoutMs;
   if (!destination.isSilent || !hasLittleTime) return;
@@ -422,14 +375,11 @@ void KXCaller::Impl::xCheckSilence(Destination& destination, Call const& call,
 }
 
 // The caller holds mMutex.
-KXBusHeaders KXCaller::Impl::xHeaders(Destination const& destination, Call const& call,
-                                      Slot const& slot) const {
+KXBusHeaders KXCaller::Impl::xHeaders(Call const& call, Slot const& slot) const {
   if (!call.isOnce) return {};
-  KXBusHeaders headers{
-      {kCallHeader, formatCallId({destination.callerId, slot.number, destination.done()})}};
+  KXBusHeaders headers{{kCallHeader, formatCallId(slot.id)}};
   if (slot.sentCount > 0) {
-    headers.emplace_back(kAgainHeader,
-                         formatCallAgain({slot.instance, slot.pending.reply.nextPart()}));
+    headers.emplace_back(kAgainHeader, std::to_string(slot.pending.reply.nextPart()));
   }
   if (call.isTask) headers.emplace_back(kTaskHeader, "1");
   return headers;
@@ -458,15 +408,15 @@ void KXCaller::Impl::xSend(Call const& call, Slot& slot, KXBusHeaders headers,
     if (isFirst && error.getKind() == Kind::Disconnected) xFailAway(call);
     if (isFirst && error.getKind() == Kind::Failed) throw;
     // It may have left; or it did so the first time, and the reply may still come.
-    if (error.getKind() == Kind::Disconnected) return;
   }
   ++slot.sentCount;
+  slot.mayHaveRun = call.isOnce;
 }
 
-void KXCaller::Impl::xSendDone(Slot const& slot, Destination const& destination) {
+void KXCaller::Impl::xSendDone(Slot const& slot) {
   KXBusMessage const message{
       .subject = slot.subject,
-      .headers = {{kCallHeader, formatCallId({destination.callerId, slot.number, 0})},
+      .headers = {{kCallHeader, formatCallId({slot.id.caller, slot.id.number, 0})},
                   {kDoneHeader, "1"}}};
   try {
     mBus.publish(message);
@@ -475,14 +425,14 @@ void KXCaller::Impl::xSendDone(Slot const& slot, Destination const& destination)
   }
 }
 
-void KXCaller::Impl::xLearnInstance(Destination& destination, KXValue const& found) {
+void KXCaller::Impl::xLearnInstance(KXDestination& destination, KXValue const& found) {
   if (found.getType() != KXValue::TypeString) {
     throw KXError("KXBus", "decodeReply",
                   "expected string, got " + KXValue::TypeToString(found.getType()), "bus/kxwire",
                   0);
   }
   std::lock_guard const lock(mMutex);
-  destination.instance = static_cast<std::string const&>(found);
+  destination.learn(static_cast<std::string const&>(found));
 }
 
 void KXCaller::Impl::xFailAway(Call const& call) const {
@@ -490,40 +440,12 @@ void KXCaller::Impl::xFailAway(Call const& call) const {
        Kind::Disconnected);
 }
 
-// The caller holds mMutex.
-std::shared_ptr<Destination> KXCaller::Impl::xDestination(std::string const& module) {
-  std::shared_ptr<Destination>& found = mDestinations[module];
-  if (!found) {
-    found = std::make_shared<Destination>();
-    found->module = module;
-    found->index = ++mLastIndex;
-    mByIndex[found->index] = found;
-  }
-  std::shared_ptr<Destination> destination = found;
-  destination->usedAt = Clock::now();
-  if (mDestinations.size() > kMaxDestinations) xForgetDestination(*destination);
-  return destination;
-}
-
-// The one that was not used for longest. The caller holds mMutex.
-void KXCaller::Impl::xForgetDestination(Destination const& spared) {
-  auto oldest = mDestinations.end();
-  for (auto it = mDestinations.begin(); it != mDestinations.end(); ++it) {
-    // A call holds a share from its beginning to its end.
-    bool const isUsed = it->second.use_count() > 2;
-    if (isUsed || it->second.get() == &spared) continue;
-    if (oldest == mDestinations.end() || it->second->usedAt < oldest->second->usedAt) oldest = it;
-  }
-  if (oldest == mDestinations.end()) return;
-  mByIndex.erase(oldest->second->index);
-  mDestinations.erase(oldest);
-}
-
-std::shared_ptr<Method> KXCaller::Impl::xMethod(Destination& destination, Call const& call) {
+std::shared_ptr<KXCalledMethod> KXCaller::Impl::xMethod(KXDestination& destination,
+                                                        Call const& call) {
   std::lock_guard const lock(mMutex);
   auto const found = destination.methods.find(call.method);
   if (found != destination.methods.end()) return found->second;
-  auto method = std::make_shared<Method>();
+  auto method = std::make_shared<KXCalledMethod>();
   method->subject = isInOwnName(call.module, call.method)
                         ? mSubjects.callFrom(mBus.user(), call.module, call.method)
                         : mSubjects.call(parseAddress(call.module), call.method);
@@ -534,33 +456,40 @@ std::shared_ptr<Method> KXCaller::Impl::xMethod(Destination& destination, Call c
 
 void KXCaller::Impl::xOnReply(KXBusMessage const& message) {
   std::string_view const token = message.subject.substr(mInbox.size());
-  std::uint64_t index = 0;
+  std::size_t const dash = token.find('-');
+  if (dash == std::string_view::npos) return;
   std::uint64_t number = 0;
   char const* const end = token.data() + token.size();
-  auto const first = std::from_chars(token.data(), end, index);
-  if (first.ec != std::errc() || first.ptr == end || *first.ptr != '-') return;
-  if (std::from_chars(first.ptr + 1, end, number).ec != std::errc()) return;
+  auto const parsed = std::from_chars(token.data() + dash + 1, end, number);
+  if (parsed.ec != std::errc() || parsed.ptr != end) return;
 
   std::lock_guard const lock(mMutex);
-  auto const found = mByIndex.find(index);
-  if (found == mByIndex.end()) return;
-  Destination& destination = *found->second;
+  KXDestination* const found = mDestinations.findCaller(token.substr(0, dash));
+  if (found == nullptr) return;
+  KXDestination& destination = *found;
+  std::string_view const code = message.header(kErrorCodeHeader);
+  std::string_view const instance = message.header(kInstanceHeader);
+  bool const isMoved = !message.isNoResponders && code == kMovedCode;
   if (!message.isNoResponders) {
+    // A server that hung and was replaced meanwhile answers all that it finds when it wakes.
+    bool const isLate = code == kRestartedCode && instance == destination.formerInstance;
+    if (isLate && !instance.empty()) return;
     // Also if nobody waits for it any more.
     destination.isSilent = false;
-    std::string_view const instance = message.header(kInstanceHeader);
-    if (!instance.empty()) destination.instance = instance;
+    if (!isMoved) destination.learn(instance);
   }
   auto const waiting = destination.pending.find(number);
   if (waiting == destination.pending.end()) return;
-  Pending& pending = *waiting->second;
+  KXPendingCall& pending = *waiting->second;
   pending.heardAt = Clock::now();
   if (message.isNoResponders) {
     pending.hasNoResponders = true;
     ++pending.noRespondersCount;
+  } else if (isMoved) {
+    pending.movedTo = instance;
   } else {
     if (pending.reply.state() != KXPartCollector::State::Complete) {
-      pending.errorCode = message.header(kErrorCodeHeader);
+      pending.errorCode = code;
     }
     auto const had = pending.reply.nextPart();
     pending.reply.take(message.header(kPartHeader), message.payload);
@@ -586,7 +515,7 @@ void KXCaller::Impl::xOnEvent(KXBusEvent const& event) {
     mInboxRefusal = event.text.empty() ? event.subject : event.text;
   }
   if (!isBack && !isRefused) return;
-  for (auto const& [index, destination] : mByIndex) {
+  for (auto const& [module, destination] : mDestinations.all()) {
     if (isBack) destination->isSilent = false;
     for (auto const& [number, pending] : destination->pending) {
       if (isBack) pending->isBack = true;

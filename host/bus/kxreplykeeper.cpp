@@ -28,7 +28,7 @@ KXReplyKeeper::KXReplyKeeper(std::string instance, Limits limits)
 KXReplyKeeper::~KXReplyKeeper() = default;
 
 KXReplyKeeper::Admission KXReplyKeeper::admit(KXCallId const& id,
-                                              std::optional<KXCallAgain> const& again,
+                                              std::optional<std::uint32_t> fromPart,
                                               std::string_view replySubject,
                                               std::string_view method, std::int64_t nowMs,
                                               std::vector<Thrown>& thrown) {
@@ -38,6 +38,7 @@ KXReplyKeeper::Admission KXReplyKeeper::admit(KXCallId const& id,
   if (caller != nullptr) {
     caller->lastMs = nowMs;
     mByUse.splice(mByUse.end(), mByUse, caller->place);
+    xGiveUp(*caller, id.lost, thrown);
     xRaiseDone(*caller, id.done);
     auto const found = caller->entries.find(id.number);
     if (found != caller->entries.end()) {
@@ -47,14 +48,14 @@ KXReplyKeeper::Admission KXReplyKeeper::admit(KXCallId const& id,
       if (entry.state == Entry::State::Running) return {.verdict = Verdict::Ignore};
       entry.isAskedAgain = true;
       // Its caller takes it, part by part: on a slow way that may last.
-      if (again && again->fromPart > 0) {
+      if (fromPart.value_or(0) > 0) {
         entry.place->sinceMs = nowMs;
         mKept.splice(mKept.end(), mKept, entry.place);
       }
       return {.verdict = Verdict::Resend, .reply = entry.reply};
     }
   }
-  Admission const admission = xAdmitUnknown(caller, id, again, nowMs, thrown);
+  Admission const admission = xAdmitUnknown(caller, id, fromPart, nowMs, thrown);
   if (admission.verdict != Verdict::Run) return admission;
   Caller& owner = *mCallers.find(id.caller)->second;
   Entry& entry = owner.entries[id.number];
@@ -68,14 +69,16 @@ KXReplyKeeper::Admission KXReplyKeeper::admit(KXCallId const& id,
 
 // A call that nothing is known of: it is new, unless something speaks against it.
 KXReplyKeeper::Admission KXReplyKeeper::xAdmitUnknown(Caller* caller, KXCallId const& id,
-                                                      std::optional<KXCallAgain> const& again,
+                                                      std::optional<std::uint32_t> fromPart,
                                                       std::int64_t nowMs,
                                                       std::vector<Thrown>& thrown) {
-  if (again && again->instance != mInstance) return {.verdict = Verdict::Restarted};
+  // A caller that does not know whom it has asked may have asked another.
+  if (fromPart && id.to != mInstance) return {.verdict = Verdict::Restarted};
+  if (!id.to.empty() && id.to != mInstance) return {.verdict = Verdict::Moved};
   // Who has a part of the reply has asked here before.
-  if (again && again->fromPart > 0) return {.verdict = Verdict::Forgotten};
+  if (fromPart.value_or(0) > 0) return {.verdict = Verdict::Forgotten};
   if (id.number <= id.done) return {.verdict = Verdict::Forgotten};
-  if (again && nowMs < (caller == nullptr ? mDoubtUntilMs : caller->doubtUntilMs)) {
+  if (fromPart && nowMs < (caller == nullptr ? mDoubtUntilMs : caller->doubtUntilMs)) {
     return {.verdict = Verdict::Forgotten};
   }
   if (caller != nullptr) {
@@ -83,7 +86,7 @@ KXReplyKeeper::Admission KXReplyKeeper::xAdmitUnknown(Caller* caller, KXCallId c
     return {.verdict = isForgotten ? Verdict::Forgotten : Verdict::Run};
   }
   xAddCaller(id.caller, nowMs, thrown).done = id.done;
-  return {.verdict = Verdict::Run, .isNewCaller = true};
+  return {.verdict = Verdict::Run};
 }
 
 bool KXReplyKeeper::finish(KXCallId const& id, std::shared_ptr<KXReply const> reply,
@@ -96,20 +99,21 @@ bool KXReplyKeeper::finish(KXCallId const& id, std::shared_ptr<KXReply const> re
   if (found == caller.entries.end() || found->second.state != Entry::State::Running) return false;
   --caller.runningCount;
   --mRunningCount;
+  Entry& entry = found->second;
+  entry.reply = std::move(reply);
   if (id.number <= caller.done) {
-    ++mAcknowledgedCount;
+    if (entry.isLost) xThrow(entry, Cause::Lost, thrown);
+    ++(entry.isLost ? mExpiredCount : mAcknowledgedCount);
     caller.entries.erase(found);
     return false;
   }
-  Entry& entry = found->second;
   entry.state = Entry::State::Kept;
-  entry.reply = std::move(reply);
   entry.place = mKept.insert(mKept.end(), {&caller, id.number, nowMs});
   mBytes += xCostOf(entry);
   while (mBytes > mLimits.maxBytes && mKept.size() > 1) {
     Place const oldest = mKept.front();
     auto const given = oldest.caller->entries.find(oldest.number);
-    xThrow(given->second, true, thrown);
+    xThrow(given->second, Cause::Room, thrown);
     ++mExpiredCount;
     xEnd(given, nowMs);
   }
@@ -133,7 +137,7 @@ void KXReplyKeeper::expire(std::int64_t nowMs, std::vector<Thrown>& thrown) {
     Place const oldest = mKept.front();
     auto const found = oldest.caller->entries.find(oldest.number);
     Entry const& entry = found->second;
-    if (entry.isAskedAgain || entry.reply->partCount() > 1) xThrow(entry, false, thrown);
+    if (entry.isAskedAgain || entry.reply->partCount() > 1) xThrow(entry, Cause::Age, thrown);
     ++mExpiredCount;
     oldest.caller->forgotten = std::max(oldest.caller->forgotten, oldest.number);
     xErase(*oldest.caller, found);
@@ -149,6 +153,17 @@ KXReplyKeeper::Counts KXReplyKeeper::counts() const {
           .expired = mExpiredCount,
           .bytes = mBytes,
           .callers = mCallers.size()};
+}
+
+KXReplyKeeper::Counts& KXReplyKeeper::Counts::operator+=(Counts const& other) noexcept {
+  admitted += other.admitted;
+  running += other.running;
+  kept += other.kept;
+  acknowledged += other.acknowledged;
+  expired += other.expired;
+  bytes += other.bytes;
+  callers += other.callers;
+  return *this;
 }
 
 KXReplyKeeper::Caller& KXReplyKeeper::xAddCaller(std::string const& id, std::int64_t nowMs,
@@ -173,7 +188,7 @@ void KXReplyKeeper::xEvictCaller(std::vector<Thrown>& thrown) {
   Caller& caller = **chosen;
   for (auto entry = caller.entries.begin(); entry != caller.entries.end();) {
     if (entry->second.state == Entry::State::Kept) {
-      xThrow(entry->second, true, thrown);
+      xThrow(entry->second, Cause::Room, thrown);
       ++mExpiredCount;
     }
     entry = xErase(caller, entry);
@@ -181,6 +196,20 @@ void KXReplyKeeper::xEvictCaller(std::vector<Thrown>& thrown) {
   mDoubtUntilMs = std::max(mDoubtUntilMs, caller.lastMs + kDoubtMs);
   mByUse.erase(chosen);
   mCallers.erase(std::string(caller.id));
+}
+
+// What the caller has not got although it counts as done: nobody will ever have it.
+void KXReplyKeeper::xGiveUp(Caller& caller, std::vector<std::uint64_t> const& lost,
+                            std::vector<Thrown>& thrown) {
+  for (std::uint64_t const number : lost) {
+    auto const found = caller.entries.find(number);
+    if (found == caller.entries.end()) continue;
+    found->second.isLost = true;
+    if (found->second.state != Entry::State::Kept) continue;
+    xThrow(found->second, Cause::Lost, thrown);
+    ++mExpiredCount;
+    xErase(caller, found);
+  }
 }
 
 void KXReplyKeeper::xRaiseDone(Caller& caller, std::uint64_t done) {
@@ -221,8 +250,8 @@ void KXReplyKeeper::xEnd(Entries::iterator entry, std::int64_t nowMs) {
   if (mEnded.size() > mLimits.maxEnded) xForgetOldestEnded();
 }
 
-void KXReplyKeeper::xThrow(Entry const& entry, bool isForRoom, std::vector<Thrown>& thrown) {
-  thrown.push_back({entry.method, entry.reply->payload.size(), isForRoom});
+void KXReplyKeeper::xThrow(Entry const& entry, Cause cause, std::vector<Thrown>& thrown) {
+  thrown.push_back({entry.method, entry.reply->payload.size(), cause});
 }
 
 void KXReplyKeeper::xForgetOldestEnded() {

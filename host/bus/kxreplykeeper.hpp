@@ -32,7 +32,7 @@ struct KXReply {
   }
 };
 
-/// The memory of one server, of all its callers' calls.
+/// The memory of one server, or of one of its modules, of all its callers' calls.
 class KX_API KXReplyKeeper {
  public:
   struct Limits {
@@ -46,13 +46,19 @@ class KX_API KXReplyKeeper {
     Ignore,     ///< it is running, its reply will come
     Resend,     ///< it has run, here is the reply
     Forgotten,  ///< it may have run, the reply is gone; or its caller has given it up
-    Restarted,  ///< it was sent to another server, where it may have run
+    Moved,      ///< a first request, for another server
+    Restarted,  ///< a repeat, for another server, where it may have run
     Refused,    ///< somebody else's call: the reply is to go elsewhere than at first
   };
   struct Admission {
     Verdict verdict;
     std::shared_ptr<KXReply const> reply{};  ///< Resend
-    bool isNewCaller = false;                ///< Run: nothing was known of this caller before
+  };
+  /// Why a reply was given up.
+  enum class Cause {
+    Age,
+    Room,  ///< because of maxBytes or maxCallers
+    Lost   ///< its caller said that it waits no longer
   };
   /// A reply that was given up although nobody said that it has arrived. One that is only old is
   /// reported if there is a sign that it was missed: its caller had asked again, or it has parts,
@@ -60,7 +66,7 @@ class KX_API KXReplyKeeper {
   struct Thrown {
     std::string method;  ///< as admit() was told
     std::size_t bytes;
-    bool isForRoom;  ///< because of maxBytes or maxCallers; otherwise for its age
+    Cause cause;
 
     bool operator==(Thrown const&) const = default;
   };
@@ -70,11 +76,12 @@ class KX_API KXReplyKeeper {
     std::uint64_t running = 0;
     std::uint64_t kept = 0;
     std::uint64_t acknowledged = 0;
-    std::uint64_t expired = 0;  ///< given up unacknowledged, for age or for room
+    std::uint64_t expired = 0;  ///< given up unacknowledged
     std::size_t bytes = 0;      ///< of the kept replies
     std::size_t callers = 0;
 
     bool operator==(Counts const&) const = default;
+    Counts& operator+=(Counts const& other) noexcept;
   };
 
   /// `instance` tells this server from its predecessors.
@@ -86,9 +93,10 @@ class KX_API KXReplyKeeper {
 
   std::string const& instance() const noexcept { return mInstance; }
 
-  /// What to do with a request. `again` is there if it was sent before, `replySubject` is where its
-  /// reply goes, `method` is for reports. All operations add what they give up to `thrown`.
-  Admission admit(KXCallId const& id, std::optional<KXCallAgain> const& again,
+  /// What to do with a request. `fromPart` is there if it was sent before: the first part of the
+  /// reply that its caller lacks. `replySubject` is where the reply goes, `method` is for reports.
+  /// All operations add what they give up to `thrown`.
+  Admission admit(KXCallId const& id, std::optional<std::uint32_t> fromPart,
                   std::string_view replySubject, std::string_view method, std::int64_t nowMs,
                   std::vector<Thrown>& thrown);
   /// The end of a call that was to be run. False if its caller has given it up meanwhile.
@@ -113,6 +121,7 @@ class KX_API KXReplyKeeper {
     enum class State { Running, Kept, Ended };  // Ended: over, and its reply is not here any more
     State state = State::Running;
     bool isAskedAgain = false;
+    bool isLost = false;  // running, and its caller waits no longer
     std::string method{};
     std::string replySubject{};
     std::shared_ptr<KXReply const> reply{};
@@ -133,15 +142,15 @@ class KX_API KXReplyKeeper {
 
   static std::size_t xCostOf(Entry const& entry);  // a kept one
 
-  Admission xAdmitUnknown(Caller* caller, KXCallId const& id,
-                          std::optional<KXCallAgain> const& again, std::int64_t nowMs,
-                          std::vector<Thrown>& thrown);
+  Admission xAdmitUnknown(Caller* caller, KXCallId const& id, std::optional<std::uint32_t> fromPart,
+                          std::int64_t nowMs, std::vector<Thrown>& thrown);
+  void xGiveUp(Caller& caller, std::vector<std::uint64_t> const& lost, std::vector<Thrown>& thrown);
   Caller& xAddCaller(std::string const& id, std::int64_t nowMs, std::vector<Thrown>& thrown);
   void xEvictCaller(std::vector<Thrown>& thrown);
   void xRaiseDone(Caller& caller, std::uint64_t done);
   Entries::iterator xErase(Caller& caller, Entries::iterator entry);
   void xEnd(Entries::iterator entry, std::int64_t nowMs);
-  void xThrow(Entry const& entry, bool isForRoom, std::vector<Thrown>& thrown);
+  void xThrow(Entry const& entry, Cause cause, std::vector<Thrown>& thrown);
   void xForgetOldestEnded();
 
   std::string const mInstance;

@@ -20,7 +20,7 @@ namespace KX {
 
 struct KXServerOptions {
   int threads = 32;  ///< how many calls of one module, or of one broker, may run at once
-  KXReplyKeeper::Limits kept{};
+  KXReplyKeeper::Limits kept{};  ///< of each module that is served under its plain name
 };
 
 /// The called side of one broker on one robot.

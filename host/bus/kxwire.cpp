@@ -147,33 +147,39 @@ KXValue decodeValue(std::string_view bytes) {
 // ---- calls
 
 std::string formatCallId(KXCallId const& id) {
-  return id.caller + "." + std::to_string(id.number) + "." + std::to_string(id.done);
+  std::string text = id.caller + "." + std::to_string(id.number) + "." + std::to_string(id.done);
+  if (!id.to.empty() || !id.lost.empty()) text += "." + id.to;
+  for (std::uint64_t const number : id.lost) text += "." + std::to_string(number);
+  return text;
 }
 
 std::optional<KXCallId> parseCallId(std::string_view text) {
-  auto const fields = split<3>(text);
-  KXCallId id;
-  if (!fields || !isId((*fields)[0]) || !parseNumber((*fields)[1], id.number) ||
-      !parseNumber((*fields)[2], id.done) || id.number == 0) {
+  auto const take = [&] {
+    std::string_view const field = text.substr(0, text.find('.'));
+    text.remove_prefix(std::min(text.size(), field.size() + 1));
+    return field;
+  };
+  bool const isOpen = text.ends_with('.');
+  KXCallId id{.caller = std::string(take())};
+  if (!isId(id.caller) || !parseNumber(take(), id.number) || id.number == 0 ||
+      !parseNumber(take(), id.done) || isOpen) {
     return std::nullopt;
   }
-  id.caller = (*fields)[0];
+  if (text.empty()) return id;
+  id.to = take();
+  if (id.to.empty() ? text.empty() : !isId(id.to)) return std::nullopt;
+  for (std::uint64_t last = 0; !text.empty(); last = id.lost.back()) {
+    std::uint64_t number = 0;
+    bool const isNext = parseNumber(take(), number) && number > last && number <= id.done;
+    if (!isNext || id.lost.size() == KXCallId::kMaxLost) return std::nullopt;
+    id.lost.push_back(number);
+  }
   return id;
 }
 
-std::string formatCallAgain(KXCallAgain const& again) {
-  return again.instance + "." + std::to_string(again.fromPart);
-}
-
-std::optional<KXCallAgain> parseCallAgain(std::string_view text) {
-  auto const fields = split<2>(text);
-  KXCallAgain again;
-  if (!fields || !parseNumber((*fields)[1], again.fromPart) ||
-      (!(*fields)[0].empty() && !isId((*fields)[0]))) {
-    return std::nullopt;
-  }
-  again.instance = (*fields)[0];
-  return again;
+std::optional<std::uint32_t> parseFromPart(std::string_view text) {
+  std::uint32_t part = 0;
+  return parseNumber(text, part) ? std::optional(part) : std::nullopt;
 }
 
 std::string formatPart(KXPart const& part) {

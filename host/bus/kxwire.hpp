@@ -30,33 +30,39 @@ KX_API KXValue decodeValue(std::string_view bytes);
 // ---- calls. The payload of a request is the array of arguments.
 
 /// The header of a request that is to run once. Without it a request is a foreign client's: it runs
-/// once for each time that it arrives, and its reply has to fit one message.
+/// once for each time that it arrives, and its reply has to fit one message. All requests of one
+/// call have the same.
 struct KXCallId {
   std::string caller;        ///< 16 hexadecimal digits, made anew for each callee of each process
   std::uint64_t number = 0;  ///< from 1
-  std::uint64_t done = 0;    ///< the caller has the replies of all calls up to this one
-};
-/// The header of a request that was sent before: `instance` of the callee as the caller knows it
-/// (empty if it does not), and the first part of the reply that it has not got.
-struct KXCallAgain {
-  std::string instance;
-  std::uint32_t fromPart = 0;
+  std::uint64_t done = 0;    ///< the caller waits for none of its calls up to this one
+  std::string to{};  ///< the server that alone may run it; empty: the caller does not know it yet
+  /// The calls up to `done` that the caller gave up without a reply, in rising order.
+  std::vector<std::uint64_t> lost{};
+
+  static constexpr std::size_t kMaxLost = 64;
 };
 
-inline constexpr char const* kCallHeader = "Kx-Call";    ///< "CALLER.NUMBER.DONE"
-inline constexpr char const* kAgainHeader = "Kx-Again";  ///< "INSTANCE.PART"
-inline constexpr char const* kTaskHeader = "Kx-Task";    ///< "1": start it as a parallel call
-inline constexpr char const* kDoneHeader = "Kx-Done";    ///< "1": no call, the reply has arrived
-inline constexpr char const* kPartHeader = "Kx-Part";    ///< "INDEX.COUNT" of a reply in parts
+/// "CALLER.NUMBER.DONE", "CALLER.NUMBER.DONE.TO" or "CALLER.NUMBER.DONE.TO.LOST.LOST..."
+inline constexpr char const* kCallHeader = "Kx-Call";
+/// Of a request that was sent before: the first part of the reply that the caller has not got.
+inline constexpr char const* kAgainHeader = "Kx-Again";
+inline constexpr char const* kTaskHeader = "Kx-Task";  ///< "1": start it as a parallel call
+inline constexpr char const* kDoneHeader = "Kx-Done";  ///< "1": no call, the reply has arrived
+inline constexpr char const* kPartHeader = "Kx-Part";  ///< "INDEX.COUNT" of a reply in parts
 /// Of a reply: which server sends it, where the caller may not know.
 inline constexpr char const* kInstanceHeader = "Kx-Instance";
 inline constexpr char const* kErrorCodeHeader = "Nats-Service-Error-Code";
+/// The code of two answers that are no reply to the call, since another server than the one it is
+/// for has it. It was not run here. Moved: nor elsewhere, as far as this request goes.
+inline constexpr char const* kMovedCode = "421";
+/// Of a repeat: what became of the first request is not known.
+inline constexpr char const* kRestartedCode = "410";
 inline constexpr char const* kErrorTextHeader = "Nats-Service-Error";
 
 KX_API std::string formatCallId(KXCallId const& id);
 KX_API std::optional<KXCallId> parseCallId(std::string_view text);
-KX_API std::string formatCallAgain(KXCallAgain const& again);
-KX_API std::optional<KXCallAgain> parseCallAgain(std::string_view text);
+KX_API std::optional<std::uint32_t> parseFromPart(std::string_view text);
 
 struct KXPart {
   std::uint32_t index = 0;

@@ -75,7 +75,7 @@ TEST_F(CallPartsTest, ThatGetLostAreSentAgain) {
 }
 
 TEST_F(CallPartsTest, SurviveALostQuestionForMore) {
-  lose(1, [](auto const& message) { return message.header(kAgainHeader).ends_with(".8"); });
+  lose(1, [](auto const& message) { return message.header(kAgainHeader) == "8"; });
 
   expectWhole(call("fill", 300'000), 300'000);
 }

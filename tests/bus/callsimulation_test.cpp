@@ -1,16 +1,19 @@
 // Calls on a bus in simulated time: random schedules of loss, delay, cuts and restarts, each of
 // which can be run again by its seed. No method runs twice for one call.
+#include <algorithm>
 #include <cstdint>
+#include <iterator>
 #include <map>
 #include <memory>
-#include <optional>
 #include <random>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include <host/bus/kxdestination.hpp>
 #include <host/bus/kxmemorybus.hpp>
 #include <host/bus/kxreplykeeper.hpp>
 #include <host/bus/kxwire.hpp>
@@ -20,7 +23,6 @@ namespace KX {
 namespace {
 
 constexpr char const* kCalls = "kx.r.M.run";
-constexpr char const* kCallerId = "00000000000000ca";
 
 /// What befalls a schedule.
 struct CallFaults {
@@ -28,6 +30,7 @@ struct CallFaults {
   int cutsPerMille = 0;      ///< of a turn
   int restartsPerMille = 0;  ///< of a turn: the callee
   int runMs = 0;             ///< of one call, at most
+  int losesPerMille = 0;     ///< of a turn: the caller waits no longer for one of its calls
   KXReplyKeeper::Limits limits{};
 };
 
@@ -59,6 +62,7 @@ class Callee {
 
   KXBus const& getBus() const { return *mBus; }
   std::string const& instance() const { return mKeeper.instance(); }
+  std::uint64_t getAcknowledgedCount() const { return mKeeper.counts().acknowledged; }
   void check() const {
     KXReplyKeeper::Counts const counts = mKeeper.counts();
     EXPECT_EQ(counts.running, mRunning.size());
@@ -71,7 +75,7 @@ class Callee {
   void xOnRequest(KXBusMessage const& message) {
     KXCallId const id = parseCallId(message.header(kCallHeader)).value();
     std::string const reply(message.reply);
-    auto const admission = mKeeper.admit(id, parseCallAgain(message.header(kAgainHeader)), reply,
+    auto const admission = mKeeper.admit(id, parseFromPart(message.header(kAgainHeader)), reply,
                                          "M.run", nowMs(), mThrown);
     switch (admission.verdict) {
       case KXReplyKeeper::Verdict::Run:
@@ -83,12 +87,17 @@ class Callee {
         return;
       case KXReplyKeeper::Verdict::Resend:
         return xReply(reply, admission.reply->payload);
+      case KXReplyKeeper::Verdict::Moved:
+        return xReply(reply, "", kMovedCode);
       default:
         return xReply(reply, encodeError(KXError("M", "run", "it may have run", "", 0)));
     }
   }
-  void xReply(std::string const& subject, std::string const& payload) {
-    if (mBus->isConnected()) mBus->publish({.subject = subject, .payload = payload});
+  void xReply(std::string const& subject, std::string const& payload, char const* code = "") {
+    if (!mBus->isConnected()) return;
+    mBus->publish({.subject = subject,
+                   .headers = {{kErrorCodeHeader, code}, {kInstanceHeader, instance()}},
+                   .payload = payload});
   }
 
   KXBusNetwork& mNet;
@@ -104,7 +113,7 @@ class Callee {
 /// Calls, and calls again until there is a reply.
 class Caller {
  public:
-  enum class Outcome { Result, Error };
+  enum class Outcome { Result, Error, GivenUp };
 
   explicit Caller(KXBusNetwork& net) : mNet(net), mBus(net.connect()) {
     mInbox = mBus->inboxPrefix() + ".caller.";
@@ -112,23 +121,34 @@ class Caller {
                                [this](KXBusMessage const& message) { xOnReply(message); });
     mObservation = mBus->observe([this](KXBusEvent const& event) {
       if (event.kind != KXBusEvent::Kind::Back) return;
-      for (auto& [number, call] : mPending) call.nextMs = 0;
+      for (auto& [number, call] : mPending) call->nextMs = 0;
     });
   }
 
   /// `instance`: of the callee as it was last heard of.
   void start(std::string const& instance) {
-    Pending call{.instance = instance, .nextMs = nowMs() + kFirstPauseMs};
-    std::uint64_t const number = ++mLast;
-    mPending.emplace(number, call);
-    xSend(number, {});
+    mDestination.learn(instance);
+    auto call = std::make_unique<Pending>();
+    call->id = mDestination.begin(call->waiting);
+    call->nextMs = nowMs() + kFirstPauseMs;
+    Pending& begun = *mPending.emplace(call->id.number, std::move(call)).first->second;
+    xSend(begun);
+  }
+  /// Waits no longer for one that was sent; if there is none, nothing happens.
+  void giveUp(std::uint32_t chosen) {
+    if (mPending.empty()) return;
+    auto const call = std::next(mPending.begin(), chosen % mPending.size());
+    std::uint64_t const number = call->first;
+    if (call->second->sentCount == 0) return;
+    xEnd(number, Outcome::GivenUp);
+    mDestination.giveUp(number);
   }
   void work() {
     for (auto& [number, call] : mPending) {
-      if (call.nextMs > nowMs()) continue;
-      call.pauseMs = std::min<std::int64_t>(2 * call.pauseMs, 4000);
-      call.nextMs = nowMs() + call.pauseMs;
-      xSend(number, KXCallAgain{call.instance, 0});
+      if (call->nextMs > nowMs()) continue;
+      call->pauseMs = std::min<std::int64_t>(2 * call->pauseMs, 4000);
+      call->nextMs = nowMs() + call->pauseMs;
+      xSend(*call);
     }
   }
 
@@ -140,41 +160,56 @@ class Caller {
   static constexpr std::int64_t kFirstPauseMs = 500;
 
   struct Pending {
-    std::string instance;
-    std::int64_t nextMs;
+    KXPendingCall waiting;
+    KXCallId id;
+    int sentCount = 0;
+    std::int64_t nextMs = 0;
     std::int64_t pauseMs = kFirstPauseMs;
   };
 
   std::int64_t nowMs() const { return mNet.nowUs() / 1000; }
 
-  void xSend(std::uint64_t number, std::optional<KXCallAgain> const& again) {
+  void xSend(Pending& call) {
     if (!mBus->isConnected()) return;
-    std::uint64_t const done = mPending.begin()->first - 1;
-    KXBusHeaders headers{{kCallHeader, formatCallId({kCallerId, number, done})}};
-    if (again) headers.emplace_back(kAgainHeader, formatCallAgain(*again));
+    KXBusHeaders headers{{kCallHeader, formatCallId(call.id)}};
+    if (call.sentCount++ > 0) headers.emplace_back(kAgainHeader, "0");
     mBus->publish({.subject = kCalls,
-                   .reply = mInbox + std::to_string(number),
+                   .reply = mInbox + std::to_string(call.id.number),
                    .headers = std::move(headers),
                    .payload = encodeValue(KXValue::arrayOf())});
   }
-
+  void xEnd(std::uint64_t number, Outcome outcome) {
+    mDestination.pending.erase(number);
+    mPending.erase(number);
+    mOutcomes[number] = outcome;
+  }
   void xOnReply(KXBusMessage const& message) {
     if (message.isNoResponders) return;  // It is asked again.
     std::uint64_t const number = std::stoull(std::string(message.subject.substr(mInbox.size())));
-    if (mPending.erase(number) == 0) return;
+    auto const found = mPending.find(number);
+    if (found == mPending.end()) return;
+    Pending& call = *found->second;
+    if (message.header(kErrorCodeHeader) == kMovedCode) {
+      std::string_view const instance = message.header(kInstanceHeader);
+      if (call.sentCount != 1 || instance == call.id.to) return;
+      call.id.to = instance;
+      call.sentCount = 0;
+      return xSend(call);
+    }
+    mDestination.hasRead(call.id);
     try {
       EXPECT_EQ(decodeReply(message.payload, ""), KXValue(static_cast<int>(number)));
-      mOutcomes[number] = Outcome::Result;
+      xEnd(number, Outcome::Result);
     } catch (KXError const&) {
-      mOutcomes[number] = Outcome::Error;
+      xEnd(number, Outcome::Error);
     }
   }
 
   KXBusNetwork& mNet;
   std::unique_ptr<KXBus> const mBus;
   std::string mInbox;
-  std::uint64_t mLast = 0;
-  std::map<std::uint64_t, Pending> mPending;
+  KXDestination mDestination{"M"};
+  std::map<std::uint64_t, std::unique_ptr<Pending>> mPending;
   std::map<std::uint64_t, Outcome> mOutcomes;
   std::unique_ptr<KXBusSubscription> mReplies;
   std::unique_ptr<KXBusSubscription> mObservation;
@@ -199,6 +234,7 @@ class CallSimulationRun {
         mCaller.start(heardOf);
         --left;
       }
+      if (xHappens(mFaults.losesPerMille)) mCaller.giveUp(mRandom());
       if (left > 0 && xHappens(mFaults.cutsPerMille)) xCut();
       if (left > 0 && xHappens(mFaults.restartsPerMille)) xRestartCallee();
       // Long before replies are given up for their age.
@@ -213,13 +249,16 @@ class CallSimulationRun {
     }
     mCallee->check();
     EXPECT_EQ(mCaller.getOutcomes().size(), static_cast<std::size_t>(kCallCount));
+    std::uint64_t results = 0;
     for (auto const& [number, outcome] : mCaller.getOutcomes()) {
       SCOPED_TRACE("call " + std::to_string(number));
       bool const isResult = outcome == Caller::Outcome::Result;
       EXPECT_LE(mRuns[number], 1);
       EXPECT_GE(mRuns[number], isResult ? 1 : 0);
-      EXPECT_TRUE(isResult || mMayFail);
+      EXPECT_TRUE(isResult || outcome == Caller::Outcome::GivenUp || mMayFail);
+      if (isResult) ++results;
     }
+    EXPECT_LE(mCallee->getAcknowledgedCount(), results) << "counted as arrived, and it was not";
   }
 
  private:
@@ -288,6 +327,14 @@ TEST(CallSimulation, RunsNoCallTwiceWhenTheCalleeBeginsAnew) {
   testing::forSeeds(700, [](std::uint32_t seed) {
     CallSimulationRun(
         seed, {.rates = kBadNetwork, .cutsPerMille = 20, .restartsPerMille = 10, .runMs = 1500})
+        .run();
+  });
+}
+
+TEST(CallSimulation, CountsNoReplyAsArrivedThatWasGivenUp) {
+  testing::forSeeds(700, [](std::uint32_t seed) {
+    CallSimulationRun(
+        seed, {.rates = kBadNetwork, .cutsPerMille = 20, .runMs = 1500, .losesPerMille = 20})
         .run();
   });
 }

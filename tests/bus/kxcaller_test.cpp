@@ -18,6 +18,8 @@ namespace {
 using Kind = KXError::Kind;
 using testing::Callee;
 using testing::Clock;
+using ::testing::Contains;
+using ::testing::Field;
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
 using testing::msSince;
@@ -33,6 +35,13 @@ class KXCallerTest : public testing::CallTest {
     EXPECT_FALSE(outcome.error) << outcome.text();
     EXPECT_EQ(outcome.result, KXValue(1));
     EXPECT_EQ(callee->runs(key), 1);
+  }
+  // The same where two have the name.
+  static void expectOneRunOf(int key, Outcome const& outcome, Callee const& one,
+                             Callee const& other) {
+    EXPECT_FALSE(outcome.error) << outcome.text();
+    EXPECT_EQ(outcome.result, KXValue(1));
+    EXPECT_EQ(one.runs(key) + other.runs(key), 1) << key;
   }
   // A peer that answers as the test says, under the name "Fake".
   std::unique_ptr<KXBusSubscription> fake(std::function<void(KXBus&, KXBusMessage const&)> answer) {
@@ -256,6 +265,97 @@ TEST_F(KXCallerTest, TakesNoNoticeOfAReplyThatComesTooLate) {
   late.join();
 
   for (int i = 0; i < 20; ++i) EXPECT_EQ(call("echo", i).result, KXValue::arrayOf(i));
+}
+
+TEST_F(KXCallerTest, AReplyThatNobodyWaitedForIsCountedAsGivenUp) {
+  call("echo");
+  EXPECT_EQ(callFor(50, "park").kind(), Kind::TimedOut);
+
+  EXPECT_EQ(call("echo", 1).result, KXValue::arrayOf(1));
+  callee->gate.open();
+
+  EXPECT_TRUE(waitUntil([this] { return callee->server->counts().running == 0; }));
+  EXPECT_EQ(callee->server->counts().expired, 1U);
+  EXPECT_THAT(callee->host.getLogged(),
+              Contains(Field(&LogLine::text,
+                             "a reply of 'Module.park', 3 bytes, was given up, and its caller has "
+                             "not confirmed it: its caller waits no longer")));
+}
+
+TEST_F(KXCallerTest, TellsTheCalleeOfAllThatItGaveUp) {
+  call("echo");
+  lose(-1, isReply);
+  for (int i = 0; i < 70; ++i) EXPECT_EQ(callFor(1, "count", i).kind(), Kind::TimedOut);
+  network.setFaults({});
+
+  // More than one request can name.
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(call("echo", i).result, KXValue::arrayOf(i));
+
+  KXReplyKeeper::Counts const counts = callee->server->counts();
+  EXPECT_EQ(counts.expired, static_cast<std::uint64_t>(callee->totalRuns()));
+  EXPECT_EQ(counts.admitted, counts.kept + counts.acknowledged + counts.expired);
+}
+
+// ---- two that have the name: one has replaced the other, which hung
+
+TEST_F(KXCallerTest, AsksAServerOfWhichItHasNotHeard) {
+  call("echo");
+  callee.reset();
+  callee = std::make_unique<Callee>(*calleeBus);
+
+  expectOnce(call("count", 1), 1);
+}
+
+TEST_F(KXCallerTest, WhoHungAndWasReplacedRunsNothingThatIsForTheOther) {
+  callee.reset();
+  callee = std::make_unique<Callee>(*calleeBus, "former", KXServerOptions{.threads = 1});
+  call("echo");
+  EXPECT_EQ(callFor(20, "park").kind(), Kind::TimedOut);
+  auto const otherBus = network.connect();
+  Callee other(*otherBus, "other");
+
+  int results = 0;
+  for (int key = 1; key <= 8; ++key) {
+    Outcome const outcome = call("count", key);
+    if (outcome.error) {
+      EXPECT_THAT(outcome.text(), HasSubstr("may have run"));
+      EXPECT_EQ(other.runs(key), 0) << "it would have been known";
+      continue;
+    }
+    EXPECT_EQ(other.runs(key), 1);
+    ++results;
+  }
+  EXPECT_GE(results, 6) << "once the caller knows the other, nothing fails";
+
+  // Everything that waits there is answered now, while calls to the other go on.
+  callee->gate.open();
+  for (int key = 100; key < 120; ++key) expectOneRunOf(key, call("count", key), *callee, other);
+  EXPECT_TRUE(waitUntil([this] { return callee->server->counts().running == 0; }));
+  for (int key = 1; key <= 8; ++key) EXPECT_LE(callee->runs(key) + other.runs(key), 1) << key;
+}
+
+TEST_F(KXCallerTest, WhoHungAndWasReplacedEndsNoCallOfTheOther) {
+  callee.reset();
+  callee = std::make_unique<Callee>(*calleeBus, "former", KXServerOptions{.threads = 1});
+  call("echo");
+  EXPECT_EQ(callFor(20, "park").kind(), Kind::TimedOut);
+  auto const otherBus = network.connect();
+  Callee other(*otherBus, "other");
+  ASSERT_TRUE(waitUntil([&] { return !call("count", 0).error && other.runs(0) > 0; }));
+  std::atomic<int> formerRepeats = 0;
+  network.setFaults([&](KXBusTransfer const& transfer) {
+    if (transfer.message.header(kErrorCodeHeader) == kRestartedCode) ++formerRepeats;
+    return KXBusFate{};
+  });
+  Outcome outcome;
+  std::thread waiting([&] { outcome = callFor(20'000, "park"); });
+
+  callee->gate.open();
+  EXPECT_TRUE(waitUntil([&] { return formerRepeats > 0; })) << "its repeats go to both in turn";
+  other.gate.open();
+  waiting.join();
+
+  EXPECT_FALSE(outcome.error) << outcome.text();
 }
 
 // ---- what cannot be
@@ -518,12 +618,15 @@ TEST_F(KXCallerTest, NamesPartsThatContradictEachOther) {
 }
 
 TEST_F(KXCallerTest, IgnoresWhatComesToSlotsThatAreNone) {
-  std::string inbox;
   auto const peer = fake([&](KXBus& bus, KXBusMessage const& message) {
-    inbox = std::string(message.reply.substr(0, message.reply.rfind('.') + 1));
-    for (char const* token :
-         {"1", "-", "a-b", "1-", "-1", "99-1", "1-99", "1-1x", "99999999999999999999999-1"}) {
-      bus.publish({.subject = inbox + token, .payload = "nonsense"});
+    std::string const subject(message.reply);
+    std::string const inbox = subject.substr(0, subject.rfind('.') + 1);
+    std::string const slots = subject.substr(0, subject.rfind('-'));
+    for (std::string const& none :
+         {inbox + "1", inbox + "-", inbox + "a-b", inbox + "-1", inbox + "0123456789abcdef-1",
+          slots, slots + "-", slots + "-99", slots + "--1", slots + "-99999999999999999999999",
+          subject + "x", subject + "-1"}) {
+      bus.publish({.subject = none, .payload = "nonsense"});
     }
     std::string const reply = encodeResult(5);
     bus.publish({.subject = message.reply, .payload = reply});

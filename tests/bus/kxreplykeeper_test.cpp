@@ -16,6 +16,7 @@
 namespace KX {
 namespace {
 
+using Cause = KXReplyKeeper::Cause;
 using Verdict = KXReplyKeeper::Verdict;
 using Thrown = std::vector<KXReplyKeeper::Thrown>;
 
@@ -36,9 +37,12 @@ struct Keeper {
   explicit Keeper(KXReplyKeeper::Limits limits = {}) : keeper(kHere, limits) {}
 
   KXReplyKeeper::Admission admit(std::uint64_t number, std::uint64_t done = 0,
-                                 std::optional<KXCallAgain> again = {},
+                                 std::optional<std::uint32_t> fromPart = {},
                                  std::string const& caller = kCaller) {
-    return keeper.admit({caller, number, done}, again, "inbox." + caller, "M.m", nowMs, thrown);
+    return admit({caller, number, done, kHere}, fromPart);
+  }
+  KXReplyKeeper::Admission admit(KXCallId const& id, std::optional<std::uint32_t> fromPart = {}) {
+    return keeper.admit(id, fromPart, "inbox." + id.caller, "M.m", nowMs, thrown);
   }
   bool finish(std::uint64_t number, std::size_t bytes = 10, std::string const& caller = kCaller) {
     return keeper.finish({caller, number, 0}, replyOf(bytes), nowMs, thrown);
@@ -58,18 +62,15 @@ struct Keeper {
   Thrown thrown;
 };
 
-KXCallAgain const kAgain{kHere, 0};
+// A request that was sent before, by a caller that has no part of the reply.
+constexpr std::uint32_t kAgain = 0;
 
-TEST(KXReplyKeeper, RunsANewCallAndKnowsANewCaller) {
+TEST(KXReplyKeeper, RunsWhatIsNew) {
   Keeper keeper;
 
-  auto const first = keeper.admit(1);
-  auto const second = keeper.admit(2);
-
-  EXPECT_EQ(first.verdict, Verdict::Run);
-  EXPECT_TRUE(first.isNewCaller);
-  EXPECT_EQ(second.verdict, Verdict::Run);
-  EXPECT_FALSE(second.isNewCaller);
+  EXPECT_EQ(keeper.admit(1).verdict, Verdict::Run);
+  EXPECT_EQ(keeper.admit(2).verdict, Verdict::Run);
+  EXPECT_EQ(keeper.admit({kCaller, 3, 0}).verdict, Verdict::Run) << "does not know whom it asks";
 }
 
 TEST(KXReplyKeeper, IgnoresARepeatOfWhatIsRunning) {
@@ -87,23 +88,25 @@ TEST(KXReplyKeeper, HandsOutTheVeryReplyAgain) {
   keeper.keeper.finish({kCaller, 1, 0}, reply, keeper.nowMs, keeper.thrown);
 
   EXPECT_EQ(keeper.admit(1, 0, kAgain).reply, reply);
-  EXPECT_EQ(keeper.admit(1, 0, KXCallAgain{kElsewhere, 3}).reply, reply)
+  EXPECT_EQ(keeper.admit({kCaller, 1, 0, kElsewhere}, 3).reply, reply)
       << "who is known here has asked here, whatever it believes";
   EXPECT_EQ(keeper.admit(1).reply, reply);
 }
 
-TEST(KXReplyKeeper, JudgesRepeatsOfWhatItDoesNotKnow) {
+TEST(KXReplyKeeper, JudgesRequestsThatItDoesNotKnowByWhomTheyAreFor) {
   struct Case {
     char const* what;
-    KXCallAgain again;
+    char const* to;
+    std::optional<std::uint32_t> fromPart;
     Verdict verdict;
   };
   std::vector<Case> const cases{
-      {"the first request was lost", {kHere, 0}, Verdict::Run},
-      {"who has a part has asked before", {kHere, 1}, Verdict::Forgotten},
-      {"sent to the predecessor", {kElsewhere, 0}, Verdict::Restarted},
-      {"a part from the predecessor", {kElsewhere, 5}, Verdict::Restarted},
-      {"nobody knows whom it was sent to", {"", 0}, Verdict::Restarted},
+      {"the first request was lost", kHere, 0, Verdict::Run},
+      {"who has a part has asked before", kHere, 1, Verdict::Forgotten},
+      {"the first request to the predecessor", kElsewhere, {}, Verdict::Moved},
+      {"a repeat to the predecessor", kElsewhere, 0, Verdict::Restarted},
+      {"a part from the predecessor", kElsewhere, 5, Verdict::Restarted},
+      {"nobody knows whom it was sent to", "", 0, Verdict::Restarted},
   };
   for (Case const& given : cases) {
     for (bool const isKnownCaller : {false, true}) {
@@ -111,7 +114,7 @@ TEST(KXReplyKeeper, JudgesRepeatsOfWhatItDoesNotKnow) {
       Keeper keeper;
       if (isKnownCaller) keeper.run(1);
 
-      auto const admission = keeper.admit(2, 0, given.again);
+      auto const admission = keeper.admit({kCaller, 2, 0, given.to}, given.fromPart);
 
       EXPECT_EQ(admission.verdict, given.verdict);
       EXPECT_EQ(keeper.keeper.counts().running, given.verdict == Verdict::Run ? 1U : 0U);
@@ -175,6 +178,39 @@ TEST(KXReplyKeeper, KeepsNoReplyOfACallThatWasGivenUpWhileItRan) {
   EXPECT_EQ(keeper.admit(1, 0, kAgain).verdict, Verdict::Forgotten);
 }
 
+TEST(KXReplyKeeper, CountsWhatItsCallerNeverGotAsGivenUp) {
+  Keeper keeper;
+  keeper.run(1, 0, 100);
+  keeper.run(2, 0, 200);
+  keeper.admit(3);
+
+  keeper.admit({kCaller, 6, 5, kHere, {2, 3, 4}});
+
+  EXPECT_EQ(keeper.thrown, (Thrown{{"M.m", 200, Cause::Lost}}));
+  EXPECT_FALSE(keeper.finish(3, 300));
+  EXPECT_EQ(keeper.thrown, (Thrown{{"M.m", 200, Cause::Lost}, {"M.m", 300, Cause::Lost}}));
+  EXPECT_EQ(keeper.keeper.counts(), (KXReplyKeeper::Counts{.admitted = 4,
+                                                           .running = 1,
+                                                           .kept = 0,
+                                                           .acknowledged = 1,
+                                                           .expired = 2,
+                                                           .bytes = 0,
+                                                           .callers = 1}));
+  EXPECT_EQ(keeper.admit(4).verdict, Verdict::Forgotten) << "it arrives late";
+}
+
+TEST(KXReplyKeeper, TakesNoNoticeOfLostCallsThatItDoesNotKnow) {
+  Keeper keeper;
+  keeper.run(2);
+  keeper.keeper.acknowledge(kCaller, 2, keeper.nowMs, keeper.thrown);
+
+  keeper.admit({kCaller, 9, 8, kHere, {1, 2, 8}});
+  keeper.admit({"fedcba9876543210", 9, 8, kHere, {2}});
+
+  EXPECT_EQ(keeper.thrown, Thrown());
+  EXPECT_EQ(keeper.keeper.counts().acknowledged, 1U);
+}
+
 TEST(KXReplyKeeper, RemembersACallWhoseReplyWasAcknowledgedByItself) {
   Keeper keeper;
   keeper.admit(1);
@@ -230,7 +266,7 @@ TEST(KXReplyKeeper, ReportsOldRepliesOnlyIfTheyWereMissed) {
 
   keeper.pass(60'000);
 
-  EXPECT_EQ(keeper.thrown, (Thrown{{"M.m", 10, false}, {"M.m", 100, false}}));
+  EXPECT_EQ(keeper.thrown, (Thrown{{"M.m", 10, Cause::Age}, {"M.m", 100, Cause::Age}}));
   EXPECT_EQ(keeper.keeper.counts().expired, 3U);
 }
 
@@ -254,7 +290,7 @@ TEST(KXReplyKeeper, GivesUpTheOldestForRoomAndSaysSo) {
 
   keeper.run(3, 0, 100);
 
-  EXPECT_EQ(keeper.thrown, (Thrown{{"M.m", 100, true}}));
+  EXPECT_EQ(keeper.thrown, (Thrown{{"M.m", 100, Cause::Room}}));
   EXPECT_EQ(keeper.admit(1, 0, kAgain).verdict, Verdict::Forgotten);
   EXPECT_EQ(keeper.admit(2, 0, kAgain).verdict, Verdict::Resend);
   EXPECT_EQ(keeper.admit(3, 0, kAgain).verdict, Verdict::Resend);
@@ -278,7 +314,7 @@ TEST(KXReplyKeeper, KeepsTheNewestHoweverLargeItIs) {
   EXPECT_EQ(keeper.admit(1, 0, kAgain).verdict, Verdict::Resend);
   EXPECT_EQ(keeper.thrown, Thrown());
   keeper.run(2, 0, 1);
-  EXPECT_EQ(keeper.thrown, (Thrown{{"M.m", 1'000'000, true}}));
+  EXPECT_EQ(keeper.thrown, (Thrown{{"M.m", 1'000'000, Cause::Room}}));
   EXPECT_EQ(keeper.keeper.counts().bytes, 1 + kOverhead);
 }
 
@@ -305,7 +341,7 @@ TEST(KXReplyKeeper, KeepsWhatIsFetchedPartByPart) {
 
   for (std::uint32_t part = 8; part < 100; part += 8) {
     keeper.pass(20'000);
-    ASSERT_EQ(keeper.admit(1, 0, KXCallAgain{kHere, part}).verdict, Verdict::Resend) << part;
+    ASSERT_EQ(keeper.admit(1, 0, part).verdict, Verdict::Resend) << part;
   }
 
   EXPECT_EQ(keeper.keeper.counts().kept, 1U) << "the other is too old";
@@ -347,7 +383,8 @@ TEST(KXReplyKeeper, BoundsItsCallers) {
   keeper.run(1, 0, 30, "c");
 
   EXPECT_EQ(keeper.keeper.counts().callers, 2U);
-  EXPECT_EQ(keeper.thrown, (Thrown{{"M.m", 20, true}})) << "the one that was silent for longest";
+  EXPECT_EQ(keeper.thrown, (Thrown{{"M.m", 20, Cause::Room}}))
+      << "the one that was silent for longest";
   EXPECT_EQ(keeper.admit(1, 0, kAgain, "a").verdict, Verdict::Resend);
   EXPECT_EQ(keeper.admit(1, 0, kAgain, "c").verdict, Verdict::Resend);
 }
@@ -449,10 +486,11 @@ TEST(KXReplyKeeper, RunsNoCallTwiceWhateverComes) {
           if (next != caller.calls.end() && !next->second.isDone) break;
           ++caller.done;
         }
-        std::optional<KXCallAgain> again;
-        if (isKnown || below(4) == 0) again = KXCallAgain{kHere, 0};
-        auto const admission = keeper.admit({caller.id, number, std::min(caller.done, number - 1)},
-                                            again, "inbox", "M.m", nowMs, thrown);
+        std::optional<std::uint32_t> fromPart;
+        if (isKnown || below(4) == 0) fromPart = kAgain;
+        auto const admission =
+            keeper.admit({caller.id, number, std::min(caller.done, number - 1), kHere}, fromPart,
+                         "inbox", "M.m", nowMs, thrown);
         switch (admission.verdict) {
           case Verdict::Run:
             ASSERT_FALSE(call.hasRun || call.isRunning) << caller.id << "." << number;

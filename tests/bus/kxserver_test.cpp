@@ -165,7 +165,7 @@ TEST_F(KXServerTest, SaysWhatItCannotRead) {
             "expected CALLER.NUMBER.DONE as header Kx-Call, got 'nonsense'"},
            {"",
             {{kCallHeader, "0123456789abcdef.1.0"}, {kAgainHeader, "nonsense"}},
-            "400",
+            "410",
             "module 'Module' was started anew while 'Module.echo' was called"}}) {
     SCOPED_TRACE(given.text);
     Answer const answer = ask(kEcho, given.payload, given.headers);
@@ -363,6 +363,42 @@ TEST_F(KXServerTest, CountsWhatWasCalled) {
   EXPECT_EQ(statistics[2].lastError, "last");
   EXPECT_TRUE(callee->server->statistics("Other").empty());
   EXPECT_GT(callee->server->started().tv_sec, 1'600'000'000);
+}
+
+TEST_F(KXServerTest, CountsNoMethodsThatAreMadeUp) {
+  ask(kEcho, encodeValue(KXValue::arrayOf(1)));
+  for (int i = 0; i < 300; ++i) {
+    ask("kx.r.Module.madeUp" + std::to_string(i), "\xc1");
+    ask("kx.r.Module.task" + std::to_string(i), encodeValue(KXValue::arrayOf(1)),
+        {{kTaskHeader, "1"}});
+  }
+  ask("kx.r.Module.twice", encodeValue(KXValue::arrayOf("a")));
+  ask(kEcho, "\xc1");
+
+  auto const statistics = callee->server->statistics("Module");
+
+  ASSERT_EQ(statistics.size(), 2U);
+  EXPECT_EQ(statistics[0].method, "echo");
+  EXPECT_EQ(statistics[0].requests, 2U);
+  EXPECT_EQ(statistics[0].errors, 1U);
+  EXPECT_EQ(statistics[1].method, "twice");
+}
+
+TEST_F(KXServerTest, CallersOfOneModuleCrowdOutNoRepliesOfAnother) {
+  callee->host.publishScript("Other", [](std::string const&, KXValue const&) { return true; });
+  callee->server->serve("Other");
+  std::string const argument = encodeValue(KXValue::arrayOf(1));
+  ask("kx.r.Module.count", argument, idHeader("0123456789abcdef.1.0"));
+
+  for (int i = 0; i < 11'000; ++i) {
+    std::string id = std::to_string(i);
+    id.insert(0, 16 - id.size(), '0');
+    ask("kx.r.Other.any", argument, idHeader(id + ".1.0"));
+  }
+
+  Answer const again = ask("kx.r.Module.count", argument, idHeader("0123456789abcdef.1.0"));
+  EXPECT_EQ(again.text(), "1");
+  EXPECT_EQ(callee->runs(1), 1);
 }
 
 TEST_F(KXServerTest, HandsTheSameBlockOverForTheSameArguments) {

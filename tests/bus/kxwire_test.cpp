@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <limits>
+#include <numeric>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -20,31 +21,36 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 
 constexpr char const* kId = "0123456789abcdef";
+constexpr char const* kOther = "fedcba9876543210";
 constexpr std::uint64_t kLargest = std::numeric_limits<std::uint64_t>::max();
 
 // ---- headers
 
 TEST(Header, OfACallComesBack) {
-  for (KXCallId const& id : {KXCallId{kId, 1, 0}, KXCallId{kId, kLargest, kLargest}}) {
+  std::vector<std::uint64_t> many(KXCallId::kMaxLost);
+  std::iota(many.begin(), many.end(), 1);
+  for (KXCallId const& id :
+       {KXCallId{kId, 1, 0}, KXCallId{kId, kLargest, kLargest}, KXCallId{kId, 7, 3, kOther},
+        KXCallId{kId, 7, 3, "", {2}}, KXCallId{kId, kLargest, kLargest, kOther, {1, kLargest}},
+        KXCallId{kId, 100, 99, kOther, many}}) {
     std::optional<KXCallId> const parsed = parseCallId(formatCallId(id));
 
-    ASSERT_TRUE(parsed);
+    ASSERT_TRUE(parsed) << formatCallId(id);
     EXPECT_EQ(parsed->caller, id.caller);
     EXPECT_EQ(parsed->number, id.number);
     EXPECT_EQ(parsed->done, id.done);
+    EXPECT_EQ(parsed->to, id.to);
+    EXPECT_EQ(parsed->lost, id.lost);
   }
   EXPECT_EQ(formatCallId({kId, 7, 3}), "0123456789abcdef.7.3");
+  EXPECT_EQ(formatCallId({kId, 7, 3, kOther}), "0123456789abcdef.7.3.fedcba9876543210");
+  EXPECT_EQ(formatCallId({kId, 7, 3, kOther, {1, 3}}), "0123456789abcdef.7.3.fedcba9876543210.1.3");
+  EXPECT_EQ(formatCallId({kId, 7, 3, "", {2}}), "0123456789abcdef.7.3..2");
 }
 
-TEST(Header, OfARepeatComesBack) {
-  for (KXCallAgain const& again : {KXCallAgain{"", 0}, KXCallAgain{kId, 4294967295}}) {
-    std::optional<KXCallAgain> const parsed = parseCallAgain(formatCallAgain(again));
-
-    ASSERT_TRUE(parsed);
-    EXPECT_EQ(parsed->instance, again.instance);
-    EXPECT_EQ(parsed->fromPart, again.fromPart);
-  }
-  EXPECT_EQ(formatCallAgain({"", 2}), ".2");
+TEST(Header, OfARepeatIsAPart) {
+  EXPECT_EQ(parseFromPart("0"), 0U);
+  EXPECT_EQ(parseFromPart("4294967295"), 4294967295U);
 }
 
 TEST(Header, OfAPartComesBack) {
@@ -110,7 +116,8 @@ TEST(Header, WithABadNumberIsRefused) {
     SCOPED_TRACE("'" + bad + "'");
     EXPECT_FALSE(parseCallId(id + "." + bad + ".0"));
     EXPECT_FALSE(parseCallId(id + ".1." + bad));
-    EXPECT_FALSE(parseCallAgain(id + "." + bad));
+    EXPECT_FALSE(parseCallId(id + ".9.8..1." + bad));
+    EXPECT_FALSE(parseFromPart(bad));
     EXPECT_FALSE(parsePart(bad + ".3"));
     EXPECT_FALSE(parsePart("0." + bad));
     EXPECT_FALSE(parsePackHeader(id + "." + bad + ".1.1.1"));
@@ -127,7 +134,7 @@ TEST(Header, WithABadIdIsRefused) {
         "0x23456789abcdef", " 123456789abcdef", "0123456789abcd\xc3\xa9"}) {
     SCOPED_TRACE(id);
     EXPECT_FALSE(parseCallId(id + ".1.0"));
-    EXPECT_FALSE(parseCallAgain(id + ".0"));
+    EXPECT_FALSE(parseCallId(std::string(kId) + ".1.0." + id));
     EXPECT_FALSE(parsePackHeader(id + ".1.1.1.1"));
     EXPECT_FALSE(parsePackAck(id + ".1.0"));
   }
@@ -148,7 +155,6 @@ TEST(Header, WithTooFewOrTooManyFieldsIsRefused) {
   for (std::string const& text : {std::string(), id, std::string("."), id + ".", id + ".1.",
                                   id + ".1.1", std::string("1"), std::string("0.1.1")}) {
     SCOPED_TRACE(text);
-    EXPECT_FALSE(parseCallAgain(text));
     EXPECT_FALSE(parsePart(text));
   }
   EXPECT_FALSE(parsePackHeader(id + ".1.1.1.1.1"));
@@ -157,7 +163,16 @@ TEST(Header, WithTooFewOrTooManyFieldsIsRefused) {
 TEST(Header, WithNumbersThatCannotBeIsRefused) {
   std::string const id = kId;
   EXPECT_FALSE(parseCallId(id + ".0.0")) << "calls count from 1";
-  EXPECT_FALSE(parseCallAgain(id + ".4294967296"));
+  EXPECT_FALSE(parseFromPart("4294967296"));
+  EXPECT_FALSE(parseCallId(id + ".9.8..0"));
+  EXPECT_FALSE(parseCallId(id + ".9.8..9")) << "what was given up is done";
+  EXPECT_FALSE(parseCallId(id + ".9.8..3.3"));
+  EXPECT_FALSE(parseCallId(id + ".9.8..3.2"));
+  EXPECT_FALSE(parseCallId(id + ".9.8.."));
+  EXPECT_FALSE(parseCallId(id + ".9.8..1.")) << "one way to be written";
+  std::string tooMany = id + ".100.99.";
+  for (std::size_t i = 0; i <= KXCallId::kMaxLost; ++i) tooMany += "." + std::to_string(i + 1);
+  EXPECT_FALSE(parseCallId(tooMany));
   EXPECT_FALSE(parsePart("0.0"));
   EXPECT_FALSE(parsePart("3.3"));
   EXPECT_FALSE(parsePart("0.4294967296"));

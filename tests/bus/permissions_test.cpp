@@ -528,7 +528,7 @@ TEST_F(Robot, KeptReplyIsForWhoeverAskedFirst) {
 
   // Somebody who has got hold of the number.
   for (KXBusHeaders const& headers :
-       {first, KXBusHeaders{{kCallHeader, "0123456789abcdef.1.0"}, {kAgainHeader, ".0"}}}) {
+       {first, KXBusHeaders{{kCallHeader, "0123456789abcdef.1.0"}, {kAgainHeader, "0"}}}) {
     EXPECT_EQ(errorCodeOf(
                   *operatr,
                   {.subject = "kx.r1.KXMemory.getData", .headers = headers, .payload = arguments}),
