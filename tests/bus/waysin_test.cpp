@@ -28,6 +28,7 @@ using ::testing::HasSubstr;
 using testing::makeCertificates;
 using testing::NatsServer;
 using ::testing::Not;
+using testing::readFile;
 using testing::replaced;
 using testing::RobotServer;
 using testing::TemporaryDirectory;
@@ -98,6 +99,45 @@ TEST(WayIn, IsClosedToWrongPasswordsAndUnknownUsers) {
     std::string const text = refusalOf(options);
     EXPECT_THAT(text, Not(HasSubstr("secret")));
   }
+}
+
+// Of a server that knows its users by what an operator and an account have signed.
+constexpr char kSigned[] = KX_SOURCE_DIR "/tests/bus/credentials/";
+
+TEST(WayIn, IsOpenToCredentialsThatAnOperatorVouchesFor) {
+  NatsServer const server(readFile(std::string(kSigned) + "operator.conf"));
+  TemporaryDirectory const directory;
+  auto const fileOf = [&](std::string const& user) {
+    return directory.write(user, readFile(kSigned + user + ".creds"));
+  };
+
+  auto const viewer = connectNats({.url = server.url(), .credentialsFile = fileOf("viewer")});
+  EXPECT_EQ(viewer->user(), "viewer");
+  EXPECT_EQ(viewer->inboxPrefix(), "_INBOX_viewer");
+  ChildProcess host({KX_BIN_DIR "/kx", "host", "--robot", "r1", "--bus", server.url(),
+                     "--bus-creds", fileOf("module")});
+  host.waitForErrorText("serving");
+  ChildProcess list({KX_BIN_DIR "/kx", "list", "Host/Load/*", "--robot", "r1", "--bus",
+                     server.url(), "--bus-creds", fileOf("viewer")});
+  EXPECT_EQ(list.waitForEnd(), 0) << list.getErrors();
+  EXPECT_THAT(list.getOutput(), HasSubstr("Host/Load/1min"));
+}
+
+TEST(WayIn, IsClosedToCredentialsThatNobodyVouchesFor) {
+  NatsServer const server(readFile(std::string(kSigned) + "operator.conf"));
+  TemporaryDirectory const directory;
+  std::string const module = readFile(std::string(kSigned) + "module.creds");
+  std::string const viewer = readFile(std::string(kSigned) + "viewer.creds");
+  constexpr char kSeedLine[] = "-----BEGIN USER NKEY SEED-----";
+  auto const half = [&](std::string const& text) {
+    return text.find(kSeedLine);
+  };
+
+  std::string const othersSeed = viewer.substr(0, half(viewer)) + module.substr(half(module));
+  std::string const text =
+      refusalOf({.url = server.url(), .credentialsFile = directory.write("mixed", othersSeed)});
+  EXPECT_THAT(text, Not(HasSubstr(module.substr(half(module) + sizeof(kSeedLine), 20))));
+  refusalOf({.url = server.url()});
 }
 
 TEST(WayIn, IsClosedToThoseWhoDoNotEncrypt) {
