@@ -23,21 +23,13 @@
 #include <host/rttools/kxhost.hpp>
 #include <kxproxies/kxmemoryproxy.hpp>
 #include <tests/support/logcapture.hpp>
+#include <tests/support/sanitized.hpp>
 
 #include "busworld.hpp"
 #include "robotserver.hpp"
 
 namespace KX {
 namespace {
-
-// A sanitizer's allocator keeps what is freed.
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-constexpr bool kIsSanitized = true;
-#elif defined(__has_feature)
-constexpr bool kIsSanitized = __has_feature(address_sanitizer);
-#else
-constexpr bool kIsSanitized = false;
-#endif
 
 using namespace std::chrono_literals;
 using testing::Events;
@@ -595,8 +587,8 @@ TEST_F(Robot, IsNotFilledUpByMadeUpNames) {
 
   EXPECT_EQ(last, "403");
   EXPECT_EQ(call(*mHost, "KXMemory", "getData", {"Arm/Angle"}), KXValue(1.5));
-  // 60 MB were sent.
-  if (!kIsSanitized) {
+  // 60 MB were sent. A sanitizer's allocator keeps what is freed.
+  if (!testing::kIsSanitized) {
     EXPECT_LT(residentKb() - before, 30'000);
   }
 }
