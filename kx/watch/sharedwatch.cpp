@@ -41,7 +41,7 @@ class SharedWatch {
     if (mOptions.duration) mEnd = SteadyClock::now() + *mOptions.duration;
     mWriter = makeWriter(mOptions.format, mKeys, [this] { return xTerminal(); });
     mOutput.write(mWriter->begin(), mEnd);
-    xStart();
+    xGive();
     std::chrono::milliseconds const pause(std::max(mOptions.periodMs, kShortestFetchMs));
     auto fetch = SteadyClock::now();
     while (!mStop.isRequested() && !mOutput.isClosed() && SteadyClock::now() < mEnd) {
@@ -49,7 +49,6 @@ class SharedWatch {
       mStop.waitUntil(std::min(fetch, mEnd));
       if (SteadyClock::now() < mEnd) xFetch(false);
     }
-    if (std::exchange(mHasStarted, false)) xCall("stopWatching");
     xFetch(true);
     mOutput.finish();
     say(sharedSummaryText(mKeys, mCounts));
@@ -66,7 +65,9 @@ class SharedWatch {
     return mSession.call("KXMemoryWatcher", method, std::move(arguments));
   }
 
-  void xStart() {
+  /// What the watcher lacks of this watch.
+  void xGive() {
+    mIsGiven = false;
     std::vector<std::string> listeners;
     xCall("listeners").ToStringArray(listeners, false);
     std::set<std::string> const former(listeners.begin(), listeners.end());
@@ -75,6 +76,8 @@ class SharedWatch {
     for (std::string const& key : mKeys.events) {
       if (isWatching && former.contains(key)) shared.formerEvents.insert(key);
     }
+    // What still waits for the rest of its batch waits in vain.
+    if (mReader) xPrint(mReader->read(KXValue::arrayOf(), true), false);
     mReader.emplace(
         mKeys, [this](std::string const& key) { return isEventByNow(mSession, key); }, shared);
 
@@ -86,18 +89,56 @@ class SharedWatch {
       xCall("startWatching", {mOptions.periodMs});
     }
     xAdd(mKeys.events, former);
+    mIsGiven = true;
   }
 
   void xAdd(std::vector<std::string> const& keys, std::set<std::string> const& former) {
     std::vector<std::string> missing;
     std::ranges::remove_copy_if(keys, std::back_inserter(missing),
                                 [&](std::string const& key) { return former.contains(key); });
-    mAdded.insert(mAdded.end(), missing.begin(), missing.end());
+    mAdded.insert(missing.begin(), missing.end());
     if (!missing.empty()) xCall("addListeners", {missing});
   }
 
   void xFetch(bool isLast) {
-    KXFetched const fetched = mReader->read(xCall("getData"), isLast);
+    KXValue const taken = xTake(isLast);
+    xPrint(mReader->read(taken, isLast), isLast);
+  }
+
+  /// What the watcher took, which is nothing while it does not answer.
+  KXValue xTake(bool isLast) {
+    try {
+      if (isLast && std::exchange(mHasStarted, false)) xCall("stopWatching");
+      KXValue taken = xCall("getData");
+      // Another process may be in the place of the one that was given the keys.
+      bool const isLacking = !isLast && (!mIsGiven || !xHasAllKeys(taken));
+      if (isLacking) xGive();
+      if (std::exchange(mIsAway, false) || isLacking) say("the robot's watcher is back");
+      return taken;
+    } catch (KXError const& error) {
+      if (error.getKind() == KXError::Kind::Failed || error.getKind() == KXError::Kind::Refused) {
+        throw;
+      }
+      if (!std::exchange(mIsAway, true)) {
+        say("the robot's watcher does not answer and is asked again: " + forTerminal(error.what()));
+      }
+      return KXValue::arrayOf();
+    }
+  }
+
+  bool xHasAllKeys(KXValue const& taken) const {
+    std::set<std::string> keys;
+    for (int i = 0; i < taken.getSize(); ++i) {
+      keys.insert(static_cast<std::string const&>(taken[i][0]));
+    }
+    auto const isThere = [&](std::string const& key) {
+      return keys.contains(key);
+    };
+    return std::ranges::all_of(mKeys.columns(), isThere) &&
+           std::ranges::all_of(mKeys.events, isThere);
+  }
+
+  void xPrint(KXFetched const& fetched, bool isLast) {
     for (KXBatch const& batch : fetched.batches) mCounts.samples += batch.sampleCount();
     mCounts.events += static_cast<std::int64_t>(fetched.events.size());
     mOutput.write(mWriter->next(fetched, isLast), mEnd);
@@ -106,8 +147,13 @@ class SharedWatch {
   void xTakeBack() noexcept {
     try {
       if (mHasStarted) xCall("stopWatching");
-      if (!mAdded.empty()) xCall("removeListeners", {mAdded});
+      if (!mAdded.empty()) {
+        xCall("removeListeners", {std::vector<std::string>(mAdded.begin(), mAdded.end())});
+      }
     } catch (std::exception const& error) {
+      auto const* const failure = dynamic_cast<KXError const*>(&error);
+      // With its process all that it was given is gone.
+      if (failure != nullptr && failure->getKind() == KXError::Kind::NotFound) return;
       say("the robot's watcher keeps what it was given: " + forTerminal(error.what()));
     }
   }
@@ -122,7 +168,9 @@ class SharedWatch {
   std::optional<KXSampleReader> mReader;
   KXWatchCounts mCounts;
   bool mHasStarted = false;
-  std::vector<std::string> mAdded;
+  std::set<std::string> mAdded;
+  bool mIsGiven = false;  ///< period, keys and start, as far as is known
+  bool mIsAway = false;   ///< the last call got no answer
   SteadyClock::time_point mEnd = SteadyClock::time_point::max();  ///< of --for
 };
 

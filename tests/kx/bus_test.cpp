@@ -3,7 +3,6 @@
 #include <csignal>
 #include <filesystem>
 #include <memory>
-#include <optional>
 #include <set>
 #include <string>
 #include <thread>
@@ -13,11 +12,9 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <host/rttools/kxhost.hpp>
-#include <kxcommon/kxproxy.hpp>
 #include <kxerror/kxerror.hpp>
-#include <tests/bus/natsserver.hpp>
 
+#include "robot.hpp"
 #include "tool.hpp"
 
 namespace KX::testing {
@@ -35,10 +32,6 @@ using ::testing::MatchesRegex;
 using ::testing::Not;
 using ::testing::SizeIs;
 using ::testing::StartsWith;
-
-std::string watcherPath() {
-  return KX_BIN_DIR "/memorywatcher";
-}
 
 /// What its line on stderr says.
 pid_t pidOf(ChildProcess& child) {
@@ -67,60 +60,6 @@ bool becomesTrue(Condition condition) {
   }
   return true;
 }
-
-class OnABus : public ::testing::Test {
- protected:
-  std::vector<std::string> withBus(std::vector<std::string> arguments) const {
-    arguments.insert(arguments.end(), {"--bus", mServer.url()});
-    return arguments;
-  }
-  std::vector<std::string> onRobot(std::vector<std::string> arguments) const {
-    arguments.insert(arguments.end(), {"--robot", "r1"});
-    return withBus(std::move(arguments));
-  }
-  ToolResult run(std::vector<std::string> const& arguments) const {
-    return runTool(onRobot(arguments));
-  }
-  std::unique_ptr<ChildProcess> start(std::vector<std::string> const& arguments) const {
-    return std::make_unique<ChildProcess>(onRobot(arguments));
-  }
-
-  NatsServer mServer;
-};
-
-/// A robot with its host, and a process of this test's on it.
-class Robot : public OnABus {
- protected:
-  Robot() { mHost->waitForErrorText("serving"); }
-
-  std::unique_ptr<ChildProcess> startWatcher() const {
-    auto watcher = start({watcherPath()});
-    watcher->waitForErrorText("serving");
-    return watcher;
-  }
-
-  KXValue call(std::string const& module, std::string const& method,
-               std::vector<KXValue> arguments = {}) {
-    if (!mOperator) {
-      mOperator.emplace(KXHost::Options{.withStore = false,
-                                        .bus = KXBusOptions{.url = mServer.url(), .robot = "r1"}});
-    }
-    return mOperator->getBroker()->getProxy(module, 0)->genericCall(method,
-                                                                    KXValue(std::move(arguments)));
-  }
-  std::vector<std::string> listeners() {
-    std::vector<std::string> names;
-    call("KXMemoryWatcher", "listeners").ToStringArray(names, false);
-    return names;
-  }
-  /// Waits until so many subscribe to a key, then raises it so many times.
-  void raise(std::string const& key, int count) {
-    for (int i = 0; i < count; ++i) call("KXMemory", "raiseEvent", {key, i});
-  }
-
-  std::unique_ptr<ChildProcess> const mHost = start({toolPath(), "host"});
-  std::optional<KXHost> mOperator;
-};
 
 TEST_F(Robot, IsServedUntilASignalEndsIt) {
   for (int const signal : {SIGINT, SIGTERM, SIGHUP}) {
@@ -265,43 +204,6 @@ TEST_F(Robot, IsWatchedOnWhileItsServerIsAway) {
   EXPECT_EQ(viewer->waitForEnd(), 0);
   EXPECT_THAT(viewer->getErrors(), ContainsRegex("[0-9]+ read failed"));
   EXPECT_GE(readCsv(viewer->getOutput()).size(), 10U);
-}
-
-TEST_F(Robot, LendsItsWatcherAndGetsItBackAsItWas) {
-  auto const announced = startWatcher();
-
-  ToolResult const first = run({"watch", "--shared", "Host/UptimeSeconds", "Host/Cpu/Usage",
-                                "--for", "1s", "--period", "50", "--format", "csv"});
-
-  EXPECT_EQ(first.exitCode, 0);
-  auto const rows = readCsv(first.output);
-  EXPECT_GE(rows.size(), 10U);
-  for (std::size_t i = 2; i < rows.size(); ++i) {
-    EXPECT_NE(rows[i][1], "") << i;
-    EXPECT_NE(rows[i][2], "") << i;
-  }
-  EXPECT_THAT(messagesOf(first), ElementsAre(MatchesRegex("kx: [0-9]+ samples of 2 data keys, 0 "
-                                                          "events, from the robot's watcher")));
-  EXPECT_THAT(listeners(), IsEmpty());
-  EXPECT_EQ(call("KXMemoryWatcher", "isWatching"), KXValue(false));
-
-  call("KXMemoryWatcher", "addListener", {"Host/UptimeSeconds"});
-  call("KXMemoryWatcher", "startWatching", {50});
-  ToolResult const second = run({"watch", "--shared", "Host/UptimeSeconds", "Host/Cpu/Usage",
-                                 "--for", "300ms", "--period", "50", "--format", "csv"});
-
-  EXPECT_EQ(second.exitCode, 0);
-  EXPECT_THAT(listeners(), ElementsAre("Host/UptimeSeconds"));
-  EXPECT_EQ(call("KXMemoryWatcher", "isWatching"), KXValue(true));
-}
-
-TEST_F(Robot, WithoutAWatcherHasNoneToShare) {
-  ToolResult const result = run({"watch", "--shared", "--for", "1s"});
-
-  EXPECT_EQ(result.exitCode, 3);
-  EXPECT_THAT(messagesOf(result),
-              ElementsAre("kx: the robot has no watcher that is shared (KXMemoryWatcher); "
-                          "memorywatcher --bus URL puts one there"));
 }
 
 TEST_F(Robot, HasOneWatcherAndAnotherSoonAfterThatWasKilled) {
