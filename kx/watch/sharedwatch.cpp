@@ -1,7 +1,5 @@
 #include <kx/watch/sharedwatch.hpp>
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <chrono>
 #include <memory>
@@ -39,7 +37,7 @@ class SharedWatch {
 
   void run() {
     if (mOptions.duration) mEnd = SteadyClock::now() + *mOptions.duration;
-    mWriter = makeWriter(mOptions.format, mKeys, [this] { return xTerminal(); });
+    mWriter = makeWriter(mOptions.format, mKeys, [this] { return terminalOf(mOutput, mLog); });
     mOutput.write(mWriter->begin(), mEnd);
     xGive();
     std::chrono::milliseconds const pause(std::max(mOptions.periodMs, kShortestFetchMs));
@@ -55,12 +53,6 @@ class SharedWatch {
   }
 
  private:
-  KXTerminal xTerminal() {
-    KXTerminal terminal = mOutput.terminal();
-    terminal.isDisturbed = mLog.takeHasWarned() && isatty(STDERR_FILENO) == 1;
-    return terminal;
-  }
-
   KXValue xCall(std::string const& method, std::vector<KXValue> arguments = {}) const {
     return mSession.call("KXMemoryWatcher", method, std::move(arguments));
   }

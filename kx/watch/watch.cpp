@@ -1,6 +1,4 @@
 // kx watch: samples keys with the watcher and prints what it took.
-#include <unistd.h>
-
 #include <algorithm>
 #include <chrono>
 #include <memory>
@@ -46,7 +44,7 @@ class Watch {
         mOutput(output),
         mStop(stop),
         mReader(mKeys, [this](std::string const& key) { return isEventByNow(mSession, key); }),
-        mWriter(makeWriter(options.format, mKeys, [this] { return xTerminal(); })) {}
+        mWriter(makeWriter(options.format, mKeys, [this] { return terminalOf(mOutput, mLog); })) {}
 
   void run() {
     xStart();
@@ -60,12 +58,6 @@ class Watch {
   }
 
  private:
-  KXTerminal xTerminal() {
-    KXTerminal terminal = mOutput.terminal();
-    terminal.isDisturbed = mLog.takeHasWarned() && isatty(STDERR_FILENO) == 1;
-    return terminal;
-  }
-
   KXValue xCall(std::string const& method, std::vector<KXValue> arguments = {}) const {
     return mSession.call("KXMemoryWatcher", method, std::move(arguments));
   }

@@ -1,5 +1,7 @@
 #include <kx/watch/watchlog.hpp>
 
+#include <unistd.h>
+
 #include <string_view>
 
 #include <ka/log.hpp>
@@ -26,6 +28,12 @@ KXWatchLog::KXWatchLog() {
 
 KXWatchLog::~KXWatchLog() {
   ka::log::removeHandler(kHandler);
+}
+
+KXTerminal terminalOf(KXOutput const& output, KXWatchLog& log) {
+  KXTerminal terminal = output.terminal();
+  terminal.isDisturbed = log.takeHasWarned() && isatty(STDERR_FILENO) == 1;
+  return terminal;
 }
 
 }  // namespace KX::tool

@@ -4,6 +4,8 @@
 #include <atomic>
 #include <cstdint>
 
+#include <kx/output.hpp>
+
 namespace KX::tool {
 
 /// Counts, from construction on, the reads of the store that the watcher logs as failed: the one
@@ -24,5 +26,9 @@ class KXWatchLog {
   std::atomic<std::int64_t> mFailedReads{0};
   std::atomic<bool> mHasWarned{false};
 };
+
+/// The terminal, disturbed if what was logged since the last time this was asked is shown there
+/// too.
+KXTerminal terminalOf(KXOutput const& output, KXWatchLog& log);
 
 }  // namespace KX::tool
