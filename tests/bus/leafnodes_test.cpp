@@ -1,62 +1,27 @@
 // A robot's own server with the hub that it connects to, as docs/examples has them.
-#include <chrono>
-#include <condition_variable>
 #include <cstdlib>
 #include <memory>
-#include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <binding/kx.hpp>
 #include <host/rttools/kxhost.hpp>
+#include <kxcommon/kxproxy.hpp>
 #include <kxproxies/kxmemoryproxy.hpp>
 
+#include "listener.hpp"
 #include "robotserver.hpp"
 
 namespace KX {
 namespace {
 
-using namespace std::chrono_literals;
+using testing::eventually;
+using testing::Listener;
 using testing::NatsServer;
 using testing::replaced;
 using testing::TemporaryDirectory;
-using Clock = std::chrono::steady_clock;
-
-template <class Condition>
-bool waitUntil(Condition const& condition) {
-  auto const end = Clock::now() + 30s;
-  while (!condition()) {
-    if (Clock::now() > end) return false;
-    std::this_thread::sleep_for(5ms);
-  }
-  return true;
-}
-
-class Listener : public KXModule {
- public:
-  explicit Listener(boost::shared_ptr<KXBroker> const& broker) : KXModule(broker, "Listener") {
-    publish(*this, {"onEvent", "is told"}, &Listener::onEvent);
-  }
-  void onEvent(std::string const&, KXValue const& value, std::string const&) {
-    std::lock_guard const lock(mMutex);
-    mValues.push_back(static_cast<int>(value));
-    mChanged.notify_all();
-  }
-  std::vector<int> waitFor(std::size_t count) {
-    std::unique_lock lock(mMutex);
-    mChanged.wait_for(lock, 30s, [&] { return mValues.size() >= count; });
-    return mValues;
-  }
-
- private:
-  std::mutex mMutex;
-  std::condition_variable mChanged;
-  std::vector<int> mValues;  // guarded by mMutex
-};
 
 class Site : public ::testing::Test {
  protected:
@@ -79,7 +44,7 @@ class Site : public ::testing::Test {
     text = replaced(text, "listen: \"0.0.0.0:4222\"\n", "");
     mHub = std::make_unique<NatsServer>(replaced(text, "0.0.0.0:7422", "127.0.0.1:-1"));
     std::string const begin = "leafnode connections on 127.0.0.1:";
-    ASSERT_TRUE(waitUntil([&] { return mHub->logText().find(begin) != std::string::npos; }));
+    ASSERT_TRUE(eventually([&] { return mHub->logText().find(begin) != std::string::npos; }));
     std::string const log = mHub->logText();
     auto const at = log.find(begin) + begin.size();
     mHubPort = log.substr(at, log.find('\n', at) - at);
@@ -87,7 +52,7 @@ class Site : public ::testing::Test {
   }
   void awaitLeaf() {
     ++mLeaves;
-    ASSERT_TRUE(waitUntil([&] {
+    ASSERT_TRUE(eventually([&] {
       std::string const log = mSite->logText();
       int count = 0;
       for (auto at = log.find("Leafnode connection created"); at != std::string::npos;
