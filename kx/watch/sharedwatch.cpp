@@ -99,14 +99,14 @@ class SharedWatch {
 
   /// What the watcher took, which is nothing while it does not answer.
   KXValue xTake(bool isLast) {
+    KXValue taken = KXValue::arrayOf();
     try {
       if (isLast && std::exchange(mHasStarted, false)) xCall("stopWatching");
-      KXValue taken = xCall("getData");
+      taken = xCall("getData");
       // Another process may be in the place of the one that was given the keys.
       bool const isLacking = !isLast && (!mIsGiven || !xHasAllKeys(taken));
       if (isLacking) xGive();
       if (std::exchange(mIsAway, false) || isLacking) say("the robot's watcher is back");
-      return taken;
     } catch (KXError const& error) {
       if (error.getKind() == KXError::Kind::Failed || error.getKind() == KXError::Kind::Refused) {
         throw;
@@ -114,8 +114,8 @@ class SharedWatch {
       if (!std::exchange(mIsAway, true)) {
         say("the robot's watcher does not answer and is asked again: " + forTerminal(error.what()));
       }
-      return KXValue::arrayOf();
     }
+    return taken;
   }
 
   bool xHasAllKeys(KXValue const& taken) const {
