@@ -40,6 +40,7 @@ inline void headers(std::string_view text) {
   expectSameText(parsePart(text), formatPart, text);
   expectSameText(parsePackHeader(text), formatPackHeader, text);
   expectSameText(parsePackAck(text), formatPackAck, text);
+  expectSameText(parseUnhandled(text), formatUnhandled, text);
 }
 
 inline void reply(std::string_view payload, std::string_view code) {

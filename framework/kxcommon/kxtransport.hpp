@@ -21,13 +21,14 @@ struct KXNotification {
 };
 
 /// What became of the notifications to one module since the transport was made:
-/// posted = delivered + dropped + waiting.
+/// posted = delivered + dropped + waiting + unhandled.
 struct KXNotificationCounts {
   std::uint64_t posted = 0;
-  std::uint64_t delivered = 0;   ///< the receiver said so
+  std::uint64_t delivered = 0;   ///< brought to the module, the receiver said so
   std::uint64_t dropped = 0;     ///< never sent, for want of room
-  std::uint64_t waiting = 0;     ///< neither yet
+  std::uint64_t waiting = 0;     ///< none of these yet
   std::size_t waitingBytes = 0;  ///< of those that were never sent
+  std::uint64_t unhandled = 0;   ///< the receiver had no such module, or could not read them
 };
 
 /// The way to modules in other processes. Threads: all operations may overlap. Failures of the way

@@ -93,14 +93,17 @@ class Served {
     } catch (KXError const& error) {
       // It is not to come again and again: what it held is given up.
       mUnhandled += header.count - from;
-      stream.onHandled(header.count - from);
+      stream.onUnhandled(header.count - from);
       return mMalformed.tell(
           [&] { return "a pack for module '" + mName + "' cannot be read: " + messageOf(error); });
     }
     Clock::time_point ackedAt = Clock::now();
     for (std::uint32_t i = from; i < header.count; ++i) {
-      xCall(notifications[i]);
-      stream.onHandled();
+      if (xCall(notifications[i])) {
+        stream.onHandled();
+      } else {
+        stream.onUnhandled();
+      }
       if (mIsStopping) return;
       Clock::time_point const now = Clock::now();
       if (now - ackedAt < kAckPause) continue;
@@ -109,15 +112,17 @@ class Served {
     }
   }
 
-  void xCall(KXNotification const& notification) {
+  // False if there is no module to bring it to.
+  bool xCall(KXNotification const& notification) {
     try {
       if (mTarget.call(notification)) {
         ++mHandled;
-        return;
+        return true;
       }
       ++mUnhandled;
       mHomeless.tell(
           [&] { return "module '" + mName + "' is not here, what is sent to it is dropped"; });
+      return false;
     } catch (...) {
       // The module's failure concerns neither its sender nor what comes next.
       ++mHandled;
@@ -126,15 +131,14 @@ class Served {
         return "method '" + notification.method + "' of module '" + mName +
                "' failed: " + describeCurrentException();
       });
+      return true;
     }
   }
 
   void xAck(KXPackReceiver const& stream, std::string_view reply) {
     if (!isInbox(reply)) return;
     try {
-      mBus.publish({.subject = reply,
-                    .headers = {{kAckHeader, formatPackAck(stream.ack())}},
-                    .payload = {}});
+      mBus.publish({.subject = reply, .headers = packAckHeaders(stream.ack()), .payload = {}});
     } catch (KXError const&) {
       // The sender will ask.
     }

@@ -244,7 +244,7 @@ class KXEventSender::Impl {
       if (message.isNoResponders) {
         to->sender.onNoResponders(nowMs());
         if (to->nobodySinceMs == 0) to->nobodySinceMs = nowMs();
-      } else if (auto const ack = parsePackAck(message.header(kAckHeader))) {
+      } else if (auto const ack = packAckOf(message)) {
         to->sender.onAck(*ack, nowMs());
         to->nobodySinceMs = 0;
       }

@@ -231,6 +231,13 @@ class Pairs {
   int mBits = 0;
 };
 
+// What all values of a message may take together: one that is a byte on the wire takes up to 56.
+// Samples of a fetch take less than 8 for each byte, so any number of them is taken; what is denser
+// has the rest, some 8 million values.
+std::size_t mostValueBytes(std::size_t messageBytes) noexcept {
+  return 8 * messageBytes + (std::size_t{64} << 20);
+}
+
 // What msgpack::parse() tells its findings to: false stops it. Values are collected on a stack, and
 // an array is made of those on top when its last element is there, so nothing is ever allocated for
 // what has not arrived. Rows, which are arrays of two, stay on the stack until it is known whether
@@ -238,8 +245,13 @@ class Pairs {
 class Visitor : public msgpack::null_visitor {
  public:
   // With `former`, the outermost array is not made: its elements stay on the stack.
-  Visitor(std::size_t bytes, std::vector<KXValue> const* former)
-      : mRoom(bytes - 1), mFormer(former), mPairs(former == nullptr ? bytes : 0) {
+  Visitor(std::size_t bytes, std::size_t& valueBytes, std::size_t mostValueBytes,
+          std::vector<KXValue> const* former)
+      : mRoom(bytes - 1),
+        mValueBytes(valueBytes),
+        mMostValueBytes(mostValueBytes),
+        mFormer(former),
+        mPairs(former == nullptr ? bytes : 0) {
     if (former != nullptr) mValues.reserve(4);
   }
 
@@ -261,7 +273,7 @@ class Visitor : public msgpack::null_visitor {
   bool visit_float32(float value) { return xAdd(KXValue(value)); }
   bool visit_float64(double value) { return xAdd(KXValue(value)); }
   bool visit_str(char const* text, std::uint32_t size) {
-    if (!xTakeRoom(size)) return false;
+    if (!xTakeRoom(size) || !xTakeMemory(kTextBytes + size)) return false;
     std::string_view const string(text, size);
     if (KXValue const* const former = xFormer()) {
       if (former->getType() == KXValue::TypeString &&
@@ -272,7 +284,7 @@ class Visitor : public msgpack::null_visitor {
     return xAdd(KXValue(std::string(string)));
   }
   bool visit_bin(char const* bytes, std::uint32_t size) {
-    if (!xTakeRoom(size)) return false;
+    if (!xTakeRoom(size) || !xTakeMemory(kTextBytes + size)) return false;
     return xAdd(KXValue::binary(std::string(std::string_view(bytes, size))));
   }
   bool visit_ext(char const*, std::uint32_t) {
@@ -283,7 +295,7 @@ class Visitor : public msgpack::null_visitor {
   }
   bool start_array(std::uint32_t size) {
     if (mDepth == kMostLevels) return xFail(levelsText());
-    if (!xTakeRoom(size)) return false;
+    if (!xTakeRoom(size) || !xTakeMemory(kArrayBytes + size * sizeof(KXValue))) return false;
     if (mDepth == 0) mIsArray = true;
     mLevels[mDepth++] = {mValues.size(), size, 0};
     return true;
@@ -313,6 +325,9 @@ class Visitor : public msgpack::null_visitor {
  private:
   static constexpr std::int32_t kLeast = std::numeric_limits<std::int32_t>::min();
   static constexpr std::int32_t kGreatest = std::numeric_limits<std::int32_t>::max();
+  // Of a block, without the elements or the text.
+  static constexpr std::size_t kArrayBytes = 8;
+  static constexpr std::size_t kTextBytes = 8 + sizeof(std::string);
 
   struct Level {
     std::size_t start;   // of its elements on the stack
@@ -360,6 +375,12 @@ class Visitor : public msgpack::null_visitor {
     mRoom -= size;
     return true;
   }
+  bool xTakeMemory(std::size_t bytes) {
+    mValueBytes += bytes;
+    if (mValueBytes <= mMostValueBytes) return true;
+    return xFail("expected values of at most " + std::to_string(mMostValueBytes) +
+                 " bytes of memory, got " + std::to_string(mValueBytes) + " or more");
+  }
   bool xFailInteger(std::string const& number) {
     return xFail("expected an integer of 32 bits, got " + number);
   }
@@ -384,6 +405,8 @@ class Visitor : public msgpack::null_visitor {
   }
 
   std::size_t mRoom;  // bytes left, less the one of each element that has not come
+  std::size_t& mValueBytes;
+  std::size_t const mMostValueBytes;
   std::vector<KXValue> const* const mFormer;
   std::vector<KXValue> mValues;
   std::array<Level, kMostLevels> mLevels;  // of the arrays that are not complete
@@ -398,7 +421,7 @@ class Visitor : public msgpack::null_visitor {
 std::vector<KXValue> KXUnpacker::xTake(std::vector<KXValue> const* former) {
   if (mOffset == mBytes.size())
     fail("decodeValue", "expected more bytes, at byte " + std::to_string(mOffset));
-  Visitor visitor(mBytes.size() - mOffset, former);
+  Visitor visitor(mBytes.size() - mOffset, mValueBytes, mostValueBytes(mBytes.size()), former);
   std::size_t offset = mOffset;
   bool const isWhole = msgpack::parse(mBytes.data(), mBytes.size(), offset, visitor);
   if (!isWhole) fail("decodeValue", visitor.fault() + ", at byte " + std::to_string(offset));

@@ -53,7 +53,8 @@ class KXPacker {
 };
 
 /// Takes values from bytes that may be hostile. KXError, which says at which byte, if they are no
-/// value. Memory is bounded by the number of bytes: lengths beyond those left are refused.
+/// value. Memory is bounded by the number of bytes: lengths beyond those left are refused, and so
+/// are values that take more than 8 bytes for each byte and 64 MB, all together.
 class KXUnpacker {
  public:
   explicit KXUnpacker(std::string_view bytes) : mBytes(bytes) {}
@@ -70,6 +71,7 @@ class KXUnpacker {
 
   std::string_view const mBytes;
   std::size_t mOffset = 0;
+  std::size_t mValueBytes = 0;  // of all that was taken
 };
 
 }  // namespace KX

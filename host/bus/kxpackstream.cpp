@@ -168,7 +168,7 @@ void KXPackSender::onAck(KXPackAck const& ack, std::int64_t nowMs) {
   if (ack.epoch != mEpoch || ack.next > sentEnd) return;
   if (ack.next > mAcked) {
     mAcked = ack.next;
-    xForget(ack.next);
+    xTakeUnhandled(ack.unhandled, xForget(ack.next));
     xWaitAnew(nowMs);
   }
   // What the receiver says of one gap again and again is heeded once.
@@ -183,10 +183,12 @@ void KXPackSender::xGoBackTo(std::size_t cursor) {
   for (std::size_t i = 0; i < mCursor; ++i) mInFlightBytes += mPacks[i].bytes->size();
 }
 
-// Drops the packs before that number.
-void KXPackSender::xForget(std::uint64_t next) {
+// Drops the packs before that number, and gives how many notifications they held.
+std::uint64_t KXPackSender::xForget(std::uint64_t next) {
+  std::uint64_t count = 0;
   while (mSentCount > 0 && mPacks.front().end() <= next) {
     Pack const& pack = mPacks.front();
+    count += pack.count;
     mCounts.delivered += pack.count;
     mCounts.waiting -= pack.count;
     --mSentCount;
@@ -196,6 +198,18 @@ void KXPackSender::xForget(std::uint64_t next) {
     }
     mPacks.pop_front();
   }
+  return count;
+}
+
+// Of those acknowledged just now, which are `most`, some may have been given up.
+void KXPackSender::xTakeUnhandled(KXUnhandled const& unhandled, std::uint64_t most) {
+  if (unhandled.count == 0) return;
+  if (unhandled.from != mUnhandled.from) mUnhandled = {unhandled.from, 0};
+  if (unhandled.count <= mUnhandled.count) return;
+  std::uint64_t const count = std::min(unhandled.count - mUnhandled.count, most);
+  mUnhandled.count = unhandled.count;
+  mCounts.delivered -= count;
+  mCounts.unhandled += count;
 }
 
 void KXPackSender::xWaitAnew(std::int64_t nowMs) {
@@ -217,9 +231,12 @@ void KXPackSender::onBack(std::int64_t nowMs) {
 
 KXPackReceiver::Arrival KXPackReceiver::onPack(KXPackHeader const& header) {
   // So begins a new receiver. What lies before the oldest never comes: a former one had it.
+  if (mFrom == 0) mFrom = header.oldest;
   mNext = std::max(mNext, header.oldest);
   mIsGap = header.holeFrom > mNext;
   if (mIsGap) return {header.count, 0, 0};
+  mPackEnd = header.first + header.count;
+  mUnhandledBefore = mUnhandled;
   Arrival arrival;
   if (mNext < header.first) {
     arrival.dropped = header.first - mNext;

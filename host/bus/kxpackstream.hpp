@@ -93,7 +93,8 @@ class KX_API KXPackSender {
   KXOutgoingPack xSend(std::int64_t nowMs);
   KXOutgoingPack xAsk(std::int64_t nowMs);
   KXPackHeader xHeader(Pack const& pack) const;
-  void xForget(std::uint64_t next);
+  std::uint64_t xForget(std::uint64_t next);
+  void xTakeUnhandled(KXUnhandled const& unhandled, std::uint64_t most);
   void xGoBackTo(std::size_t cursor);
   void xWaitAnew(std::int64_t nowMs);
 
@@ -106,6 +107,7 @@ class KX_API KXPackSender {
   std::uint64_t mNext = 1;      ///< number of the next notification
   std::uint64_t mAcked = 1;     ///< all before this one
   std::uint64_t mRoundEnd = 0;  ///< gaps are not heeded until so much is acknowledged
+  KXUnhandled mUnhandled;       ///< what the receiver said last
   std::int64_t mAskMs = 0;
   std::int64_t mAskAtMs = 0;
   KXNotificationCounts mCounts;
@@ -125,15 +127,28 @@ class KX_API KXPackReceiver {
     std::uint32_t repeats = 0;  ///< so many of it were handled before
     std::uint64_t dropped = 0;  ///< so many the sender dropped before it
   };
-  /// Then the notifications are handled, each followed by onHandled(), and the sender gets ack().
+  /// Then the notifications are handled, each followed by onHandled(), or given up, followed by
+  /// onUnhandled(), and the sender gets ack().
   Arrival onPack(KXPackHeader const& header);
   void onHandled(std::uint32_t count = 1) noexcept { mNext += count; }
-  KXPackAck ack() const { return {mEpoch, mNext, mIsGap}; }
+  void onUnhandled(std::uint32_t count = 1) noexcept {
+    mNext += count;
+    mUnhandled += count;
+  }
+  KXPackAck ack() const {
+    // On purpose: what a pack held is counted when it is over. Its sender counts whole packs too.
+    bool const isPackOver = mNext >= mPackEnd;
+    return {mEpoch, mNext, mIsGap, {mFrom, isPackOver ? mUnhandled : mUnhandledBefore}};
+  }
 
  private:
   std::string mEpoch;
   std::uint64_t mNext = 0;  ///< all before this one were handled, or never come
   bool mIsGap = false;      ///< what came last began later than that
+  std::uint64_t mFrom = 0;  ///< the first that it waited for
+  std::uint64_t mPackEnd = 0;
+  std::uint64_t mUnhandled = 0;
+  std::uint64_t mUnhandledBefore = 0;  ///< without those of the pack that ends there
 };
 
 /// The receiving ends of all senders to one module. Bounded: the one that was silent for longest is

@@ -284,6 +284,35 @@ std::optional<KXPackAck> parsePackAck(std::string_view text) {
   return ack;
 }
 
+std::string formatUnhandled(KXUnhandled const& unhandled) {
+  return std::to_string(unhandled.from) + "." + std::to_string(unhandled.count);
+}
+
+std::optional<KXUnhandled> parseUnhandled(std::string_view text) {
+  auto const fields = split<2>(text);
+  KXUnhandled unhandled;
+  if (!fields || !parseNumber((*fields)[0], unhandled.from) ||
+      !parseNumber((*fields)[1], unhandled.count) || unhandled.from == 0 || unhandled.count == 0) {
+    return std::nullopt;
+  }
+  return unhandled;
+}
+
+KXBusHeaders packAckHeaders(KXPackAck const& ack) {
+  KXBusHeaders headers = {{kAckHeader, formatPackAck(ack)}};
+  if (ack.unhandled.count > 0) {
+    headers.emplace_back(kUnhandledHeader, formatUnhandled(ack.unhandled));
+  }
+  return headers;
+}
+
+std::optional<KXPackAck> packAckOf(KXBusMessage const& message) {
+  auto ack = parsePackAck(message.header(kAckHeader));
+  if (ack)
+    ack->unhandled = parseUnhandled(message.header(kUnhandledHeader)).value_or(KXUnhandled());
+  return ack;
+}
+
 void appendNotification(std::string& bytes, std::string_view method, KXValue const& arguments) {
   KXPacker packer(bytes);
   packer.addArray(2);

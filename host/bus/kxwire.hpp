@@ -1,7 +1,8 @@
 // What messages look like on the wire: MessagePack, and the headers of calls, replies and event
 // packs. Pure functions. Bytes from the network are hostile: lengths beyond the bytes left, more
-// than 32 levels and types that a KXValue has not are refused before anything is allocated for
-// them. Errors: KXError that says what was expected and what came.
+// than 32 levels, values that take far more memory than their bytes and types that a KXValue has
+// not are refused before anything is allocated for them. Errors: KXError that says what was
+// expected and what came.
 #pragma once
 
 #include <cstddef>
@@ -90,18 +91,32 @@ struct KXPackHeader {
   std::uint64_t holeFrom = 0;  ///< those from here up to `first` were dropped; = first: none
   std::uint64_t oldest = 0;    ///< the oldest that may still come; a new receiver begins there
 };
+/// Of one numbering, at one receiver.
+struct KXUnhandled {
+  std::uint64_t from = 0;   ///< the number that the receiver began with: another one counts anew
+  std::uint64_t count = 0;  ///< so many it gave up since, in packs that it is done with
+};
 struct KXPackAck {
   std::string epoch;
   std::uint64_t next = 0;  ///< all before this one were handled or are known as dropped
   bool isGap = false;      ///< go back: what came began later than `next`
+  KXUnhandled unhandled{};
 };
 inline constexpr char const* kPackHeader = "Kx-Events";  ///< "EPOCH.FIRST.COUNT.HOLE.OLDEST"
 inline constexpr char const* kAckHeader = "Kx-Ack";      ///< "EPOCH.NEXT.GAP", payload empty
+/// Of an acknowledgement: "FROM.COUNT". Without it there is nothing that was given up.
+inline constexpr char const* kUnhandledHeader = "Kx-Unhandled";
 
 KX_API std::string formatPackHeader(KXPackHeader const& header);
 KX_API std::optional<KXPackHeader> parsePackHeader(std::string_view text);
+/// Of kAckHeader only.
 KX_API std::string formatPackAck(KXPackAck const& ack);
 KX_API std::optional<KXPackAck> parsePackAck(std::string_view text);
+KX_API std::string formatUnhandled(KXUnhandled const& unhandled);
+KX_API std::optional<KXUnhandled> parseUnhandled(std::string_view text);
+/// All headers of an acknowledgement, and what they say.
+KX_API KXBusHeaders packAckHeaders(KXPackAck const& ack);
+KX_API std::optional<KXPackAck> packAckOf(KXBusMessage const& message);
 
 /// A notification in a pack: `[method, [argument ...]]`. A pack is the plain sequence of these,
 /// `count` of them, so that packs can be put together without touching what is encoded.

@@ -161,7 +161,7 @@ void KXMemory::xPublishSubscribing() {
           {"getNotificationCounts",
            "Tells what became of the notifications to a subscriber in another process.",
            {{"module", "the subscriber, as MODULE@BROKER"}},
-           {"counts", "array of posted, delivered, dropped and waiting ones"}},
+           {"counts", "array of posted, delivered, dropped, waiting and unhandled ones"}},
           &KXMemory::getNotificationCounts);
 }
 
@@ -282,7 +282,7 @@ KXValue KXMemory::getNotificationCounts(std::string const& callbackModule) {
   KXNotificationCounts const counts =
       transport ? transport->notificationCounts(callbackModule) : KXNotificationCounts();
   return KXValue::arrayOf(toInt(counts.posted), toInt(counts.delivered), toInt(counts.dropped),
-                          toInt(counts.waiting));
+                          toInt(counts.waiting), toInt(counts.unhandled));
 }
 
 }  // namespace KX

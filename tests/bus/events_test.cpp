@@ -283,6 +283,7 @@ TEST_F(Events, OfASlowModuleDelayNoOther) {
   EXPECT_EQ(other->waitFor(100), numbersTo(100));
   EXPECT_THAT(listener->numbers(), IsEmpty());
   gate.open();
+  listener->waitFor(1);  // then nobody stands before the gate
 }
 
 TEST_F(Events, OfAModuleThatThrowsAreHandledAndToldOnce) {
@@ -310,6 +311,8 @@ TEST_F(Events, ForAModuleThatIsNotThereAreDroppedAndToldOnce) {
 
   EXPECT_EQ(receiver->getCounts("Later").unhandled, 100u);
   EXPECT_EQ(receiver->getCounts("Later").handled, 0u);
+  EXPECT_EQ(sender->getCounts("Later").unhandled, 100u);
+  EXPECT_EQ(sender->getCounts("Later").delivered, 0u);
   EXPECT_THAT(logged("KXEventReceiver"),
               ElementsAre("module 'Later' is not here, what is sent to it is dropped"));
 }
@@ -326,6 +329,9 @@ TEST_F(Events, FindAModuleThatCameLaterOrAgain) {
     EXPECT_THAT(later->waitFor(1), ElementsAre(2));
     later->exit();
   }
+  ASSERT_TRUE(eventually([&] { return sender->getCounts("Later").waiting == 0; }));
+  EXPECT_EQ(sender->getCounts("Later").unhandled, 1u);
+  EXPECT_EQ(sender->getCounts("Later").delivered, 3u);
 }
 
 TEST_F(Events, MayEndTheirReceiver) {
@@ -428,6 +434,7 @@ class HostileEvents : public Events {
     serve();
     mReplies = here->subscribe("_INBOX.test", "", 1, [this](KXBusMessage const& message) {
       acks.push_back(std::string(message.header(kAckHeader)));
+      unhandled = message.header(kUnhandledHeader);
       ++ackCount;
     });
   }
@@ -446,6 +453,7 @@ class HostileEvents : public Events {
   }
 
   std::vector<std::string> acks;
+  std::string unhandled;  // what the last of them says of it
   std::atomic<std::size_t> ackCount{0};
 
  private:
@@ -476,6 +484,7 @@ TEST_F(HostileEvents, ThatCannotBeReadAreGivenUp) {
   EXPECT_THAT(listener->waitFor(1), ElementsAre(3));
   EXPECT_TRUE(eventually([&] { return ackCount == 4; }));
   EXPECT_EQ(receiver->getCounts("Listener").unhandled, 4'000'000'002u);
+  EXPECT_EQ(unhandled, "1.4000000002");
   EXPECT_EQ(logged("KXEventReceiver").size(), 1u);
 }
 

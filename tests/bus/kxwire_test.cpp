@@ -90,6 +90,33 @@ TEST(Header, OfAnAcknowledgementComesBack) {
   EXPECT_EQ(formatPackAck({kId, 14, true}), "0123456789abcdef.14.1");
 }
 
+TEST(Header, OfWhatWasGivenUpComesBack) {
+  KXPackAck const ack{kId, 14, false, {7, kLargest}};
+
+  KXBusHeaders const headers = packAckHeaders(ack);
+  std::optional<KXPackAck> const parsed = packAckOf({.headers = headers});
+
+  EXPECT_EQ(headers, (KXBusHeaders{{"Kx-Ack", "0123456789abcdef.14.0"},
+                                   {"Kx-Unhandled", "7.18446744073709551615"}}));
+  ASSERT_TRUE(parsed);
+  EXPECT_EQ(parsed->next, 14u);
+  EXPECT_EQ(parsed->unhandled.from, 7u);
+  EXPECT_EQ(parsed->unhandled.count, kLargest);
+}
+
+TEST(Header, OfWhatWasGivenUpIsMissingWhereNothingWas) {
+  EXPECT_EQ(packAckHeaders({kId, 14, false, {7, 0}}).size(), 1u);
+
+  for (char const* const text : {"", "1", "0.1", "1.0", "1.1.1", "x.1"}) {
+    SCOPED_TRACE(text);
+    auto const ack =
+        packAckOf({.headers = {{"Kx-Ack", "0123456789abcdef.14.0"}, {"Kx-Unhandled", text}}});
+    ASSERT_TRUE(ack);
+    EXPECT_EQ(ack->unhandled.count, 0u);
+  }
+  EXPECT_FALSE(packAckOf({.headers = {{"Kx-Unhandled", "1.1"}}}));
+}
+
 // What no number of a header may look like.
 std::vector<std::string> badNumbers() {
   return {"",
@@ -125,6 +152,8 @@ TEST(Header, WithABadNumberIsRefused) {
     EXPECT_FALSE(parsePackHeader(id + ".1.1." + bad + ".1"));
     EXPECT_FALSE(parsePackHeader(id + ".1.1.1." + bad));
     EXPECT_FALSE(parsePackAck(id + "." + bad + ".0"));
+    EXPECT_FALSE(parseUnhandled(bad + ".1"));
+    EXPECT_FALSE(parseUnhandled("1." + bad));
   }
 }
 

@@ -59,7 +59,8 @@ struct Life {
   std::string epoch;
   KXPackSender sender;
   int posted = 0;
-  std::set<int> handled{};  // by any receiver
+  std::set<int> handled{};    // by any receiver
+  std::set<int> unhandled{};  // given up, likewise
   std::uint64_t holes = 0;
 };
 
@@ -112,7 +113,7 @@ class Pair {
     while (auto const pack = mPacks.get(mNowMs)) arrive(*pack);
     while (auto const ack = mAcks.get(mNowMs)) life.sender.onAck(*ack, mNowMs);
     KXNotificationCounts const& counts = life.sender.getCounts();
-    EXPECT_EQ(counts.posted, counts.delivered + counts.dropped + counts.waiting);
+    EXPECT_EQ(counts.posted, counts.delivered + counts.unhandled + counts.dropped + counts.waiting);
   }
 
   void arrive(KXOutgoingPack const& pack) {
@@ -124,9 +125,15 @@ class Pair {
     std::vector<int> const numbers = numbersIn(*pack.bytes, pack.header.count);
     for (std::uint32_t i = arrival.from; i < pack.header.count; ++i) {
       EXPECT_EQ(pack.header.first + i, static_cast<std::uint64_t>(numbers[i]));
-      bool const isNew = life->handled.insert(numbers[i]).second;
+      bool const isGivenUp = numbers[i] % 50 < 7;
+      bool const isNew = (isGivenUp ? life->unhandled : life->handled).insert(numbers[i]).second;
       EXPECT_TRUE(isNew || mHasRestarts) << numbers[i] << " was handled again";
-      receiver.onHandled();
+      if (isGivenUp) {
+        receiver.onUnhandled();
+      } else {
+        receiver.onHandled();
+      }
+      if (mRandom() % 8 == 0) mAcks.put(receiver.ack(), mNowMs);
     }
     mAcks.put(receiver.ack(), mNowMs);
   }
@@ -134,14 +141,16 @@ class Pair {
   void check() {
     for (Life const& life : mLives) {
       KXNotificationCounts const& counts = life.sender.getCounts();
-      EXPECT_LE(counts.delivered, life.handled.size());
+      EXPECT_LE(counts.delivered + counts.unhandled, life.handled.size() + life.unhandled.size());
     }
     Life const& last = mLives.back();
     KXNotificationCounts const& counts = last.sender.getCounts();
     EXPECT_EQ(counts.waiting, 0u);
     EXPECT_EQ(counts.posted, static_cast<std::uint64_t>(last.posted));
-    EXPECT_EQ(counts.delivered, last.handled.size());
+    EXPECT_EQ(counts.delivered + counts.unhandled, last.handled.size() + last.unhandled.size());
     if (mHasRestarts) return;
+    EXPECT_EQ(counts.delivered, last.handled.size());
+    EXPECT_EQ(counts.unhandled, last.unhandled.size());
     EXPECT_EQ(counts.dropped, last.holes);
   }
 

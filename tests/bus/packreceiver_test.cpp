@@ -50,6 +50,31 @@ Outcome give(KXPackReceiver& receiver, KXPackHeader const& pack) {
   return outcome;
 }
 
+TEST(PackReceiver, CountsWhatItGaveUpOfPacksThatAreOver) {
+  KXPackReceiver receiver(kEpoch);
+  auto const said = [&] {
+    KXUnhandled const unhandled = receiver.ack().unhandled;
+    return std::vector<std::uint64_t>{unhandled.from, unhandled.count};
+  };
+
+  receiver.onPack(header(5, 5, 4, 5));
+  receiver.onUnhandled(2);
+  EXPECT_EQ(said(), (std::vector<std::uint64_t>{5, 0}));
+  receiver.onHandled();
+  receiver.onUnhandled();
+  EXPECT_EQ(said(), (std::vector<std::uint64_t>{5, 3}));
+
+  receiver.onPack(header(9, 9, 2, 9));
+  receiver.onUnhandled();
+  EXPECT_EQ(said(), (std::vector<std::uint64_t>{5, 3}));
+  receiver.onHandled();
+  EXPECT_EQ(said(), (std::vector<std::uint64_t>{5, 4}));
+
+  receiver.onPack(header(20, 20, 2, 11));  // there is a gap
+  receiver.onPack(header(5, 5, 4, 5));     // had before
+  EXPECT_EQ(said(), (std::vector<std::uint64_t>{5, 4}));
+}
+
 TEST(PackReceiver, DoesWhatThePackMeans) {
   struct Case {
     char const* what;

@@ -15,12 +15,16 @@
 namespace KX {
 
 bool operator==(KXNotificationCounts const& one, KXNotificationCounts const& other) {
-  return std::tie(one.posted, one.delivered, one.dropped, one.waiting, one.waitingBytes) ==
-         std::tie(other.posted, other.delivered, other.dropped, other.waiting, other.waitingBytes);
+  auto const all = [](KXNotificationCounts const& counts) {
+    return std::tie(counts.posted, counts.delivered, counts.dropped, counts.waiting,
+                    counts.waitingBytes, counts.unhandled);
+  };
+  return all(one) == all(other);
 }
 void PrintTo(KXNotificationCounts const& counts, std::ostream* out) {
   *out << counts.posted << " posted = " << counts.delivered << " delivered + " << counts.dropped
-       << " dropped + " << counts.waiting << " waiting, " << counts.waitingBytes << " bytes";
+       << " dropped + " << counts.unhandled << " unhandled + " << counts.waiting << " waiting, "
+       << counts.waitingBytes << " bytes";
 }
 
 namespace {
@@ -274,6 +278,32 @@ TEST_F(PackSender, AcknowledgementsOfTheFormerRoundCount) {
   EXPECT_THAT(takenNumbers(), ElementsAre(std::vector{4}, std::vector{5}));
   ack(6);
   EXPECT_EQ(sender.getCounts(), (KXNotificationCounts{.posted = 5, .delivered = 5}));
+}
+
+TEST_F(PackSender, DoesNotCallDeliveredWhatWasGivenUp) {
+  struct Step {
+    char const* what;
+    std::uint64_t next;
+    KXUnhandled unhandled;
+    std::uint64_t expected;
+  };
+  sender.post(numberedFrom(1, 12, kFull));
+  for (Step const& step :
+       {Step{"none", 2, {}, 0}, Step{"two of two", 4, {1, 2}, 2}, Step{"said again", 4, {1, 2}, 2},
+        Step{"overtaken", 3, {1, 1}, 2}, Step{"no more", 5, {1, 2}, 2},
+        Step{"one of two", 7, {1, 3}, 3}, Step{"another receiver that handles", 8, {}, 3},
+        Step{"and gives up", 9, {7, 1}, 4}, Step{"more than there were", 10, {7, 1000}, 5},
+        Step{"and none again", 11, {7, 1000}, 5}, Step{"the greatest", 12, {8, ~0ull}, 6}}) {
+    SCOPED_TRACE(step.what);
+    while (sender.take(nowMs)) {
+    }
+
+    sender.onAck({kEpoch, step.next, false, step.unhandled}, nowMs);
+
+    KXNotificationCounts const counts = sender.getCounts();
+    EXPECT_EQ(counts.unhandled, step.expected);
+    EXPECT_EQ(counts.posted, counts.delivered + counts.unhandled + counts.dropped + counts.waiting);
+  }
 }
 
 TEST_F(PackSender, IgnoresAcknowledgementsThatCannotBe) {

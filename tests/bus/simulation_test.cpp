@@ -57,7 +57,7 @@ class Sender {
       if (message.isNoResponders) {
         mSender.onNoResponders(nowMs());
       } else {
-        mSender.onAck(parsePackAck(message.header(kAckHeader)).value(), nowMs());
+        mSender.onAck(packAckOf(message).value(), nowMs());
       }
       send();
     });
@@ -190,8 +190,7 @@ class Receiver {
   void xAck(Pack const& pack) {
     if (!mBus->isConnected()) return;
     KXPackAck const ack = mReceivers.of(pack.header.epoch).ack();
-    mBus->publish(
-        {.subject = pack.reply, .headers = {{kAckHeader, formatPackAck(ack)}}, .payload = {}});
+    mBus->publish({.subject = pack.reply, .headers = packAckHeaders(ack), .payload = {}});
   }
 
   KXBusNetwork& mNet;
