@@ -9,7 +9,8 @@ namespace KX::tool {
 
 /// Gives the robot's watcher the period and the keys that it lacks, starts it unless it runs,
 /// prints what it takes until the end, and takes back what it was given but the period, also if
-/// that ends by an error.
+/// that ends by an error. Once it has started, a watcher that does not answer is no error: it is
+/// asked again, and given everything again if it is another one.
 void watchShared(KXWatchOptions const& options, KXSession const& session, KXWatchedKeys const& keys,
                  KXOutput& output, KXStop const& stop);
 

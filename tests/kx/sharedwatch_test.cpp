@@ -9,6 +9,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <kxerror/kxerror.hpp>
+#include <tests/bus/listener.hpp>
+
 #include "robot.hpp"
 #include "tool.hpp"
 
@@ -127,6 +130,23 @@ TEST_F(SharedRobot, IsWatchedOnWithAWatcherThatHung) {
 
   expectTheWatchGoesOn();
   EXPECT_THAT(messages(), SizeIs(3));
+}
+
+TEST_F(SharedRobot, IsWatchedOnAfterItsServerWasAway) {
+  mServer.kill();
+  mViewer->waitForErrorText("does not answer");
+  mServer.start();
+  mViewer->waitForErrorText("is back");
+  // This process comes back in its own time.
+  EXPECT_TRUE(eventually([&] {
+    try {
+      return listeners().size() == 2;
+    } catch (KXError const&) {
+      return false;
+    }
+  }));
+
+  expectTheWatchGoesOn();
 }
 
 TEST_F(SharedRobot, WhoseWatcherStaysAwayEndsTheWatchInTime) {
