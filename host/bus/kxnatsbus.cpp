@@ -9,6 +9,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
 #include <utility>
@@ -62,7 +63,8 @@ std::optional<KXBusEvent> parseRefusal(std::string const& text) {
 /// connections of the process, which nobody may hold up.
 class Watch {
  public:
-  explicit Watch(std::string address) : mAddress(std::move(address)) {}
+  Watch(std::string address, std::string user)
+      : mAddress(std::move(address)), mUser(std::move(user)) {}
   ~Watch() { join(); }
 
   KXBusObservers& observers() { return mObservers; }
@@ -163,6 +165,7 @@ class Watch {
       mLostAt = time;
       ka::log::LogStream(ka::log::Warning, "KXBus", "", "lost", 0)
           << "lost the bus at '" << mAddress << "', trying again";
+      mForbidden.clear();
     } else if (event.kind == KXBusEvent::Kind::Back) {
       // The server has to have the subscriptions. If it is lost again meanwhile, it was not back.
       if (natsConnection_FlushTimeout(mConnection, kBackTimeoutMs) != NATS_OK) return;
@@ -176,11 +179,22 @@ class Watch {
       // As loud as the loss: whoever has read of that is to learn that it is over.
       ka::log::LogStream(ka::log::Warning, "KXBus", "", "back", 0)
           << "the bus at '" << mAddress << "' is back after " << lost.count() << " ms";
+    } else if (event.kind == KXBusEvent::Kind::Refused && !event.isPublishing) {
+      xTellForbidden(event.subject);
     }
     mObservers.tell(event);
   }
 
+  // Who subscribes is not told by the call, and may not look: it would wait for ever.
+  void xTellForbidden(std::string const& subject) {
+    if (!mForbidden.insert(subject).second) return;
+    ka::log::LogStream(ka::log::Warning, "KXBus", "", "subscribe", 0)
+        << (mUser.empty() ? "this process" : "user '" + mUser + "'")
+        << " is not allowed to listen to '" << subject << "' on the bus at '" << mAddress << "'";
+  }
+
   std::string const mAddress;
+  std::string const mUser;
   KXBusObservers mObservers;
   std::atomic<bool> mIsConnected{false};
   std::atomic<std::size_t> mMaxPayload{0};
@@ -189,6 +203,7 @@ class Watch {
   // Of mThread:
   bool mIsLost = false;
   Clock::time_point mLostAt{};
+  std::set<std::string> mForbidden{};  ///< subjects told of since it was lost last
 
   std::mutex mMutex;
   std::condition_variable mChanged;
@@ -510,7 +525,7 @@ class NatsBus : public KXBus {
   std::string const mAddress;
   std::string const mUser;
   std::string const mInboxPrefix;
-  std::shared_ptr<Watch> const mWatch = std::make_shared<Watch>(mAddress);
+  std::shared_ptr<Watch> const mWatch = std::make_shared<Watch>(mAddress, mUser);
   void* const mClosure = Watches::instance().add(mWatch);
   Connection mConnection;
   KXBusRetired mRetired;

@@ -1,10 +1,11 @@
 // What the bus over NATS does beside what every bus promises: the way in, encryption, and a server
 // that hangs.
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
-#include <optional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -244,6 +245,32 @@ TEST_F(NatsBus, WhatTheServerForbidsIsToldWithItsSubject) {
   EXPECT_TRUE(bus->isConnected());
   RecordProperty("refusedAfterMs", static_cast<int>(tookMs));
   EXPECT_LT(tookMs, 5000);
+}
+
+TEST_F(NatsBus, WhatMayNotBeListenedToIsOneLineForEachConnection) {
+  NatsServer server("authorization { users = [ { user: viewer, password: \"" +
+                    std::string(kSecret) +
+                    "\", permissions { subscribe: {allow: [\"may.>\"]} } } ] }");
+  auto const bus = connectNats(
+      {.url = server.url(), .user = "viewer", .passwordFile = write("password", kSecret)});
+  Events events(*bus);
+  auto const line = [&](std::string const& subject) {
+    return "user 'viewer' is not allowed to listen to '" + subject + "' on the bus at '" +
+           server.url() + "'";
+  };
+
+  auto const first = bus->subscribe("not.one", "", 1, [](auto&) {});
+  auto const again = bus->subscribe("not.one", "", 1, [](auto&) {});
+  auto const second = bus->subscribe("not.two", "", 1, [](auto&) {});
+  auto const allowed = bus->subscribe("may.one", "", 1, [](auto&) {});
+  events.waitFor(3);
+  EXPECT_THAT(mLog.texts(), ElementsAre(line("not.one"), line("not.two")));
+
+  server.kill();
+  server.start();
+  ASSERT_EQ(events.waitFor(8).size(), 8U);
+  EXPECT_EQ(std::ranges::count(mLog.texts(), line("not.one")), 2);
+  EXPECT_EQ(std::ranges::count(mLog.texts(), line("not.two")), 2);
 }
 
 // ---- a server that hangs or dies
