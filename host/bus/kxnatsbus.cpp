@@ -6,9 +6,11 @@
 #include <cstdint>
 #include <cstdlib>
 #include <deque>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
 #include <utility>
@@ -32,6 +34,8 @@ using Clock = std::chrono::steady_clock;
 constexpr int kMaxPendingBytes = 256 * 1024 * 1024;
 /// A server that does not answer for so long after a connection is lost again: pings say so before.
 constexpr std::int64_t kBackTimeoutMs = 10'000;
+/// Between attempts to connect anew, where the library itself has given up.
+constexpr std::chrono::milliseconds kConnectPause{150};
 /// Of one wait for a message; ending the subscription ends it too.
 constexpr std::int64_t kWaitMs = 3'600'000;
 
@@ -42,7 +46,12 @@ struct Destroy {
 using Message = std::unique_ptr<natsMsg, Destroy<natsMsg, natsMsg_Destroy>>;
 using NatsSubscription =
     std::unique_ptr<natsSubscription, Destroy<natsSubscription, natsSubscription_Destroy>>;
-using Connection = std::unique_ptr<natsConnection, Destroy<natsConnection, natsConnection_Destroy>>;
+/// Shared with whoever uses it just now: it may be replaced meanwhile.
+using Connection = std::shared_ptr<natsConnection>;
+
+Connection owned(natsConnection* connection) {
+  return {connection, Destroy<natsConnection, natsConnection_Destroy>()};
+}
 
 // ---------------------------------------------------------------- what befalls a connection
 
@@ -62,7 +71,8 @@ std::optional<KXBusEvent> parseRefusal(std::string const& text) {
 /// connections of the process, which nobody may hold up.
 class Watch {
  public:
-  explicit Watch(std::string address) : mAddress(std::move(address)) {}
+  Watch(std::string address, std::string user)
+      : mAddress(std::move(address)), mUser(std::move(user)) {}
   ~Watch() { join(); }
 
   KXBusObservers& observers() { return mObservers; }
@@ -70,11 +80,10 @@ class Watch {
   // where the server hangs.
   bool isConnected() const { return mIsConnected; }
   std::size_t maxPayload() const { return mMaxPayload; }
-  void start(natsConnection* connection) {
-    std::lock_guard const lock(mMutex);
-    mConnection = connection;
-    xLearnMaxPayload();
-    mIsConnected = natsConnection_Status(connection) == NATS_CONN_STATUS_CONNECTED;
+  /// `connect` gives a connection in place of one that was closed; null: there is none now.
+  void start(Connection const& connection, std::function<Connection()> connect) {
+    mConnect = std::move(connect);
+    xUse(connection);
     mThread = std::thread([this] { xRun(); });
   }
   /// What the library says from now on is our own doing.
@@ -113,14 +122,9 @@ class Watch {
   }
   /// The library tries no more: twice the same refusal while it came back.
   void closed() {
-    mIsConnected = false;
-    {
-      std::lock_guard const lock(mMutex);
-      if (mIsClosing) return;
-    }
-    ka::log::LogStream(ka::log::Error, "KXBus", "", "closed", 0)
-        << "the bus at '" << mAddress
-        << "' lets this process in no more, it has to be started again when that is mended";
+    std::lock_guard const lock(mMutex);
+    mIsClosed = true;
+    mChanged.notify_all();
   }
 
  private:
@@ -139,15 +143,26 @@ class Watch {
         << "trouble with the bus at '" << mAddress << "': " << text;
   }
 
+  void xUse(Connection const& connection) {
+    mConnection = connection;
+    xLearnMaxPayload();
+    mIsConnected = natsConnection_Status(connection.get()) == NATS_CONN_STATUS_CONNECTED;
+  }
   void xLearnMaxPayload() {
-    mMaxPayload = static_cast<std::size_t>(natsConnection_GetMaxPayload(mConnection));
+    mMaxPayload = static_cast<std::size_t>(natsConnection_GetMaxPayload(mConnection.get()));
   }
 
   void xRun() {
     std::unique_lock lock(mMutex);
     while (true) {
-      mChanged.wait(lock, [this] { return !mEvents.empty() || mIsClosing; });
+      mChanged.wait(lock, [this] { return !mEvents.empty() || mIsClosed || mIsClosing; });
       if (mIsClosing) return;
+      // What the connection that was closed had to say comes first.
+      if (mEvents.empty()) {
+        mIsClosed = false;
+        xConnectAnew(lock);
+        continue;
+      }
       auto const told = std::move(mEvents.front());
       mEvents.pop_front();
       lock.unlock();
@@ -156,6 +171,29 @@ class Watch {
       lock.lock();
     }
   }
+  void xConnectAnew(std::unique_lock<std::mutex>& lock) {
+    if (!natsConnection_IsClosed(mConnection.get())) return;
+    lock.unlock();
+    mIsConnected = false;
+    xTell({KXBusEvent::Kind::Lost}, Clock::now());  // unless it is told
+    ka::log::LogStream(ka::log::Error, "KXBus", "", "closed", 0)
+        << "the bus at '" << mAddress << "' lets this process in no more, trying again";
+    lock.lock();
+    while (!mIsClosing) {
+      lock.unlock();
+      Connection connection;
+      ka::log::runLogged("KXBus", "connect", "connecting anew failed",
+                         [&] { connection = mConnect(); });
+      if (connection) xUse(connection);
+      lock.lock();
+      if (connection) {
+        mEvents.emplace_back(KXBusEvent{KXBusEvent::Kind::Back}, Clock::now());
+        return;
+      }
+      mChanged.wait_for(lock, kConnectPause, [this] { return mIsClosing; });
+    }
+  }
+
   void xTell(KXBusEvent const& event, Clock::time_point time) {
     if (event.kind == KXBusEvent::Kind::Lost) {
       if (mIsLost) return;
@@ -163,9 +201,10 @@ class Watch {
       mLostAt = time;
       ka::log::LogStream(ka::log::Warning, "KXBus", "", "lost", 0)
           << "lost the bus at '" << mAddress << "', trying again";
+      mForbidden.clear();
     } else if (event.kind == KXBusEvent::Kind::Back) {
       // The server has to have the subscriptions. If it is lost again meanwhile, it was not back.
-      if (natsConnection_FlushTimeout(mConnection, kBackTimeoutMs) != NATS_OK) return;
+      if (natsConnection_FlushTimeout(mConnection.get(), kBackTimeoutMs) != NATS_OK) return;
       mIsLost = false;
       xLearnMaxPayload();
       auto const lost = std::chrono::duration_cast<std::chrono::milliseconds>(time - mLostAt);
@@ -176,23 +215,37 @@ class Watch {
       // As loud as the loss: whoever has read of that is to learn that it is over.
       ka::log::LogStream(ka::log::Warning, "KXBus", "", "back", 0)
           << "the bus at '" << mAddress << "' is back after " << lost.count() << " ms";
+    } else if (event.kind == KXBusEvent::Kind::Refused && !event.isPublishing) {
+      xTellForbidden(event.subject);
     }
     mObservers.tell(event);
   }
 
+  // Who subscribes is not told by the call, and may not look: it would wait for ever.
+  void xTellForbidden(std::string const& subject) {
+    if (!mForbidden.insert(subject).second) return;
+    ka::log::LogStream(ka::log::Warning, "KXBus", "", "subscribe", 0)
+        << (mUser.empty() ? "this process" : "user '" + mUser + "'")
+        << " is not allowed to listen to '" << subject << "' on the bus at '" << mAddress << "'";
+  }
+
   std::string const mAddress;
+  std::string const mUser;
   KXBusObservers mObservers;
   std::atomic<bool> mIsConnected{false};
   std::atomic<std::size_t> mMaxPayload{0};
-  natsConnection* mConnection = nullptr;
+  std::function<Connection()> mConnect;
   std::thread mThread;
-  // Of mThread:
+  // Of mThread, once it runs:
+  Connection mConnection;
   bool mIsLost = false;
   Clock::time_point mLostAt{};
+  std::set<std::string> mForbidden{};  ///< subjects told of since it was lost last
 
   std::mutex mMutex;
   std::condition_variable mChanged;
   std::deque<std::pair<KXBusEvent, Clock::time_point>> mEvents;  // guarded by mMutex
+  bool mIsClosed = false;                                        // guarded by mMutex
   bool mIsClosing = false;                                       // guarded by mMutex
   std::string mLastTrouble{};                                    // guarded by mMutex
 };
@@ -280,6 +333,7 @@ void hand(natsMsg* from, KXBus::Handler const& handler) {
   handler(message);
 }
 
+/// None if there come no more.
 std::optional<Message> waitForMessage(natsSubscription* subscription) {
   while (true) {
     natsMsg* message = nullptr;
@@ -291,91 +345,209 @@ std::optional<Message> waitForMessage(natsSubscription* subscription) {
   }
 }
 
-// ---------------------------------------------------------------- the bus
+// ---------------------------------------------------------------- subscriptions
+
+/// What is subscribed on each connection, one after the other.
+struct Wanted {
+  std::string subject;
+  std::string queue;
+};
+
+class Subscribed {
+ public:
+  virtual ~Subscribed() = default;
+  /// Subscribes, in place of what was subscribed on a connection that is closed.
+  virtual natsStatus bind(natsConnection* connection) = 0;
+};
 
 /// Of one thread: the library's own calls the handler. Only here one learns that nobody listens:
 /// who waits for messages is not told by the library which question it was.
-class OrderedSubscription : public KXBusSubscription {
+class OrderedSubscription : public Subscribed {
  public:
-  OrderedSubscription(KXBusRetired& retired, natsConnection* connection, std::string const& subject,
-                      std::string const& queue, KXBus::Handler handler)
+  OrderedSubscription(KXBusRetired& retired, Wanted wanted, KXBus::Handler handler)
       : mRetired(retired),
-        mCalls(std::make_shared<Calls>([handle = std::move(handler)](Message const& message) {
-          hand(message.get(), handle);
-        })) {
+        mWanted(std::move(wanted)),
+        mCalls(std::make_shared<Calls>(std::move(handler))) {}
+  ~OrderedSubscription() override {
+    if (mSubscription != nullptr) natsSubscription_Unsubscribe(mSubscription.get());
+    if (mCalls->handler.isCaller())
+      mRetired.add(
+          [weak = std::weak_ptr(mCalls)] {
+            if (auto const calls = weak.lock()) calls->handler.end();
+          },
+          mCalls);
+    mCalls->handler.end();
+  }
+  natsStatus bind(natsConnection* connection) override {
     // The library's thread has its share until it ends.
     auto closure = std::make_unique<std::shared_ptr<Calls>>(mCalls);
     natsSubscription* made = nullptr;
-    mStatus =
-        queue.empty()
-            ? natsConnection_Subscribe(&made, connection, subject.c_str(), onMessage, closure.get())
-            : natsConnection_QueueSubscribe(&made, connection, subject.c_str(), queue.c_str(),
+    char const* const subject = mWanted.subject.c_str();
+    auto const status =
+        mWanted.queue.empty()
+            ? natsConnection_Subscribe(&made, connection, subject, onMessage, closure.get())
+            : natsConnection_QueueSubscribe(&made, connection, subject, mWanted.queue.c_str(),
                                             onMessage, closure.get());
     mSubscription.reset(made);
-    if (mStatus != NATS_OK) return;
+    if (status != NATS_OK) return status;
     natsSubscription_SetOnCompleteCB(made, onComplete, closure.release());
     natsSubscription_SetPendingLimits(made, -1, kMaxPendingBytes);
+    return status;
   }
-  ~OrderedSubscription() override {
-    if (mSubscription == nullptr) return;
-    natsSubscription_Unsubscribe(mSubscription.get());
-    if (mCalls->isCaller())
-      mRetired.add(
-          [weak = std::weak_ptr(mCalls)] {
-            if (auto const calls = weak.lock()) calls->end();
-          },
-          mCalls);
-    mCalls->end();
-  }
-  natsStatus status() const { return mStatus; }
 
  private:
-  using Calls = KXBusHandler<Message>;
+  struct Calls {
+    explicit Calls(KXBus::Handler function)
+        : handler([handle = std::move(function)](Message const& message) {
+            hand(message.get(), handle);
+          }) {}
+    KXBusHandler<Message> handler;
+    std::mutex turn;  ///< a call may last longer than the connection that it came by
+  };
 
   static void onMessage(natsConnection* /*connection*/, natsSubscription* /*subscription*/,
                         natsMsg* message, void* closure) {
-    (*static_cast<std::shared_ptr<Calls>*>(closure))->call(Message(message));
+    Message const taken(message);
+    Calls& calls = **static_cast<std::shared_ptr<Calls>*>(closure);
+    std::lock_guard const turn(calls.turn);
+    calls.handler.call(taken);
   }
   static void onComplete(void* closure) { delete static_cast<std::shared_ptr<Calls>*>(closure); }
 
   KXBusRetired& mRetired;
+  Wanted const mWanted;
   std::shared_ptr<Calls> const mCalls;
   NatsSubscription mSubscription;
-  natsStatus mStatus;
 };
 
 /// Of several threads, which take the messages themselves.
-class ParallelSubscription : public KXBusSubscription {
+class ParallelSubscription : public Subscribed {
  public:
-  ParallelSubscription(KXBusRetired& retired, natsConnection* connection,
-                       std::string const& subject, std::string const& queue, int threads,
-                       KXBus::Handler handler)
-      : mRetired(retired) {
-    natsSubscription* made = nullptr;
-    mStatus = queue.empty() ? natsConnection_SubscribeSync(&made, connection, subject.c_str())
-                            : natsConnection_QueueSubscribeSync(&made, connection, subject.c_str(),
-                                                                queue.c_str());
-    mSubscription = NatsSubscription(made);
-    if (mStatus != NATS_OK) return;
-    natsSubscription_SetPendingLimits(made, -1, kMaxPendingBytes);
-    mWorkers = std::make_shared<KXBusWorkers<Message>>(
-        threads, [waited = mSubscription] { return waitForMessage(waited.get()); },
-        [handle = std::move(handler)](Message const& message) { hand(message.get(), handle); });
-    mWorkers->start();
-  }
+  ParallelSubscription(KXBusRetired& retired, Wanted wanted, int threads, KXBus::Handler handler)
+      : mRetired(retired),
+        mWanted(std::move(wanted)),
+        mWorkers(std::make_shared<KXBusWorkers<Message>>(
+            threads, [source = mSource] { return source->take(); },
+            [handle = std::move(handler)](Message const& message) {
+              hand(message.get(), handle);
+            })) {}
   ~ParallelSubscription() override {
-    if (mWorkers == nullptr) return;
-    natsSubscription_Unsubscribe(mSubscription.get());
+    mSource->end();
     mWorkers->end(mRetired);
   }
+  natsStatus bind(natsConnection* connection) override {
+    natsSubscription* made = nullptr;
+    char const* const subject = mWanted.subject.c_str();
+    auto const status =
+        mWanted.queue.empty()
+            ? natsConnection_SubscribeSync(&made, connection, subject)
+            : natsConnection_QueueSubscribeSync(&made, connection, subject, mWanted.queue.c_str());
+    if (status != NATS_OK) return status;
+    natsSubscription_SetPendingLimits(made, -1, kMaxPendingBytes);
+    mSource->use(NatsSubscription(made));
+    if (!mIsStarted) mWorkers->start();
+    mIsStarted = true;
+    return status;
+  }
+
+ private:
+  /// Where the messages come from: one connection after the other.
+  class Source {
+   public:
+    void use(std::shared_ptr<natsSubscription> subscription) {
+      std::lock_guard const lock(mMutex);
+      mSubscription = std::move(subscription);
+      mChanged.notify_all();
+    }
+    void end() {
+      std::lock_guard const lock(mMutex);
+      mHasEnded = true;
+      if (mSubscription) natsSubscription_Unsubscribe(mSubscription.get());
+      mChanged.notify_all();
+    }
+    std::optional<Message> take() {
+      std::shared_ptr<natsSubscription> former;
+      while (true) {
+        {
+          std::unique_lock lock(mMutex);
+          mChanged.wait(lock, [&] { return mHasEnded || mSubscription != former; });
+          if (mHasEnded) return std::nullopt;
+          former = mSubscription;
+        }
+        if (auto message = waitForMessage(former.get())) return message;
+      }
+    }
+
+   private:
+    std::mutex mMutex;
+    std::condition_variable mChanged;
+    std::shared_ptr<natsSubscription> mSubscription;  // guarded by mMutex
+    bool mHasEnded = false;                           // guarded by mMutex
+  };
+
+  KXBusRetired& mRetired;
+  Wanted const mWanted;
+  std::shared_ptr<Source> const mSource = std::make_shared<Source>();
+  std::shared_ptr<KXBusWorkers<Message>> const mWorkers;
+  bool mIsStarted = false;
+};
+
+/// The connection, and what is to be subscribed on it, also on the next one.
+/// Threads: any; binding waits for no handler.
+class Line {
+ public:
+  Connection connection() const {
+    std::lock_guard const lock(mMutex);
+    return mConnection;
+  }
+  /// False, and nothing is done, after end().
+  bool use(Connection const& connection) {
+    std::lock_guard const lock(mMutex);
+    if (mHasEnded) return false;
+    mConnection = connection;
+    for (Subscribed* const each : mSubscribed) each->bind(connection.get());
+    return true;
+  }
+  /// On a connection that is closed it succeeds too: the next one is to come.
+  natsStatus add(Subscribed& subscribed) {
+    std::lock_guard const lock(mMutex);
+    auto const status = subscribed.bind(mConnection.get());
+    if (status != NATS_OK && status != NATS_CONNECTION_CLOSED) return status;
+    mSubscribed.insert(&subscribed);
+    return NATS_OK;
+  }
+  void remove(Subscribed& subscribed) {
+    std::lock_guard const lock(mMutex);
+    mSubscribed.erase(&subscribed);
+  }
+  Connection end() {
+    std::lock_guard const lock(mMutex);
+    mHasEnded = true;
+    return mConnection;
+  }
+
+ private:
+  mutable std::mutex mMutex;
+  Connection mConnection;               // guarded by mMutex
+  std::set<Subscribed*> mSubscribed{};  // guarded by mMutex
+  bool mHasEnded = false;               // guarded by mMutex
+};
+
+/// Takes part in the line as long as it lives.
+class LineSubscription : public KXBusSubscription {
+ public:
+  LineSubscription(Line& line, std::unique_ptr<Subscribed> subscribed)
+      : mLine(line), mSubscribed(std::move(subscribed)), mStatus(line.add(*mSubscribed)) {}
+  ~LineSubscription() override { mLine.remove(*mSubscribed); }
   natsStatus status() const { return mStatus; }
 
  private:
-  KXBusRetired& mRetired;
-  std::shared_ptr<natsSubscription> mSubscription;
-  std::shared_ptr<KXBusWorkers<Message>> mWorkers;
-  natsStatus mStatus;
+  Line& mLine;
+  std::unique_ptr<Subscribed> const mSubscribed;
+  natsStatus const mStatus;
 };
+
+// ---------------------------------------------------------------- the bus
 
 KXError::Kind kindOf(natsStatus status) {
   switch (status) {
@@ -403,13 +575,14 @@ class NatsBus : public KXBus {
     mRetired.end();
     mWatch->close();
     // Ends what the watch may wait for.
-    natsConnection_Close(mConnection.get());
+    natsConnection_Close(mLine.end().get());
     mWatch->join();
   }
 
   void publish(KXBusMessage const& message) override {
     checkMessage(message, maxPayload());
     xCheckConnected("publish");
+    Connection const connection = mLine.connection();
     std::string const subject(message.subject);
     std::string const reply(message.reply);
     char const* const replyText = reply.empty() ? nullptr : reply.c_str();
@@ -417,9 +590,9 @@ class NatsBus : public KXBus {
     if (message.headers.empty()) {
       xCheck("publish",
              replyText == nullptr
-                 ? natsConnection_Publish(mConnection.get(), subject.c_str(),
-                                          message.payload.data(), size)
-                 : natsConnection_PublishRequest(mConnection.get(), subject.c_str(), replyText,
+                 ? natsConnection_Publish(connection.get(), subject.c_str(), message.payload.data(),
+                                          size)
+                 : natsConnection_PublishRequest(connection.get(), subject.c_str(), replyText,
                                                  message.payload.data(), size));
       return;
     }
@@ -432,27 +605,29 @@ class NatsBus : public KXBus {
       if (!trimmed.empty())
         xCheck("publish", natsMsgHeader_Add(made, name.c_str(), trimmed.c_str()));
     }
-    xCheck("publish", natsConnection_PublishMsg(mConnection.get(), made));
+    xCheck("publish", natsConnection_PublishMsg(connection.get(), made));
   }
 
   std::unique_ptr<KXBusSubscription> subscribe(std::string const& subject, std::string const& queue,
                                                int threads, Handler handler) override {
     checkSubscription(subject, queue, threads);
+    Wanted wanted{subject, queue};
+    std::unique_ptr<Subscribed> subscribed;
     if (threads == 1) {
-      auto made = std::make_unique<OrderedSubscription>(mRetired, mConnection.get(), subject, queue,
-                                                        std::move(handler));
-      xCheck("subscribe", made->status());
-      return made;
+      subscribed =
+          std::make_unique<OrderedSubscription>(mRetired, std::move(wanted), std::move(handler));
+    } else {
+      subscribed = std::make_unique<ParallelSubscription>(mRetired, std::move(wanted), threads,
+                                                          std::move(handler));
     }
-    auto made = std::make_unique<ParallelSubscription>(mRetired, mConnection.get(), subject, queue,
-                                                       threads, std::move(handler));
+    auto made = std::make_unique<LineSubscription>(mLine, std::move(subscribed));
     xCheck("subscribe", made->status());
     return made;
   }
 
   void flush(int timeoutMs) override {
     xCheckConnected("flush");
-    auto const status = natsConnection_FlushTimeout(mConnection.get(), timeoutMs);
+    auto const status = natsConnection_FlushTimeout(mLine.connection().get(), timeoutMs);
     if (status == NATS_TIMEOUT)
       throwBusError("flush",
                     "the server at '" + mAddress + "' has not answered within " +
@@ -472,15 +647,18 @@ class NatsBus : public KXBus {
 
  private:
   explicit NatsBus(KXNatsOptions options)
-      : mAddress(options.address), mUser(options.user), mInboxPrefix(options.inboxPrefix) {
-    auto* const given = options.options.get();
+      : mAddress(options.address),
+        mUser(options.user),
+        mInboxPrefix(options.inboxPrefix),
+        mOptions(std::move(options.options)) {
+    auto* const given = mOptions.get();
     natsOptions_SetDisconnectedCB(given, onLost, mClosure);
     natsOptions_SetReconnectedCB(given, onBack, mClosure);
     natsOptions_SetClosedCB(given, onClosed, mClosure);
     natsOptions_SetErrorHandler(given, onError, mClosure);
     natsConnection* made = nullptr;
     auto const status = natsConnection_Connect(&made, given);
-    mConnection.reset(made);
+    Connection const connection = owned(made);
     std::string const text =
         "cannot connect to the bus at '" + mAddress + "': " + describeNatsStatus(status);
     // By TLS 1.3 this side takes itself to be let in before the server has seen its certificate:
@@ -494,7 +672,14 @@ class NatsBus : public KXBus {
                         "certificate",
                     KXError::Kind::Refused);
     if (status != NATS_OK) throwBusError("connect", text, kindOf(status));
-    mWatch->start(mConnection.get());
+    mLine.use(connection);
+    mWatch->start(connection, [this] { return xConnectAnew(); });
+  }
+  Connection xConnectAnew() {
+    natsConnection* made = nullptr;
+    if (natsConnection_Connect(&made, mOptions.get()) != NATS_OK) return nullptr;
+    Connection connection = owned(made);
+    return mLine.use(connection) ? connection : nullptr;
   }
   void xCheckConnected(char const* method) const {
     if (!isConnected())
@@ -510,9 +695,10 @@ class NatsBus : public KXBus {
   std::string const mAddress;
   std::string const mUser;
   std::string const mInboxPrefix;
-  std::shared_ptr<Watch> const mWatch = std::make_shared<Watch>(mAddress);
+  std::shared_ptr<Watch> const mWatch = std::make_shared<Watch>(mAddress, mUser);
   void* const mClosure = Watches::instance().add(mWatch);
-  Connection mConnection;
+  decltype(KXNatsOptions::options) const mOptions;
+  Line mLine;
   KXBusRetired mRetired;
 };
 

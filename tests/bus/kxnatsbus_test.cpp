@@ -1,10 +1,11 @@
 // What the bus over NATS does beside what every bus promises: the way in, encryption, and a server
 // that hangs.
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
-#include <optional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -246,6 +247,32 @@ TEST_F(NatsBus, WhatTheServerForbidsIsToldWithItsSubject) {
   EXPECT_LT(tookMs, 5000);
 }
 
+TEST_F(NatsBus, WhatMayNotBeListenedToIsOneLineForEachConnection) {
+  NatsServer server("authorization { users = [ { user: viewer, password: \"" +
+                    std::string(kSecret) +
+                    "\", permissions { subscribe: {allow: [\"may.>\"]} } } ] }");
+  auto const bus = connectNats(
+      {.url = server.url(), .user = "viewer", .passwordFile = write("password", kSecret)});
+  Events events(*bus);
+  auto const line = [&](std::string const& subject) {
+    return "user 'viewer' is not allowed to listen to '" + subject + "' on the bus at '" +
+           server.url() + "'";
+  };
+
+  auto const first = bus->subscribe("not.one", "", 1, [](auto&) {});
+  auto const again = bus->subscribe("not.one", "", 1, [](auto&) {});
+  auto const second = bus->subscribe("not.two", "", 1, [](auto&) {});
+  auto const allowed = bus->subscribe("may.one", "", 1, [](auto&) {});
+  events.waitFor(3);
+  EXPECT_THAT(mLog.texts(), ElementsAre(line("not.one"), line("not.two")));
+
+  server.kill();
+  server.start();
+  ASSERT_EQ(events.waitFor(8).size(), 8U);
+  EXPECT_EQ(std::ranges::count(mLog.texts(), line("not.one")), 2);
+  EXPECT_EQ(std::ranges::count(mLog.texts(), line("not.two")), 2);
+}
+
 // ---- a server that hangs or dies
 
 TEST_F(NatsBus, LossAndReturnAreOneLineEach) {
@@ -267,20 +294,67 @@ TEST_F(NatsBus, LossAndReturnAreOneLineEach) {
   EXPECT_EQ(lines[1].category, "KXBus");
 }
 
-TEST_F(NatsBus, ServerThatLetsInNoMoreIsAnError) {
-  NatsServer server("authorization { token: \"" + std::string(kSecret) + "\" }");
+// The library itself gives up when it was refused twice.
+TEST_F(NatsBus, ServerThatRefusedForAWhileIsBackWithAllSubscriptions) {
+  std::string const right = "authorization { token: \"" + std::string(kSecret) + "\" }";
+  NatsServer server(right);
   auto const bus = connectNats({.url = server.url(), .tokenFile = write("token", kSecret)});
+  Events events(*bus);
+  Inbox ordered;
+  Inbox parallel;
+  Inbox later;
+  auto const one = bus->subscribe("ordered", "", 1, ordered.handler());
+  auto const two = bus->subscribe("parallel.>", "queue", 3, parallel.handler());
+  std::unique_ptr<KXBusSubscription> three;
+  auto ended = bus->subscribe("ended", "", 1, [](auto&) { ADD_FAILURE() << "was ended"; });
+  auto const refuse = [&] {
+    server.kill();
+    server.setConfiguration("authorization { token: another }");
+    server.start();
+  };
 
-  server.setConfiguration("authorization { token: another }");
-  server.start();
+  for (int round = 1; round <= 2; ++round) {
+    SCOPED_TRACE("round " + std::to_string(round));
+    auto const linesBefore = mLog.texts().size();
+    auto const eventsBefore = events.waitFor(0).size();
+    refuse();
+    auto const said =
+        "the bus at '" + server.url() + "' lets this process in no more, trying again";
+    auto const lines = mLog.waitFor(linesBefore + 3);
+    EXPECT_EQ(lines.back().text, said);
+    EXPECT_EQ(lines.back().level, ka::log::Error);
+    EXPECT_EQ(testing::kindThrownBy([&] { bus->publish({.subject = "s"}); }),
+              KXError::Kind::Disconnected);
+    three = bus->subscribe("later", "", 1, later.handler());
+    ended.reset();
+    std::this_thread::sleep_for(std::chrono::seconds(2));
+    EXPECT_EQ(mLog.texts().size(), linesBefore + 3) << "one line is enough";
+    EXPECT_FALSE(bus->isConnected());
 
-  auto const lines = mLog.waitFor(3);
-  ASSERT_EQ(lines.size(), 3U);
-  EXPECT_THAT(lines[1].text, HasSubstr("trouble with the bus at '" + server.url() + "'"));
-  EXPECT_EQ(lines[2].level, ka::log::Error);
-  EXPECT_THAT(lines[2].text, HasSubstr("lets this process in no more"));
-  EXPECT_EQ(testing::kindThrownBy([&] { bus->publish({.subject = "s"}); }),
-            KXError::Kind::Disconnected);
+    server.kill();
+    server.setConfiguration(right);
+    server.start();
+    auto const told = events.waitFor(eventsBefore + 2);
+    ASSERT_EQ(told.size(), eventsBefore + 2);
+    EXPECT_EQ(told[eventsBefore].kind, KXBusEvent::Kind::Lost);
+    EXPECT_EQ(told[eventsBefore + 1].kind, KXBusEvent::Kind::Back);
+    EXPECT_TRUE(bus->isConnected());
+    EXPECT_THAT(mLog.texts().back(), HasSubstr("is back after "));
+
+    for (char const* const subject : {"ordered", "parallel.one", "later", "ended"}) {
+      bus->publish({.subject = subject, .payload = std::to_string(round)});
+    }
+    EXPECT_EQ(ordered.waitFor(static_cast<std::size_t>(round)).size(),
+              static_cast<std::size_t>(round));
+    EXPECT_EQ(parallel.waitFor(static_cast<std::size_t>(round)).size(),
+              static_cast<std::size_t>(round));
+    EXPECT_EQ(later.waitFor(static_cast<std::size_t>(round)).size(),
+              static_cast<std::size_t>(round));
+    bus->flush(5000);
+  }
+  auto const linesBefore = mLog.texts().size();
+  refuse();
+  mLog.waitFor(linesBefore + 3);  // it may end while it tries
 }
 
 TEST_F(NatsBus, HungServerIsNoticedAndHoldsNobodyForLong) {
