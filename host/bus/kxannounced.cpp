@@ -48,9 +48,24 @@ struct Answers {
   std::mutex mutex;
   std::condition_variable changed;
   std::vector<KXAnnouncedModule> modules;  // guarded by mutex
+  std::size_t count = 0;                   // guarded by mutex; of all kinds
+  std::size_t bytes = 0;                   // guarded by mutex; of all kinds
   SteadyClock::time_point last{};          // guarded by mutex
   bool isNobodyThere = false;              // guarded by mutex
   std::optional<KXBusEvent> failure;       // guarded by mutex
+
+  // Under the mutex. Empty if they are within the bounds.
+  std::string excess() const {
+    if (count > kMostAnnounced) {
+      return "expected at most " + std::to_string(kMostAnnounced) +
+             " services to answer, got more of them";
+    }
+    if (bytes > kMostAnnouncedBytes) {
+      return "expected answers of at most " + std::to_string(kMostAnnouncedBytes) +
+             " bytes from services, got more of them";
+    }
+    return "";
+  }
 };
 
 }  // namespace
@@ -75,6 +90,9 @@ std::vector<KXAnnouncedModule> findAnnounced(KXBus& bus, std::chrono::millisecon
     answers.last = SteadyClock::now();
     answers.isNobodyThere = message.isNoResponders;
     answers.changed.notify_all();
+    ++answers.count;
+    answers.bytes += message.payload.size();
+    if (!answers.excess().empty()) return;
     if (auto module = moduleOf(message.payload)) answers.modules.push_back(*std::move(module));
   });
 
@@ -82,7 +100,7 @@ std::vector<KXAnnouncedModule> findAnnounced(KXBus& bus, std::chrono::millisecon
   bus.publish({.subject = kSubject, .reply = inbox});
   std::unique_lock lock(answers.mutex);
   answers.last = SteadyClock::now();
-  while (!answers.isNobodyThere && !answers.failure) {
+  while (!answers.isNobodyThere && !answers.failure && answers.excess().empty()) {
     auto const until = std::min(end, answers.last + quiet);
     if (SteadyClock::now() >= until) break;
     answers.changed.wait_until(lock, until);
@@ -94,6 +112,9 @@ std::vector<KXAnnouncedModule> findAnnounced(KXBus& bus, std::chrono::millisecon
                          : "not allowed to ask for robots: " + answers.failure->text,
                   "bus/kxannounced", 0,
                   isLost ? KXError::Kind::Disconnected : KXError::Kind::Refused);
+  }
+  if (auto const excess = answers.excess(); !excess.empty()) {
+    throw KXError("KXBus", "findAnnounced", excess, "bus/kxannounced", 0);
   }
   std::ranges::sort(answers.modules);
   return answers.modules;

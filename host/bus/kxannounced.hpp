@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -24,9 +25,14 @@ struct KXAnnouncedModule {
   auto operator<=>(KXAnnouncedModule const&) const = default;
 };
 
+/// Of all services that answer, other kinds included.
+inline constexpr std::size_t kMostAnnounced = 10'000;
+inline constexpr std::size_t kMostAnnouncedBytes = 64 << 20;
+
 /// Asks all services and returns when none has answered for `quiet`, but after two seconds at most;
 /// at once if there is none. Sorted; what others announce by the same protocol is left out.
-/// KXError: Disconnected; Refused.
+/// KXError: Disconnected; Refused; Failed if more answer than kMostAnnounced, or with more than
+/// kMostAnnouncedBytes in all.
 KX_API std::vector<KXAnnouncedModule> findAnnounced(
     KXBus& bus, std::chrono::milliseconds quiet = std::chrono::milliseconds(300));
 

@@ -248,6 +248,45 @@ TEST(Announced, IsNothingAtOnceWhereThereIsNoService) {
   EXPECT_THAT(findAnnounced(*bus, 10min), IsEmpty());
 }
 
+TEST(Announced, AreNotTakenWithoutBound) {
+  KXBusNetwork network(KXBusNetwork::Pacing::Threaded);
+  auto const bus = network.connect();
+  auto const stranger = network.connect();
+  std::size_t const large = stranger->maxPayload() / 2;
+  struct Case {
+    char const* name;
+    std::size_t count;
+    std::size_t size;
+    std::string refusal;
+  };
+  for (Case const& each :
+       {Case{"number", kMostAnnounced, 2, "none"},
+        Case{"greater number", kMostAnnounced + 1, 2,
+             "expected at most 10000 services to answer, got more of them"},
+        Case{"bytes", kMostAnnouncedBytes / large, large, "none"},
+        Case{"more bytes", kMostAnnouncedBytes / large + 1, large,
+             "expected answers of at most 67108864 bytes from services, got more of them"}}) {
+    SCOPED_TRACE(each.name);
+    auto const answers = stranger->subscribe("$SRV.INFO", "", 1, [&](KXBusMessage const& message) {
+      std::string const payload(each.size, '{');
+      std::string const reply(message.reply);
+      for (std::size_t i = 0; i < each.count; ++i) {
+        stranger->publish({.subject = reply, .payload = payload});
+      }
+    });
+    std::string refusal = "none";
+
+    try {
+      findAnnounced(*bus, 1s);
+    } catch (KXError const& error) {
+      refusal = error.getDescription();
+      EXPECT_EQ(error.getKind(), KXError::Kind::Failed);
+    }
+
+    EXPECT_EQ(refusal, each.refusal);
+  }
+}
+
 TEST(Announced, CannotBeAskedForWhereTheServerForbidsIt) {
   KXBusNetwork network(KXBusNetwork::Pacing::Threaded);
   network.setPermissions(
