@@ -144,6 +144,7 @@ KXOutgoingPack KXPackSender::xAsk(std::int64_t nowMs) {
   mRoundEnd = 0;
   mAskMs = std::min(2 * mAskMs, kLastAskMs);
   mAskAtMs = nowMs + mAskMs;
+  mAskedMs = nowMs;
   std::uint64_t const end = mPacks[mCursor - 1].end();
   return {xHeader({end, end, 0, nullptr}), std::make_shared<std::string const>()};
 }
@@ -224,7 +225,8 @@ void KXPackSender::onNoResponders(std::int64_t nowMs) {
 
 void KXPackSender::onBack(std::int64_t nowMs) {
   xWaitAnew(nowMs);
-  mAskAtMs = nowMs;
+  // Anybody may say hello, as often as he likes, and each question may have all sent again.
+  mAskAtMs = std::max(nowMs, mAskedMs + kFirstAskMs);
 }
 
 // ---- the receiving end

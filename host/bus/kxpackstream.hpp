@@ -63,7 +63,8 @@ class KX_API KXPackSender {
   void onAck(KXPackAck const& ack, std::int64_t nowMs);
   /// Nobody listens. Whoever comes later says hello.
   void onNoResponders(std::int64_t nowMs);
-  /// The connection is back, or a receiver said hello: something may have been lost.
+  /// The connection is back, or a receiver said hello: something may have been lost. The receiver
+  /// is asked now, but once in kFirstAskMs.
   void onBack(std::int64_t nowMs);
 
   KXNotificationCounts const& getCounts() const noexcept { return mCounts; }
@@ -110,6 +111,7 @@ class KX_API KXPackSender {
   KXUnhandled mUnhandled;       ///< what the receiver said last
   std::int64_t mAskMs = 0;
   std::int64_t mAskAtMs = 0;
+  std::int64_t mAskedMs = -kFirstAskMs;
   KXNotificationCounts mCounts;
 };
 

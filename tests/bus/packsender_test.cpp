@@ -495,6 +495,23 @@ TEST_F(PackSender, AsksAtOnceWhenTheConnectionOrAReceiverIsBack) {
   EXPECT_EQ(taken().size(), 1u);
 }
 
+TEST_F(PackSender, AsksOnceForManyWhoAreBackInATenthOfASecond) {
+  sendFull(1, 3);
+  std::size_t asked = 0;
+  std::vector<std::int64_t> timesMs;
+
+  for (std::int64_t const endMs = nowMs + 1000; nowMs < endMs; ++nowMs) {
+    for (int i = 0; i < 3; ++i) {
+      sender.onBack(nowMs);
+      asked += taken().size();
+    }
+    if (asked > timesMs.size()) timesMs.push_back(nowMs);
+  }
+
+  EXPECT_EQ(asked, 10u);
+  for (std::size_t i = 1; i < timesMs.size(); ++i) EXPECT_EQ(timesMs[i], timesMs[i - 1] + 100);
+}
+
 TEST_F(PackSender, ChangesNothingOfWhatIsOnItsWay) {
   sender.post({numbered(1)});
   KXOutgoingPack const pack = *sender.take(nowMs);
