@@ -76,7 +76,7 @@ std::vector<KXAnnouncedModule> findAnnounced(KXBus& bus, std::chrono::millisecon
                             std::to_string(++count);
   Answers answers;
   auto const events = bus.observe([&](KXBusEvent const& event) {
-    bool const isOurs = event.subject == kSubject || event.subject == inbox;
+    bool const isOurs = event.concerns(kSubject) || event.concerns(inbox);
     if (event.kind != KXBusEvent::Kind::Lost &&
         !(event.kind == KXBusEvent::Kind::Refused && isOurs)) {
       return;

@@ -46,9 +46,15 @@ struct KXBusEvent {
     Dropped,  ///< messages of a subscription were thrown away for want of room
   };
   Kind kind;
-  std::string subject{};     ///< Refused: of the message or subscription; may be unknown (empty)
-  bool isPublishing = true;  ///< Refused: sending was; otherwise subscribing
-  std::string text{};        ///< for people: why; without secrets
+  std::string subject{};      ///< Refused: of the message or subscription; may be unknown (empty)
+  bool isPublishing = true;   ///< Refused: sending was; otherwise subscribing
+  std::string text{};         ///< for people: why; without secrets
+  bool isSubjectCut = false;  ///< its end is not known: servers' texts are bounded
+
+  /// Is it of this subject, as far as one can tell?
+  bool concerns(std::string_view whole) const noexcept {
+    return isSubjectCut ? whole.starts_with(subject) : whole == subject;
+  }
 };
 
 /// Ends a subscription, or the observation of a connection, when it is destroyed. When that

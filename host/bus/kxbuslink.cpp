@@ -73,16 +73,38 @@ struct KXBusLink::Impl {
     broker->setTransport(transport);
   }
 
+  // Holds no lock while it waits for the calls in progress: what ends them may be leave().
   void withdraw(std::string const& module) {
-    std::lock_guard const lock(mutex);
-    if (!server) return;
+    std::unique_ptr<KXService> service;
+    {
+      std::lock_guard const lock(mutex);
+      if (isClosing) return;
+      ++withdrawing;
+      if (auto const found = services.find(module); found != services.end()) {
+        service = std::move(found->second);
+        services.erase(found);
+      }
+    }
+    struct Leave {
+      Impl& impl;
+      ~Leave() {
+        std::lock_guard const lock(impl.mutex);
+        --impl.withdrawing;
+        impl.hasWithdrawn.notify_all();
+      }
+    } const leave{*this};
     {
       std::lock_guard const heraldLock(heraldMutex);
       announced.erase(module);
     }
-    services.erase(module);
+    service.reset();
     server->stopServing(module);
     receiver->withdraw(module);
+  }
+  void endWithdrawals() {
+    std::unique_lock lock(mutex);
+    isClosing = true;
+    hasWithdrawn.wait(lock, [this] { return withdrawing == 0; });
   }
 
   std::shared_ptr<KXBus> const bus;
@@ -92,9 +114,12 @@ struct KXBusLink::Impl {
   std::optional<KXEventReceiver> receiver;
   boost::shared_ptr<KXBusTransport> const transport;
 
+  std::optional<KXServer> server;
   std::mutex mutex;
-  std::optional<KXServer> server;                              // guarded by mutex
+  std::condition_variable hasWithdrawn;
   std::map<std::string, std::unique_ptr<KXService>> services;  // guarded by mutex
+  int withdrawing = 0;                                         // guarded by mutex
+  bool isClosing = false;                                      // guarded by mutex: none begins
   std::vector<std::unique_ptr<KXClaim>> claims;                // of the thread that announces
 
   // Says again who is here.
@@ -202,8 +227,8 @@ void KXBusLink::leave() {
   {
     std::lock_guard const lock(impl.mutex);
     services.swap(impl.services);
-    impl.server->refuse();
   }
+  impl.server->refuse();
 }
 
 void KXBusLink::close() {
@@ -212,12 +237,10 @@ void KXBusLink::close() {
   leave();
   // Calls in progress have ended by now, or end when the transport is closed: by the module that
   // left, or by the time that those that leave have.
+  impl.endWithdrawals();
   impl.transport->detachReceiver();
   impl.receiver.reset();
-  {
-    std::lock_guard const lock(impl.mutex);
-    impl.server.reset();
-  }
+  impl.server.reset();
   impl.claims.clear();  // Last: the next one that has the name meets nobody who still answers.
   {
     std::lock_guard const lock(impl.leavingMutex);

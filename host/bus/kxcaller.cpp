@@ -30,6 +30,9 @@ constexpr milliseconds kLongestRepeat{2000};
 // After a cut the others come back when they do: so long nobody is said to be gone.
 constexpr milliseconds kReturnGrace{1500};
 constexpr milliseconds kReturnRetry{50};
+// A server that was replaced notices within a second. Who answers for longer has replaced the
+// other.
+constexpr int kFormerTries = 30;
 // A module that does not answer is tried so often by calls that cannot wait long.
 constexpr milliseconds kSilentRetry{1000};
 constexpr int kWaitSliceMs = 2000;
@@ -55,6 +58,11 @@ bool isInOwnName(std::string const& module, std::string_view method) {
   static constexpr std::array<std::string_view, 4> kMethods{
       "subscribeToEvent", "subscribeToMicroEvent", "unsubscribeToEvent", "unsubscribeToMicroEvent"};
   return module == "KXMemory" && std::ranges::find(kMethods, method) != kMethods.end();
+}
+
+// Of a parallel call, which is its server's own.
+bool isOfTask(std::string_view method) {
+  return method == kIsRunningMethod || method == kWaitMethod;
 }
 
 struct Call {
@@ -157,9 +165,13 @@ class KXCaller::Impl::Slot {
     pending.deadline = deadlineAt;
     pending.mayTakeLonger = mayTakeLonger;
     pending.subject = &subject;
-    std::lock_guard const lock(mImpl.mMutex);
-    id = destination.begin(pending);
-    replySubject = mImpl.mInbox + destination.callerId + "-" + std::to_string(id.number);
+    replySubject.reserve(mImpl.mInbox.size() + destination.callerId.size() + 24);
+    replySubject.append(mImpl.mInbox).append(destination.callerId).append("-");
+    {
+      std::lock_guard const lock(mImpl.mMutex);
+      id = destination.begin(pending);
+    }
+    replySubject += std::to_string(id.number);
   }
   ~Slot() {
     std::lock_guard const lock(mImpl.mMutex);
@@ -279,13 +291,18 @@ KXCaller::Impl::Answer KXCaller::Impl::xAwait(KXDestination& destination, Call c
     // Further ones would go elsewhere, and only their answers tell what became of the call.
     if (std::string const found = std::exchange(pending.movedTo, {});
         !found.empty() && found != slot.id.to && slot.sentCount == 1) {
-      // While a server that hung has not noticed that it was replaced, two get requests in turn.
-      if (++movedCount > 1) {
-        destination.learn(found);
-        slot.id.to = found;
-      }
       slot.sentCount = 0;
       slot.mayHaveRun = false;
+      // While a server that hung has not noticed that it was replaced, two get requests in turn.
+      bool const isFormer = found == destination.formerInstance;
+      if (++movedCount > (isFormer ? kFormerTries : 1)) {
+        if (isOfTask(call.method)) {
+          fail("module '" + call.module + "' was started anew since its parallel call began",
+               Kind::Disconnected);
+        }
+        destination.moveTo(found);
+        slot.id.to = found;
+      }
       interval = kFirstRepeat;
       repeatAt = movedCount > 2 ? now + kReturnRetry : now;
     }
@@ -323,27 +340,28 @@ KXCaller::Impl::Answer KXCaller::Impl::xAwait(KXDestination& destination, Call c
 void KXCaller::Impl::xCheckPending(KXDestination& destination, Call const& call, Slot& slot,
                                    Clock::time_point now) {
   KXPendingCall const& pending = slot.pending;
-  std::string const name =
-      call.isOnce ? nameOf(call.module, call.method) : "module '" + call.module + "'";
-  std::string const mayHaveRun = call.isOnce ? "; the call may have run" : "";
+  auto const name = [&] {
+    return call.isOnce ? nameOf(call.module, call.method) : "module '" + call.module + "'";
+  };
+  char const* const mayHaveRun = call.isOnce ? "; the call may have run" : "";
   if (mIsClosed) {
     bool const isSent = slot.sentCount > 0;
     fail("the way to robot '" + mRobot + "' was closed" +
-             (isSent ? " while " + name + " was called" + mayHaveRun : ""),
+             (isSent ? " while " + name() + " was called" + mayHaveRun : ""),
          Kind::Disconnected);
   }
   if (!mInboxRefusal.empty()) {
     fail("the server forbids to listen to replies: " + mInboxRefusal, Kind::Refused);
   }
   if (pending.refusal) {
-    fail("the server forbids to call " + name + ": " + *pending.refusal, Kind::Refused);
+    fail("the server forbids to call " + name() + ": " + *pending.refusal, Kind::Refused);
   }
   if (pending.reply.state() == KXPartCollector::State::Broken) {
-    fail("the reply of " + name + " cannot be read: " + pending.reply.fault(), Kind::Failed);
+    fail("the reply of " + name() + " cannot be read: " + pending.reply.fault(), Kind::Failed);
   }
   if (pending.hasNoResponders && (now >= pending.deadline || now >= mBackAt + kReturnGrace)) {
     destination.isSilent = false;
-    destination.instance.clear();
+    destination.forgetInstance();
     if (pending.noRespondersCount == slot.sentCount || !call.isOnce) {
       slot.mayHaveRun = false;
       fail("nobody has module '" + call.module + "' on robot '" + mRobot + "'", Kind::NotFound);
@@ -354,8 +372,9 @@ void KXCaller::Impl::xCheckPending(KXDestination& destination, Call const& call,
   if (now < pending.deadline) return;
   if (!std::exchange(destination.isSilent, true)) destination.silentSince = pending.startedAt;
   destination.triedAt = now;
-  fail("no answer of " + name + " within " + std::to_string(inMs(now - pending.startedAt)) + " ms" +
-           (mWasLost ? ", the connection to " + mBus.address() + " is lost" : "") + mayHaveRun,
+  fail("no answer of " + name() + " within " + std::to_string(inMs(now - pending.startedAt)) +
+           " ms" + (mWasLost ? ", the connection to " + mBus.address() + " is lost" : "") +
+           mayHaveRun,
        Kind::TimedOut);
 }
 
@@ -511,7 +530,7 @@ void KXCaller::Impl::xOnEvent(KXBusEvent const& event) {
     mBackAt = Clock::now();
     mInboxRefusal.clear();
   }
-  if (isRefused && !event.isPublishing && event.subject == mInbox + "*") {
+  if (isRefused && !event.isPublishing && event.concerns(mInbox + "*")) {
     mInboxRefusal = event.text.empty() ? event.subject : event.text;
   }
   if (!isBack && !isRefused) return;
@@ -519,7 +538,7 @@ void KXCaller::Impl::xOnEvent(KXBusEvent const& event) {
     if (isBack) destination->isSilent = false;
     for (auto const& [number, pending] : destination->pending) {
       if (isBack) pending->isBack = true;
-      if (isRefused && event.isPublishing && event.subject == *pending->subject) {
+      if (isRefused && event.isPublishing && event.concerns(*pending->subject)) {
         pending->refusal = event.text.empty() ? event.subject : event.text;
       }
       pending->changed.notify_one();

@@ -215,7 +215,7 @@ void KXClaim::xOnEvent(KXBusEvent const& event) {
                      mRobot + "' was asked for",
                  KXError::Kind::Disconnected));
   } else if (event.kind == Kind::Refused && !isHeld &&
-             (event.subject == mSubject || event.subject == mInbox)) {
+             (event.concerns(mSubject) || event.concerns(mInbox))) {
     xLose(xError(
         "not allowed to have module '" + mModule + "' on robot '" + mRobot + "': " + event.text,
         KXError::Kind::Refused));

@@ -1,6 +1,6 @@
 #include <host/bus/kxdestination.hpp>
 
-#include <algorithm>
+#include <new>
 #include <utility>
 
 #include <kxerror/kxerror.hpp>
@@ -33,9 +33,8 @@ std::shared_ptr<std::string const> KXCalledMethod::encode(KXValue const& params)
 }
 
 KXCallId KXDestination::begin(KXPendingCall& call) {
-  KXCallId id{.caller = callerId, .number = ++lastNumber, .to = instance};
-  pending.emplace(id.number, &call);
-  id.done = pending.begin()->first - 1;
+  KXCallId id{.caller = callerId, .number = lastNumber + 1, .to = instance};
+  id.done = pending.empty() ? lastNumber : pending.begin()->first - 1;
   for (auto number = lost.begin(); number != lost.end() && *number <= id.done; ++number) {
     if (id.lost.size() == KXCallId::kMaxLost) {
       // One that is not named would count as one whose reply has come.
@@ -44,11 +43,17 @@ KXCallId KXDestination::begin(KXPendingCall& call) {
     }
     id.lost.push_back(*number);
   }
+  pending.emplace(id.number, &call);  // the last that may throw
+  ++lastNumber;
   return id;
 }
 
-void KXDestination::giveUp(std::uint64_t number) {
-  lost.insert(number);
+void KXDestination::giveUp(std::uint64_t number) noexcept {
+  try {
+    lost.insert(number);
+  } catch (std::bad_alloc const&) {
+    return;  // a count is wrong by one
+  }
   if (lost.size() > kMaxLost) lost.erase(lost.begin());
 }
 
@@ -57,18 +62,29 @@ void KXDestination::hasRead(KXCallId const& id) {
 }
 
 void KXDestination::learn(std::string_view foundInstance) {
-  if (foundInstance.empty() || foundInstance == instance) return;
-  if (!instance.empty()) formerInstance = instance;
+  if (!isId(foundInstance) || foundInstance == instance) return;
+  if (!instance.empty() && foundInstance == formerInstance) return;
+  moveTo(foundInstance);
+}
+
+void KXDestination::forgetInstance() {
+  if (!instance.empty()) formerInstance = std::exchange(instance, {});
+}
+
+void KXDestination::moveTo(std::string_view foundInstance) {
+  forgetInstance();
   instance = foundInstance;
+  if (formerInstance == instance) formerInstance.clear();
 }
 
 std::shared_ptr<KXDestination> KXDestinations::find(std::string const& module) {
-  std::shared_ptr<KXDestination>& found = mByModule[module];
-  if (!found) {
-    found = std::make_shared<KXDestination>(module);
-    mByCaller[found->callerId] = found;
+  auto const found = mByModule.find(module);
+  std::shared_ptr<KXDestination> const destination =
+      found == mByModule.end() ? std::make_shared<KXDestination>(module) : found->second;
+  if (found == mByModule.end()) {
+    mByCaller.emplace(destination->callerId, destination);
+    mByModule.emplace(module, destination);
   }
-  std::shared_ptr<KXDestination> destination = found;
   destination->usedAt = KXDestination::Clock::now();
   if (mByModule.size() > kMaxDestinations) xForgetOldest(*destination);
   return destination;

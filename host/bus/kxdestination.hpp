@@ -78,10 +78,16 @@ struct KX_API KXDestination {
   /// The next call, which is pending from now on.
   KXCallId begin(KXPendingCall& call);
   /// A call that ended without its reply, and may have run.
-  void giveUp(std::uint64_t number);
-  /// The server has read this request.
+  void giveUp(std::uint64_t number) noexcept;
+  /// The server knows what this request said of others.
   void hasRead(KXCallId const& id);
+  /// A message has come from this server. Once one has been replaced, what still comes from it does
+  /// not make it the server again.
   void learn(std::string_view foundInstance);
+  /// Nobody has the module.
+  void forgetInstance();
+  /// It is this server's, whatever was known before.
+  void moveTo(std::string_view foundInstance);
 };
 
 /// Those of one caller: the last thousand, and those that are in use.

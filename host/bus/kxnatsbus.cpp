@@ -62,8 +62,10 @@ std::optional<KXBusEvent> parseRefusal(std::string const& text) {
   event.text = text;
   event.isPublishing = text.find("for Subscription") == std::string::npos;
   auto const begin = text.find('"');
-  auto const end = begin == std::string::npos ? begin : text.find('"', begin + 1);
-  if (end != std::string::npos) event.subject = text.substr(begin + 1, end - begin - 1);
+  if (begin == std::string::npos) return event;
+  auto const end = text.find('"', begin + 1);
+  event.subject = text.substr(begin + 1, end == std::string::npos ? end : end - begin - 1);
+  event.isSubjectCut = end == std::string::npos && !event.subject.empty();
   return event;
 }
 

@@ -1,6 +1,7 @@
 #include <host/bus/kxreplykeeper.hpp>
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 namespace KX {
@@ -38,8 +39,11 @@ KXReplyKeeper::Admission KXReplyKeeper::admit(KXCallId const& id,
   if (caller != nullptr) {
     caller->lastMs = nowMs;
     mByUse.splice(mByUse.end(), mByUse, caller->place);
-    xGiveUp(*caller, id.lost, thrown);
-    xRaiseDone(*caller, id.done);
+    // Of calls to another server, which may have the same numbers' replies, it says nothing here.
+    if (id.to.empty() || id.to == mInstance) {
+      xGiveUp(*caller, id.lost, thrown);
+      xRaiseDone(*caller, id.done);
+    }
     auto const found = caller->entries.find(id.number);
     if (found != caller->entries.end()) {
       Entry& entry = found->second;
@@ -58,9 +62,10 @@ KXReplyKeeper::Admission KXReplyKeeper::admit(KXCallId const& id,
   Admission const admission = xAdmitUnknown(caller, id, fromPart, nowMs, thrown);
   if (admission.verdict != Verdict::Run) return admission;
   Caller& owner = *mCallers.find(id.caller)->second;
-  Entry& entry = owner.entries[id.number];
+  Entry entry;
   entry.method = method;
   entry.replySubject = replySubject;
+  owner.entries.emplace(id.number, std::move(entry));
   ++owner.runningCount;
   ++mRunningCount;
   ++mAdmittedCount;
@@ -100,6 +105,7 @@ bool KXReplyKeeper::finish(KXCallId const& id, std::shared_ptr<KXReply const> re
   --caller.runningCount;
   --mRunningCount;
   Entry& entry = found->second;
+  std::list<Place> place{{&caller, id.number, nowMs}};  // before anything changes: it may throw
   entry.reply = std::move(reply);
   if (id.number <= caller.done) {
     if (entry.isLost) xThrow(entry, Cause::Lost, thrown);
@@ -108,16 +114,37 @@ bool KXReplyKeeper::finish(KXCallId const& id, std::shared_ptr<KXReply const> re
     return false;
   }
   entry.state = Entry::State::Kept;
-  entry.place = mKept.insert(mKept.end(), {&caller, id.number, nowMs});
+  entry.place = place.begin();
+  mKept.splice(mKept.end(), place);
   mBytes += xCostOf(entry);
-  while (mBytes > mLimits.maxBytes && mKept.size() > 1) {
-    Place const oldest = mKept.front();
-    auto const given = oldest.caller->entries.find(oldest.number);
+  if (entry.reply->partCount() > 1) ++mPartedCount;
+  xMakeRoom(nowMs, thrown);
+  return true;
+}
+
+// Gives up the oldest, but neither the newest nor the largest of those in parts: that one is on its
+// way for as long as many others come and go.
+void KXReplyKeeper::xMakeRoom(std::int64_t nowMs, std::vector<Thrown>& thrown) {
+  if (mBytes <= mLimits.maxBytes) return;
+  auto const entryOf = [](Place const& place) {
+    return place.caller->entries.find(place.number);
+  };
+  auto largest = mKept.end();
+  std::size_t largestCost = 0;
+  for (auto place = mKept.begin(); mPartedCount > 0 && place != mKept.end(); ++place) {
+    Entry const& entry = entryOf(*place)->second;
+    if (entry.reply->partCount() == 1 || xCostOf(entry) <= largestCost) continue;
+    largest = place;
+    largestCost = xCostOf(entry);
+  }
+  for (auto place = mKept.begin(); mBytes - largestCost > mLimits.maxBytes;) {
+    if (place == largest) ++place;
+    if (place == mKept.end() || std::next(place) == mKept.end()) return;
+    auto const given = entryOf(*place++);
     xThrow(given->second, Cause::Room, thrown);
     ++mExpiredCount;
     xEnd(given, nowMs);
   }
-  return true;
 }
 
 void KXReplyKeeper::acknowledge(std::string const& caller, std::uint64_t number, std::int64_t nowMs,
@@ -170,13 +197,16 @@ KXReplyKeeper::Caller& KXReplyKeeper::xAddCaller(std::string const& id, std::int
                                                  std::vector<Thrown>& thrown) {
   std::int64_t const doubtUntilMs = mDoubtUntilMs;
   if (mCallers.size() >= mLimits.maxCallers) xEvictCaller(thrown);
-  std::unique_ptr<Caller>& caller = mCallers[id];
-  caller = std::make_unique<Caller>();
-  caller->id = id;
-  caller->lastMs = nowMs;
-  caller->doubtUntilMs = doubtUntilMs;
-  caller->place = mByUse.insert(mByUse.end(), caller.get());
-  return *caller;
+  auto made = std::make_unique<Caller>();
+  Caller& caller = *made;
+  caller.id = id;
+  caller.lastMs = nowMs;
+  caller.doubtUntilMs = doubtUntilMs;
+  std::list<Caller*> place{&caller};
+  mCallers.emplace(id, std::move(made));  // the last that may throw
+  caller.place = place.begin();
+  mByUse.splice(mByUse.end(), place);
+  return caller;
 }
 
 // The one that was silent for longest, but never one whose call is running: those are no more than
@@ -226,10 +256,15 @@ void KXReplyKeeper::xRaiseDone(Caller& caller, std::uint64_t done) {
   }
 }
 
+void KXReplyKeeper::xForgetCost(Entry const& entry) {
+  mBytes -= xCostOf(entry);
+  if (entry.reply->partCount() > 1) --mPartedCount;
+}
+
 // Takes out a call that is over.
 KXReplyKeeper::Entries::iterator KXReplyKeeper::xErase(Caller& caller, Entries::iterator entry) {
   if (entry->second.state == Entry::State::Kept) {
-    mBytes -= xCostOf(entry->second);
+    xForgetCost(entry->second);
     mKept.erase(entry->second.place);
   } else {
     mEnded.erase(entry->second.place);
@@ -240,7 +275,7 @@ KXReplyKeeper::Entries::iterator KXReplyKeeper::xErase(Caller& caller, Entries::
 // Lets go of the reply, but not of the knowledge that the call has run.
 void KXReplyKeeper::xEnd(Entries::iterator entry, std::int64_t nowMs) {
   Entry& ended = entry->second;
-  mBytes -= xCostOf(ended);
+  xForgetCost(ended);
   ended.reply.reset();
   ended.method = {};
   ended.replySubject = {};

@@ -36,8 +36,9 @@ struct KXReply {
 class KX_API KXReplyKeeper {
  public:
   struct Limits {
-    std::size_t maxBytes = 64 << 20;  ///< of all kept replies; the newest is kept in any case
-    std::int64_t keepMs = 60'000;     ///< how long a reply that nobody acknowledges is kept
+    std::size_t maxBytes =
+        64 << 20;                  ///< of all kept replies but the newest, and the largest in parts
+    std::int64_t keepMs = 60'000;  ///< how long a reply that nobody acknowledges is kept
     std::size_t maxCallers = 10'000;
     std::size_t maxEnded = 100'000;  ///< calls without a reply that are remembered one by one
   };
@@ -145,6 +146,8 @@ class KX_API KXReplyKeeper {
   Admission xAdmitUnknown(Caller* caller, KXCallId const& id, std::optional<std::uint32_t> fromPart,
                           std::int64_t nowMs, std::vector<Thrown>& thrown);
   void xGiveUp(Caller& caller, std::vector<std::uint64_t> const& lost, std::vector<Thrown>& thrown);
+  void xMakeRoom(std::int64_t nowMs, std::vector<Thrown>& thrown);
+  void xForgetCost(Entry const& entry);
   Caller& xAddCaller(std::string const& id, std::int64_t nowMs, std::vector<Thrown>& thrown);
   void xEvictCaller(std::vector<Thrown>& thrown);
   void xRaiseDone(Caller& caller, std::uint64_t done);
@@ -160,6 +163,7 @@ class KX_API KXReplyKeeper {
   std::list<Place> mKept;     // the oldest first, as mEnded
   std::list<Place> mEnded;
   std::size_t mBytes = 0;
+  std::size_t mPartedCount = 0;  // kept ones in parts
   std::uint64_t mRunningCount = 0;
   std::uint64_t mAdmittedCount = 0;
   std::uint64_t mAcknowledgedCount = 0;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <map>
+#include <new>
 #include <utility>
 
 #include <host/bus/kxbusrules.hpp>
@@ -103,6 +104,7 @@ KXResponder::KXResponder(KXBus& bus, KXCallee& callee, KXStatisticsTable& statis
       mCallee(callee),
       mStatistics(statistics),
       mInstance(std::move(instance)),
+      mNoMemory(replyOf(errorOf("no memory for the reply; the call may have run", Kind::Failed))),
       mKeeper(mInstance, limits) {}
 
 // Logs what the keeper gives up meanwhile.
@@ -120,8 +122,18 @@ auto KXResponder::xWithKeeper(Step step) {
 void KXResponder::turnAway(KXSubjects::Call const& call, KXBusMessage const& message) const {
   // Whoever asks again has to find out for himself what became of his call.
   if (!message.header(kAgainHeader).empty() || !message.header(kDoneHeader).empty()) return;
+  auto const id = parseCallId(message.header(kCallHeader));
+  if (id && !id->to.empty() && id->to != mInstance) return xSendMoved(call, message);
   auto const reply =
       replyOf(errorOf("module '" + call.to.module + "' is not served any more", Kind::NotFound));
+  xSend(call, message.reply, *reply, 0);
+}
+
+void KXResponder::xSendMoved(KXSubjects::Call const& call, KXBusMessage const& message) const {
+  auto const reply =
+      replyOf(errorOf("the call of '" + nameOf(call) + "' is for another server", Kind::Failed),
+              kMovedCode);
+  reply->headers.emplace_back(kInstanceHeader, mInstance);
   xSend(call, message.reply, *reply, 0);
 }
 
@@ -174,9 +186,7 @@ void KXResponder::xAnswerOnce(KXSubjects::Call const& call, KXCallId const& id,
           errorOf("the reply of '" + name + "' is gone; the call may have run", Kind::Failed));
       break;
     case Verdict::Moved:
-      reply = replyOf(errorOf("the call of '" + name + "' is for another server", Kind::Failed),
-                      kMovedCode);
-      break;
+      return xSendMoved(call, message);
     case Verdict::Restarted:
       reply = replyOf(errorOf("module '" + call.to.module + "' was started anew while '" + name +
                                   "' was called; the call may have run",

@@ -30,7 +30,8 @@ class KX_API KXResponder {
 
   /// Runs the call on this thread, if it is to run.
   void answer(KXSubjects::Call const& call, KXBusMessage const& message);
-  /// Says that the module is not served any more, unless the call may have run before.
+  /// Says that the module is not served any more, or by another server, unless the call may have
+  /// run before.
   void turnAway(KXSubjects::Call const& call, KXBusMessage const& message) const;
 
   /// Gives up the replies that are too old.
@@ -38,6 +39,7 @@ class KX_API KXResponder {
   KXReplyKeeper::Counts counts() const;
 
  private:
+  void xSendMoved(KXSubjects::Call const& call, KXBusMessage const& message) const;
   void xAnswerOnce(KXSubjects::Call const& call, KXCallId const& id, KXBusMessage const& message);
   std::shared_ptr<KXReply> xRun(KXSubjects::Call const& call, KXBusMessage const& message,
                                 std::string_view caller);
@@ -52,6 +54,7 @@ class KX_API KXResponder {
   KXCallee& mCallee;
   KXStatisticsTable& mStatistics;
   std::string const mInstance;
+  std::shared_ptr<KXReply const> const mNoMemory;
 
   mutable std::mutex mMutex;
   KXReplyKeeper mKeeper;  // guarded by mMutex

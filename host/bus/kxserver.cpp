@@ -15,6 +15,7 @@
 #include <host/bus/kxrandomid.hpp>
 #include <host/bus/kxresponder.hpp>
 #include <ka/log.hpp>
+#include <ka/runlogged.hpp>
 
 namespace KX {
 namespace {
@@ -42,6 +43,8 @@ struct Running {
 
 // One subscription, or two, and the calls that came by them. Guarded by the server's mutex.
 struct Service {
+  explicit Service(KXResponder& itsResponder) : responder(itsResponder) {}
+
   KXResponder& responder;
   std::set<Running const*> running{};
   bool isEnding = false;
@@ -176,8 +179,12 @@ void KXServer::Impl::xSubscribe(std::shared_ptr<Service> const& service, std::st
   auto subscription =
       mBus.subscribe(subject, queue, mOptions.threads,
                      [this, service](KXBusMessage const& message) { xReceive(service, message); });
-  std::lock_guard const lock(mMutex);
-  service->subscriptions.push_back(std::move(subscription));
+  {
+    std::lock_guard const lock(mMutex);
+    if (!service->isEnding) return service->subscriptions.push_back(std::move(subscription));
+  }
+  // Ended meanwhile, and with what it had until then.
+  subscription.reset();
 }
 
 void KXServer::Impl::stopServing(std::string const& module) {
@@ -193,15 +200,27 @@ void KXServer::Impl::stopServing(std::string const& module) {
   xEnd(service);
 }
 
-// Waits for the calls in progress. They use the broker and its modules, so there is no moment from
-// which on they need not be waited for.
+// Takes no more requests, and waits for the calls in progress. They use the broker and its modules,
+// so there is no moment from which on they need not be waited for.
 void KXServer::Impl::xEnd(std::shared_ptr<Service> const& service) {
   std::vector<std::unique_ptr<KXBusSubscription>> subscriptions;
   {
+    std::lock_guard const lock(mMutex);
+    subscriptions.swap(service->subscriptions);
+  }
+  bool const isOwn = tService == service.get();
+  // At once, so that requests go to whoever else has the name. That ends when the calls do: on a
+  // thread of its own, because somebody may have to be told what is waited for.
+  std::thread unsubscribing;
+  if (isOwn) {
+    subscriptions.clear();
+  } else {
+    unsubscribing = std::thread([&subscriptions] { subscriptions.clear(); });
+  }
+  {
     std::unique_lock lock(mMutex);
-    std::size_t const ownCount = tService == service.get() ? 1 : 0;
     auto const isQuiet = [&] {
-      return service->running.size() <= ownCount;
+      return service->running.size() <= (isOwn ? 1U : 0U);
     };
     while (!mHasLeft.wait_for(lock, kPatience, isQuiet)) {
       std::string names;
@@ -213,9 +232,8 @@ void KXServer::Impl::xEnd(std::shared_ptr<Service> const& service) {
           << "the end of a server waits for calls in progress: " << names;
       lock.lock();
     }
-    subscriptions.swap(service->subscriptions);
   }
-  subscriptions.clear();
+  if (unsubscribing.joinable()) unsubscribing.join();
 }
 
 // The service by value: it may be ended by the very call.
@@ -258,7 +276,10 @@ void KXServer::Impl::xTick() {
   std::unique_lock lock(mTickMutex);
   while (!mTickEnd.wait_for(lock, tick, [this] { return mHasEnded; })) {
     lock.unlock();
-    for (KXResponder* const responder : xResponders()) responder->expire();
+    for (KXResponder* const responder : xResponders()) {
+      ka::log::runLogged("KXBus", "serve", "forgetting old replies failed",
+                         [&] { responder->expire(); });
+    }
     lock.lock();
   }
 }

@@ -80,12 +80,6 @@ bool parseNumber(std::string_view text, T& number) {
   return true;
 }
 
-bool isId(std::string_view text) {
-  return text.size() == 16 && std::ranges::all_of(text, [](char c) {
-           return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f');
-         });
-}
-
 struct ErrorCode {
   KXError::Kind kind;
   char const* code;
@@ -145,6 +139,12 @@ KXValue decodeValue(std::string_view bytes) {
 }
 
 // ---- calls
+
+bool isId(std::string_view text) {
+  return text.size() == 16 && std::ranges::all_of(text, [](char c) {
+           return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f');
+         });
+}
 
 std::string formatCallId(KXCallId const& id) {
   std::string text = id.caller + "." + std::to_string(id.number) + "." + std::to_string(id.done);

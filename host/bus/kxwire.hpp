@@ -61,6 +61,8 @@ inline constexpr char const* kMovedCode = "421";
 inline constexpr char const* kRestartedCode = "410";
 inline constexpr char const* kErrorTextHeader = "Nats-Service-Error";
 
+/// Can it be what tells a server, or a caller, from others? 16 hexadecimal digits.
+KX_API bool isId(std::string_view text);
 KX_API std::string formatCallId(KXCallId const& id);
 KX_API std::optional<KXCallId> parseCallId(std::string_view text);
 KX_API std::optional<std::uint32_t> parseFromPart(std::string_view text);

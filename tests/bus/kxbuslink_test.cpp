@@ -276,6 +276,46 @@ TEST_F(BusLink, LeavesWithinASecondAlthoughNobodyAnswers) {
   network.setFaults({});
 }
 
+TEST_F(BusLink, LosesANameDuringACallAndLetsTheOtherServe) {
+  Side first(network, "first");
+  Side second(network, "second");
+  Side client(network, "client");
+  auto const guest = KXModule::createModule<Guest>(first.broker);
+  KXModule::createModule<Guest>(second.broker);
+  first.link->announce({"Guest"});
+  EXPECT_EQ(client.broker->getProxy("Guest", 0)->call<int>("twice", 1), 2);
+  std::thread parked([&] {
+    try {
+      client.broker->getProxy("Guest", 0)->call<void>("park");
+    } catch (KXError const&) {
+      // Its repeat may reach the second, which cannot tell what became of it.
+    }
+  });
+  ASSERT_TRUE(waitUntil([&] { return guest->isParked(); }));
+
+  network.cut(*first.bus);
+  second.link->announce({"Guest"});
+  network.mend(*first.bus);
+
+  // The first notices, and is no more in the way, although its call goes on.
+  EXPECT_TRUE(waitUntil([&] {
+    for (int i = 0; i < 4; ++i) {
+      try {
+        client.broker->getProxy("Guest", 0)->call<int>("twice", i);
+      } catch (KXError const&) {
+        return false;
+      }
+    }
+    return true;
+  }));
+  for (int i = 0; i < 20; ++i)
+    EXPECT_EQ(client.broker->getProxy("Guest", 0)->call<int>("twice", i), 2 * i);
+  auto const begin = Clock::now();
+  first.end();
+  EXPECT_LT(Clock::now() - begin, std::chrono::seconds(3));
+  parked.join();
+}
+
 TEST_F(BusLink, MayBeToldToEndAgain) {
   Side side(network, "one");
 

@@ -199,6 +199,33 @@ TEST(KXReplyKeeper, CountsWhatItsCallerNeverGotAsGivenUp) {
   EXPECT_EQ(keeper.admit(4).verdict, Verdict::Forgotten) << "it arrives late";
 }
 
+TEST(KXReplyKeeper, LearnsNothingOfItsRepliesFromRequestsToAnother) {
+  Keeper keeper;
+  keeper.run(1);
+  keeper.run(2);
+
+  EXPECT_EQ(keeper.admit({kCaller, 4, 3, kElsewhere, {2}}).verdict, Verdict::Moved);
+  EXPECT_EQ(keeper.admit({kCaller, 5, 4, kElsewhere, {2}}, kAgain).verdict, Verdict::Restarted);
+
+  EXPECT_EQ(keeper.keeper.counts().kept, 2U);
+  EXPECT_EQ(keeper.keeper.counts().acknowledged, 0U);
+}
+
+TEST(KXReplyKeeper, OneLargeReplyInPartsIsKeptBesideOthersThatComeAndGo) {
+  Keeper keeper({.maxBytes = 10 * (10 + kOverhead)});
+  keeper.admit(1);
+  keeper.keeper.finish({kCaller, 1, 0}, replyOf(1'000'000, 1000), keeper.nowMs, keeper.thrown);
+
+  for (std::uint64_t number = 2; number <= 30; ++number) keeper.run(number);
+
+  EXPECT_EQ(keeper.admit(1, 0, 8).verdict, Verdict::Resend);
+  EXPECT_EQ(keeper.keeper.counts().kept, 11U) << "the others have the room that they had";
+  EXPECT_EQ(keeper.admit(20, 0, kAgain).verdict, Verdict::Forgotten);
+  EXPECT_EQ(keeper.admit(21, 0, kAgain).verdict, Verdict::Resend);
+  keeper.keeper.acknowledge(kCaller, 1, keeper.nowMs, keeper.thrown);
+  EXPECT_EQ(keeper.keeper.counts().bytes, 10 * (10 + kOverhead));
+}
+
 TEST(KXReplyKeeper, TakesNoNoticeOfLostCallsThatItDoesNotKnow) {
   Keeper keeper;
   keeper.run(2);

@@ -376,6 +376,17 @@ TEST_F(Robot, ViewerChangesNothing) {
   EXPECT_EQ(call(*mHost, "KXMemory", "getKeys", {""}).getSize(), 2);
 }
 
+// The library cuts what the server says, and the subject with it.
+TEST_F(Robot, IsToldOfWhatIsForbiddenHoweverLongItsNameIs) {
+  auto const viewer = join("viewer");
+  for (std::size_t const size : {100U, 180U, 200U, 210U, 300U, 1000U}) {
+    std::string const method(size, 'x');
+    EXPECT_THAT(refusal([&] { call(*viewer, "KXMemory", method, {}); }),
+                HasSubstr("the server forbids to call"))
+        << size;
+  }
+}
+
 TEST_F(Robot, ViewerHasNoRightsOverTheWatcherOfOthers) {
   auto const process = join("module", KXHost::Announced::OwnModules);
   process->loadModule(KX_LIB_DIR "/libmemorywatcher.so");
