@@ -20,7 +20,7 @@ using Cause = KXReplyKeeper::Cause;
 using Thrown = KXReplyKeeper::Thrown;
 using Verdict = KXReplyKeeper::Verdict;
 
-constexpr std::size_t kLargestPart = 512U * 1024;
+constexpr std::size_t kLargestPart = std::size_t{512} * 1024;
 // For the headers and the subject of a message.
 constexpr std::size_t kEnvelopeBytes = 4096;
 
