@@ -5,10 +5,10 @@
 namespace KX {
 
 KXBusTransport::KXBusTransport(std::shared_ptr<KXBus> bus, KXSubjects const& subjects,
-                               std::string const& robot, int timeoutMs, std::string brokerName,
-                               KXEventReceiver& receiver)
+                               std::string const& robot, int timeoutMs,
+                               std::string const& brokerName, KXEventReceiver& receiver)
     : mBus(std::move(bus)),
-      mOwnSuffix("@" + std::move(brokerName)),
+      mOwnSuffix("@" + brokerName),
       mCaller(*mBus, subjects, robot, timeoutMs),
       mSender(*mBus, subjects),
       mReturns(*mBus, subjects),

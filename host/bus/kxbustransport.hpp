@@ -24,7 +24,7 @@ class KXBusTransport : public KXTransport {
  public:
   /// The receiver learns from here which modules of this process subscribe; see detachReceiver().
   KXBusTransport(std::shared_ptr<KXBus> bus, KXSubjects const& subjects, std::string const& robot,
-                 int timeoutMs, std::string brokerName, KXEventReceiver& receiver);
+                 int timeoutMs, std::string const& brokerName, KXEventReceiver& receiver);
 
   void call(std::string const& module, std::string const& method, KXValue const& params,
             KXValue& result, int timeoutMs) override;

@@ -24,19 +24,15 @@ bool isToken(std::string_view text) {
 // Methods of the bus's own keep their "@", which no escaped name holds: none of a module's can be
 // taken for one.
 std::string methodToken(std::string_view method) {
-  if (method.starts_with('@')) return "@" + escapeToken(method.substr(1));
-  return escapeToken(method);
+  bool const isOwn = method.starts_with('@');
+  return std::string(isOwn ? 1 : 0, '@') + escapeToken(method.substr(isOwn ? 1 : 0));
 }
 
 std::optional<std::string> methodOf(std::string_view token) {
-  if (!token.starts_with('@')) {
-    std::optional<std::string> name = unescapeToken(token);
-    if (name && name->starts_with('@')) name.reset();
-    return name;
-  }
-  std::optional<std::string> name = unescapeToken(token.substr(1));
-  if (name) name->insert(0, 1, '@');
-  return name;
+  bool const isOwn = token.starts_with('@');
+  std::optional<std::string> const name = unescapeToken(token.substr(isOwn ? 1 : 0));
+  if (!name || (!isOwn && name->starts_with('@'))) return std::nullopt;
+  return std::string(isOwn ? 1 : 0, '@') + *name;
 }
 
 std::string join(std::string text, std::initializer_list<std::string_view> tokens) {

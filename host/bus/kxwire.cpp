@@ -148,8 +148,8 @@ bool isId(std::string_view text) {
 
 std::string formatCallId(KXCallId const& id) {
   std::string text = id.caller + "." + std::to_string(id.number) + "." + std::to_string(id.done);
-  if (!id.to.empty() || !id.lost.empty()) text += "." + id.to;
-  for (std::uint64_t const number : id.lost) text += "." + std::to_string(number);
+  if (!id.to.empty() || !id.lost.empty()) text.append(".").append(id.to);
+  for (std::uint64_t const number : id.lost) text.append(".").append(std::to_string(number));
   return text;
 }
 

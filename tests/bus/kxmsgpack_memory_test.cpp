@@ -15,7 +15,7 @@
 namespace KX {
 namespace {
 
-using testing::HasSubstr;
+using ::testing::HasSubstr;
 
 // The greatest number of each that one array may have: 8 bytes of memory for each byte received,
 // and 64 MB more. A value takes 16 bytes, a text 40 more, an array 8 more.

@@ -19,23 +19,23 @@ KXPackHeader header(std::uint64_t holeFrom, std::uint64_t first, std::uint32_t c
 }
 
 /// What a receiver does with a pack: the numbers that it handles and what it says.
-struct Outcome {
+struct Taken {
   std::vector<std::uint64_t> handled{};
   std::uint64_t dropped = 0;
   std::uint32_t repeats = 0;
   std::uint64_t next = 0;
   bool isGap = false;
 
-  bool operator==(Outcome const&) const = default;
+  bool operator==(Taken const&) const = default;
 };
-void PrintTo(Outcome const& outcome, std::ostream* out) {
+void PrintTo(Taken const& outcome, std::ostream* out) {
   *out << "handled " << ::testing::PrintToString(outcome.handled) << ", " << outcome.dropped
        << " dropped, " << outcome.repeats << " repeats, next " << outcome.next
        << (outcome.isGap ? ", gap" : "");
 }
 
-Outcome give(KXPackReceiver& receiver, KXPackHeader const& pack) {
-  Outcome outcome;
+Taken give(KXPackReceiver& receiver, KXPackHeader const& pack) {
+  Taken outcome;
   KXPackReceiver::Arrival const arrival = receiver.onPack(pack);
   for (std::uint32_t i = arrival.from; i < pack.count; ++i) {
     outcome.handled.push_back(pack.first + i);
@@ -80,7 +80,7 @@ TEST(PackReceiver, DoesWhatThePackMeans) {
     char const* what;
     std::vector<KXPackHeader> before;
     KXPackHeader pack;
-    Outcome expected;
+    Taken expected;
   };
   KXPackHeader const upToFive = header(1, 1, 5, 1);
   Case const cases[] = {
@@ -140,8 +140,8 @@ TEST(PackReceiver, BearsTheLargestNumbers) {
   KXPackReceiver receiver(kEpoch);
 
   EXPECT_EQ(give(receiver, header(1, kLast - 2, 2, 1)),
-            (Outcome{{kLast - 2, kLast - 1}, kLast - 3, 0, kLast, false}));
-  EXPECT_EQ(give(receiver, header(1, 1, 3, 1)), (Outcome{{}, 0, 3, kLast, false}));
+            (Taken{{kLast - 2, kLast - 1}, kLast - 3, 0, kLast, false}));
+  EXPECT_EQ(give(receiver, header(1, 1, 3, 1)), (Taken{{}, 0, 3, kLast, false}));
 }
 
 std::string epochOf(int number) {
