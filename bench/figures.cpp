@@ -51,7 +51,7 @@ bool runBenchmarks(int argc, char** argv, Collector& collector) {
                                        "--benchmark_enable_random_interleaving=true"};
   std::vector<char*> arguments;
   for (std::string& text : defaults) arguments.push_back(text.data());
-  arguments.insert(arguments.end(), argv + 1, argv + argc);  // a later one overrides
+  for (int i = 1; i < argc; ++i) arguments.push_back(argv[i]);  // a later one overrides
   argc = static_cast<int>(arguments.size());
   argv = arguments.data();
   benchmark::Initialize(&argc, argv);

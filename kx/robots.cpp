@@ -35,7 +35,8 @@ std::string tableOf(Modules const& all) {
   for (auto const& each : all) width = std::max(width, displayWidth(forTerminal(each.module)));
   std::string text;
   for (auto at = all.begin(); at != all.end();) {
-    text += (text.empty() ? "" : "\n") + forTerminal(at->robot) + '\n';
+    if (!text.empty()) text += '\n';
+    text += forTerminal(at->robot) + '\n';
     for (KXAnnouncedModule const& each : takeRobot(at, all.end())) {
       text += fmt::format("  {}  since {}  version {}  in {}\n",
                           fitToWidth(forTerminal(each.module), width), forTerminal(each.started),

@@ -149,7 +149,7 @@ std::string KXTable::draw(KXTerminal const& terminal) {
   // What somebody wrote stays; the table goes on below it.
   if (terminal.isDisturbed) mDrawnLines = 0;
   if (mDrawnLines > 0 && terminal.isLive) text = fmt::format("\x1b[{}A\r\x1b[J", mDrawnLines);
-  if (mDrawnLines > 0 && !terminal.isLive) text = "\n";
+  if (mDrawnLines > 0 && !terminal.isLive) text += '\n';
   std::vector<std::string> const drawn = lines(terminal);
   for (std::size_t i = 0; i < drawn.size(); ++i) {
     bool const isHead = i == 1 && terminal.hasColor;
