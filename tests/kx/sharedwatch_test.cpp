@@ -1,9 +1,7 @@
 // kx watch --shared: real processes over a real server.
-#include <chrono>
 #include <csignal>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -18,7 +16,6 @@
 namespace KX::testing {
 namespace {
 
-using namespace std::chrono_literals;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
