@@ -1,6 +1,7 @@
 // A robot with a callee and a caller, each with a connection of its own to one bus.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <functional>
@@ -180,6 +181,13 @@ class CallTest : public ::testing::Test {
     });
   }
 
+  /// Waits for a line in the callee's log.
+  bool isLogged(std::string const& text) const {
+    return waitUntil([&] {
+      return std::ranges::any_of(callee->host.getLogged(),
+                                 [&](LogLine const& line) { return line.text == text; });
+    });
+  }
   /// Loses so many of the messages that the condition holds for.
   void lose(int count, std::function<bool(KXBusMessage const&)> condition) {
     auto const left = std::make_shared<int>(count);

@@ -147,11 +147,9 @@ TEST_F(CallPartsTest, AreReleasedWithTimeIfTheirCallerIsGone) {
   caller.reset();
 
   EXPECT_TRUE(waitUntil([this] { return isNothingKept(); }));
-  EXPECT_THAT(callee->host.getLogged(),
-              ::testing::Contains(
-                  ::testing::Field(&LogLine::text,
-                                   "a reply of 'Module.fill', 300007 bytes, was given up, and its "
-                                   "caller has not confirmed it: nobody came for it in time")));
+  EXPECT_TRUE(
+      isLogged("a reply of 'Module.fill', 300007 bytes, was given up, and its "
+               "caller has not confirmed it: nobody came for it in time"));
 }
 
 TEST_F(CallPartsTest, TellWhatBecameOfThemWhenTheyAreGone) {
@@ -198,11 +196,9 @@ TEST_F(CallLargePartsTest, AreGivenUpForRoomWithALineInTheLog) {
   network.setFaults({});
   call("fill", 900'001);
 
-  EXPECT_THAT(callee->host.getLogged(),
-              ::testing::Contains(
-                  ::testing::Field(&LogLine::text,
-                                   "a reply of 'Module.fill', 900007 bytes, was given up, and its "
-                                   "caller has not confirmed it: there is no more room")));
+  EXPECT_TRUE(
+      isLogged("a reply of 'Module.fill', 900007 bytes, was given up, and its "
+               "caller has not confirmed it: there is no more room"));
 }
 
 }  // namespace

@@ -25,7 +25,9 @@ class FakeRoot {
   void makeFolder(std::string const& path) const {
     std::filesystem::create_directories(mDirectory.path() / path);
   }
-  void remove(std::string const& path) const { std::filesystem::remove_all(mDirectory.path() / path); }
+  void remove(std::string const& path) const {
+    std::filesystem::remove_all(mDirectory.path() / path);
+  }
 
  private:
   TemporaryDirectory const mDirectory;

@@ -7,8 +7,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tool.hpp"
 #include <tests/support/temporarydirectory.hpp>
+#include "tool.hpp"
 
 namespace KX::testing {
 namespace {

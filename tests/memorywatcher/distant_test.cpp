@@ -23,6 +23,8 @@ struct DistantStoreWatch : ::testing::Test {
   }
   ~DistantStoreWatch() override {
     watcher->stopWatching();
+    // Its subscriptions hold this side's broker at the store.
+    watcher->removeAllListeners();
     // Each broker's transport holds the other.
     here->setTransport(nullptr);
     there->setTransport(nullptr);

@@ -126,8 +126,8 @@ class Caller {
     if (mThread.joinable()) mThread.join();
   }
   /// Waits until many looks in a row have found the call asleep in the kernel: true; or until it is
-  /// over: false. False, too, after 30 s. A call also sleeps while a distant store answers, so there
-  /// it has to sleep for much longer than an answer takes.
+  /// over: false. False, too, after 30 s. A call also sleeps while a distant store answers, so
+  /// there it has to sleep for much longer than an answer takes.
   bool isParked() const {
     using Clock = std::chrono::steady_clock;
     constexpr int kLooks = 100;
