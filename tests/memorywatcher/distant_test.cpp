@@ -23,8 +23,9 @@ struct DistantStoreWatch : ::testing::Test {
   }
   ~DistantStoreWatch() override {
     watcher->stopWatching();
-    // Its subscriptions hold this side's broker at the store.
-    watcher->removeAllListeners();
+    watcher.reset();
+    here->shutdown();
+    there->shutdown();
     // Each broker's transport holds the other.
     here->setTransport(nullptr);
     there->setTransport(nullptr);
