@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <future>
 #include <memory>
 #include <regex>
 #include <string>
@@ -19,7 +18,6 @@
 namespace KX::testing {
 namespace {
 
-using namespace std::chrono_literals;
 using nlohmann::json;
 using ::testing::Contains;
 using ::testing::ElementsAre;
@@ -324,34 +322,32 @@ void expectNothingIsMadeUpOrLost(ToolResult const& result, long asked) {
   EXPECT_EQ(summary.taken * summary.keys, summary.samples);
 }
 
-// The tool, stopped for a while in the midst of its watch. Several go on side by side: they sleep.
-std::future<ToolResult> watchStopped(std::vector<std::string> const& arguments,
-                                     std::chrono::seconds stopped) {
+// The tool, stopped for a while in the midst of its watch.
+ToolResult watchStopped(std::vector<std::string> const& arguments, std::chrono::seconds stopped) {
   std::vector<std::string> all{toolPath(),           "watch",    "Host/Load/*",
                                "Host/UptimeSeconds", "--format", "csv"};
   all.insert(all.end(), arguments.begin(), arguments.end());
-  return std::async(std::launch::async, [all, stopped] {
-    ChildProcess child(all);
-    child.waitForOutputText(".");
-    child.sendSignal(SIGSTOP);
-    std::this_thread::sleep_for(stopped);
-    child.sendSignal(SIGCONT);
-    return resultOf(child);
-  });
+  ChildProcess child(std::move(all));
+  child.waitForOutputText(".");
+  child.sendSignal(SIGSTOP);
+  std::this_thread::sleep_for(stopped);
+  child.sendSignal(SIGCONT);
+  return resultOf(child);
 }
 
 TEST(TimingWatch, StoppedProcessMakesUpForTheStop) {
   struct Case {
+    std::chrono::seconds stopped;
+    std::vector<std::string> arguments;
     long asked;
     long askedMeanwhile;
-    std::future<ToolResult> watch;
   };
-  Case cases[] = {{60, 20, watchStopped({"--period", "50", "--for", "3s"}, 1s)},
-                  {300, 100, watchStopped({"--period", "10", "--for", "3s"}, 1s)},
-                  {70, 50, watchStopped({"--period", "100", "--for", "7s"}, 5s)}};
-  for (Case& c : cases) {
+  for (Case const& c :
+       {Case{std::chrono::seconds(1), {"--period", "50", "--for", "3s"}, 60, 20},
+        Case{std::chrono::seconds(1), {"--period", "10", "--for", "3s"}, 300, 100},
+        Case{std::chrono::seconds(5), {"--period", "100", "--for", "7s"}, 70, 50}}) {
     SCOPED_TRACE(c.asked);
-    ToolResult const result = c.watch.get();
+    ToolResult const result = watchStopped(c.arguments, c.stopped);
     expectNothingIsMadeUpOrLost(result, c.asked);
     // A busy machine may cost one for other reasons.
     EXPECT_LT(summaryOf(result).missed * 10, c.askedMeanwhile) << result.errors;
@@ -360,16 +356,19 @@ TEST(TimingWatch, StoppedProcessMakesUpForTheStop) {
 
 TEST(TimingWatch, StoppedProcessMissesCyclesOfTheHardware) {
   struct Case {
+    std::chrono::seconds stopped;
+    std::vector<std::string> arguments;
     long asked;
     long missed;  // at least
-    std::future<ToolResult> watch;
   };
-  Case cases[] = {{300, 98, watchStopped({"--period", "10", "--for", "3s", "--cycle"}, 1s)},
-                  {60, 19, watchStopped({"--period", "50", "--for", "3s", "--cycle"}, 1s)},
-                  {140, 99, watchStopped({"--period", "50", "--for", "7s", "--cycle"}, 5s)}};
-  for (Case& c : cases) {
+  for (Case const& c :
+       {Case{std::chrono::seconds(1), {"--period", "10", "--for", "3s"}, 300, 98},
+        Case{std::chrono::seconds(1), {"--period", "50", "--for", "3s"}, 60, 19},
+        Case{std::chrono::seconds(5), {"--period", "50", "--for", "7s"}, 140, 99}}) {
     SCOPED_TRACE(c.asked);
-    ToolResult const result = c.watch.get();
+    std::vector<std::string> arguments = c.arguments;
+    arguments.emplace_back("--cycle");
+    ToolResult const result = watchStopped(arguments, c.stopped);
     expectNothingIsMadeUpOrLost(result, c.asked);
     EXPECT_GE(summaryOf(result).missed, c.missed);
     EXPECT_THAT(summaryOf(result).causes, HasSubstr("hardware cycle late"));
@@ -377,10 +376,12 @@ TEST(TimingWatch, StoppedProcessMissesCyclesOfTheHardware) {
 }
 
 TEST(TimingWatch, StopThatLastsBeyondTheEndCountsNothingTwice) {
-  std::future<ToolResult> watches[] = {
-      watchStopped({"--period", "50", "--for", "1s"}, 3s),
-      watchStopped({"--period", "50", "--for", "1s", "--cycle"}, 3s)};
-  for (std::future<ToolResult>& watch : watches) expectNothingIsMadeUpOrLost(watch.get(), 20);
+  for (std::vector<std::string> const& arguments :
+       {std::vector<std::string>{"--period", "50", "--for", "1s"},
+        {"--period", "50", "--for", "1s", "--cycle"}}) {
+    SCOPED_TRACE(arguments.size());
+    expectNothingIsMadeUpOrLost(watchStopped(arguments, std::chrono::seconds(3)), 20);
+  }
 }
 
 TEST(TimingWatch, BusyMachineMakesNothingUp) {
