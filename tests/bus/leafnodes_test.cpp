@@ -70,6 +70,18 @@ class Site : public ::testing::Test {
     return host.getBroker()->getProxy("KXMemory", 0)->genericCall(method, KXValue(arguments));
   }
 
+  /// The hub learns what the site listens to a moment after the two are connected.
+  void awaitStore(KXHost const& viewer) {
+    ASSERT_TRUE(eventually([&] {
+      try {
+        call(viewer, "getKeys", {""});
+        return true;
+      } catch (KXError const&) {
+        return false;
+      }
+    }));
+  }
+
   TemporaryDirectory mDirectory;
   std::unique_ptr<NatsServer> mHub;
   std::string mHubPort;
@@ -84,6 +96,7 @@ TEST_F(Site, IsWatchedFromTheHubAndGoesOnWithoutIt) {
   call(robot, "declareEvent", {"Arm/Touched"});
   KXHost viewer({.withStore = false, .bus = options(*mHub, "viewer")});
   auto const listener = KXModule::createModule<Listener>(viewer.getBroker());
+  awaitStore(viewer);
   KXMemoryProxy store(viewer.getBroker());
   store.subscribeToEvent("Arm/Touched", "Listener", "onEvent");
 
@@ -121,6 +134,7 @@ TEST_F(Site, LetsNobodyAtTheHubChangeIt) {
   mHub->start();
   awaitLeaf();
   KXHost viewer({.withStore = false, .bus = options(*mHub, "viewer")});
+  awaitStore(viewer);
   EXPECT_EQ(call(viewer, "getData", {"Arm/Angle"}), KXValue(1.5));
 
   try {
