@@ -359,7 +359,9 @@ void KXCaller::Impl::xCheckPending(KXDestination& destination, Call const& call,
   if (pending.reply.state() == KXPartCollector::State::Broken) {
     fail("the reply of " + name() + " cannot be read: " + pending.reply.fault(), Kind::Failed);
   }
-  if (pending.hasNoResponders && (now >= pending.deadline || now >= mBackAt + kReturnGrace)) {
+  // A connection that was lost carries messages a moment before it is told that it is back.
+  bool const mayReturn = mWasLost || now < mBackAt + kReturnGrace;
+  if (pending.hasNoResponders && (now >= pending.deadline || !mayReturn)) {
     destination.isSilent = false;
     destination.forgetInstance();
     if (pending.noRespondersCount == slot.sentCount || !call.isOnce) {

@@ -1,4 +1,5 @@
 // Subscribers in other processes.
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -141,7 +142,11 @@ TEST_F(DistantSubscriber, ThatIsGoneForGoodIsDroppedAndSaidSoOnce) {
 
   EXPECT_TRUE(waitForLog("module 'M@there' is gone, its subscriptions are dropped: gone"));
   store->exit();
-  EXPECT_EQ(log.lines().size(), 1U);
+  // Another one tells what the store had not yet tried to deliver.
+  EXPECT_EQ(std::ranges::count_if(
+                log.lines(),
+                [](LogLine const& line) { return line.text.find("is gone") != std::string::npos; }),
+            1);
   EXPECT_EQ(transport->packCount(), 0);
 }
 
