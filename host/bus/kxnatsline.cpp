@@ -1,0 +1,282 @@
+#include <host/bus/kxnatsline.hpp>
+
+#include <condition_variable>
+#include <cstdint>
+#include <cstdlib>
+#include <optional>
+#include <utility>
+
+#include <nats/nats.h>
+
+#include <host/bus/kxbushandler.hpp>
+
+namespace KX {
+
+class KXNatsSubscribed {
+ public:
+  virtual ~KXNatsSubscribed() = default;
+  /// Subscribes, in place of what was subscribed on a connection that is closed.
+  virtual natsStatus bind(natsConnection* connection) = 0;
+};
+
+namespace {
+
+constexpr int kMaxPendingBytes = 256 * 1024 * 1024;
+/// Of one wait for a message; ending the subscription ends it too.
+constexpr std::int64_t kWaitMs = 3'600'000;
+
+struct Destroy {
+  void operator()(natsMsg* message) const { natsMsg_Destroy(message); }
+  void operator()(natsSubscription* subscription) const { natsSubscription_Destroy(subscription); }
+};
+using Message = std::unique_ptr<natsMsg, Destroy>;
+using NatsSubscription = std::unique_ptr<natsSubscription, Destroy>;
+
+KXBusHeaders headersOf(natsMsg* message) {
+  KXBusHeaders headers;
+  char const** names = nullptr;
+  int count = 0;
+  if (natsMsgHeader_Keys(message, &names, &count) != NATS_OK) return headers;
+  for (int i = 0; i < count; ++i) {
+    char const** values = nullptr;
+    int valueCount = 0;
+    if (natsMsgHeader_Values(message, names[i], &values, &valueCount) != NATS_OK) continue;
+    for (int k = 0; k < valueCount; ++k) headers.emplace_back(names[i], values[k]);
+    std::free(static_cast<void*>(values));
+  }
+  std::free(static_cast<void*>(names));
+  return headers;
+}
+
+void hand(natsMsg* from, KXBus::Handler const& handler) {
+  KXBusMessage message;
+  message.subject = natsMsg_GetSubject(from);
+  if (char const* const reply = natsMsg_GetReply(from); reply != nullptr) message.reply = reply;
+  message.isNoResponders = natsMsg_IsNoResponders(from);
+  if (!message.isNoResponders) message.headers = headersOf(from);
+  message.payload = {natsMsg_GetData(from), static_cast<std::size_t>(natsMsg_GetDataLength(from))};
+  handler(message);
+}
+
+/// None if there come no more.
+std::optional<Message> waitForMessage(natsSubscription* subscription) {
+  while (true) {
+    natsMsg* message = nullptr;
+    auto const status = natsSubscription_NextMsg(&message, subscription, kWaitMs);
+    if (status == NATS_OK) return Message(message);
+    // Too slow: told to the observers; what is left comes next.
+    if (status != NATS_TIMEOUT && status != NATS_SLOW_CONSUMER && status != NATS_NO_RESPONDERS)
+      return std::nullopt;
+  }
+}
+
+/// What is subscribed on each connection, one after the other.
+struct Wanted {
+  std::string subject;
+  std::string queue;
+};
+
+/// Of one thread: the library's own calls the handler. Only here one learns that nobody listens:
+/// who waits for messages is not told by the library which question it was.
+class OrderedSubscription : public KXNatsSubscribed {
+ public:
+  OrderedSubscription(KXBusRetired& retired, Wanted wanted, KXBus::Handler handler)
+      : mRetired(retired),
+        mWanted(std::move(wanted)),
+        mCalls(std::make_shared<Calls>(std::move(handler))) {}
+  ~OrderedSubscription() override {
+    if (mSubscription != nullptr) natsSubscription_Unsubscribe(mSubscription.get());
+    if (mCalls->handler.isCaller())
+      mRetired.add(
+          [weak = std::weak_ptr(mCalls)] {
+            if (auto const calls = weak.lock()) calls->handler.end();
+          },
+          mCalls);
+    mCalls->handler.end();
+  }
+  natsStatus bind(natsConnection* connection) override {
+    // The library's thread has its share until it ends.
+    auto closure = std::make_unique<std::shared_ptr<Calls>>(mCalls);
+    natsSubscription* made = nullptr;
+    char const* const subject = mWanted.subject.c_str();
+    auto const status =
+        mWanted.queue.empty()
+            ? natsConnection_Subscribe(&made, connection, subject, onMessage, closure.get())
+            : natsConnection_QueueSubscribe(&made, connection, subject, mWanted.queue.c_str(),
+                                            onMessage, closure.get());
+    mSubscription.reset(made);
+    if (status != NATS_OK) return status;
+    natsSubscription_SetOnCompleteCB(made, onComplete, closure.release());
+    natsSubscription_SetPendingLimits(made, -1, kMaxPendingBytes);
+    return status;
+  }
+
+ private:
+  struct Calls {
+    explicit Calls(KXBus::Handler function)
+        : handler([handle = std::move(function)](Message const& message) {
+            hand(message.get(), handle);
+          }) {}
+    KXBusHandler<Message> handler;
+    std::mutex turn;  ///< a call may last longer than the connection that it came by
+  };
+
+  static void onMessage(natsConnection* /*connection*/, natsSubscription* /*subscription*/,
+                        natsMsg* message, void* closure) {
+    Message const taken(message);
+    Calls& calls = **static_cast<std::shared_ptr<Calls>*>(closure);
+    std::lock_guard const turn(calls.turn);
+    calls.handler.call(taken);
+  }
+  static void onComplete(void* closure) { delete static_cast<std::shared_ptr<Calls>*>(closure); }
+
+  KXBusRetired& mRetired;
+  Wanted const mWanted;
+  std::shared_ptr<Calls> const mCalls;
+  NatsSubscription mSubscription;
+};
+
+/// Of several threads, which take the messages themselves.
+class ParallelSubscription : public KXNatsSubscribed {
+ public:
+  ParallelSubscription(KXBusRetired& retired, Wanted wanted, int threads, KXBus::Handler handler)
+      : mRetired(retired),
+        mWanted(std::move(wanted)),
+        mWorkers(std::make_shared<KXBusWorkers<Message>>(
+            threads, [source = mSource] { return source->take(); },
+            [handle = std::move(handler)](Message const& message) {
+              hand(message.get(), handle);
+            })) {}
+  ~ParallelSubscription() override {
+    mSource->end();
+    mWorkers->end(mRetired);
+  }
+  natsStatus bind(natsConnection* connection) override {
+    natsSubscription* made = nullptr;
+    char const* const subject = mWanted.subject.c_str();
+    auto const status =
+        mWanted.queue.empty()
+            ? natsConnection_SubscribeSync(&made, connection, subject)
+            : natsConnection_QueueSubscribeSync(&made, connection, subject, mWanted.queue.c_str());
+    if (status != NATS_OK) return status;
+    natsSubscription_SetPendingLimits(made, -1, kMaxPendingBytes);
+    mSource->use(NatsSubscription(made));
+    if (!mIsStarted) mWorkers->start();
+    mIsStarted = true;
+    return status;
+  }
+
+ private:
+  /// Where the messages come from: one connection after the other.
+  class Source {
+   public:
+    void use(std::shared_ptr<natsSubscription> subscription) {
+      std::lock_guard const lock(mMutex);
+      mSubscription = std::move(subscription);
+      mChanged.notify_all();
+    }
+    void end() {
+      std::lock_guard const lock(mMutex);
+      mHasEnded = true;
+      if (mSubscription) natsSubscription_Unsubscribe(mSubscription.get());
+      mChanged.notify_all();
+    }
+    std::optional<Message> take() {
+      std::shared_ptr<natsSubscription> former;
+      while (true) {
+        {
+          std::unique_lock lock(mMutex);
+          mChanged.wait(lock, [&] { return mHasEnded || mSubscription != former; });
+          if (mHasEnded) return std::nullopt;
+          former = mSubscription;
+        }
+        if (auto message = waitForMessage(former.get())) return message;
+      }
+    }
+
+   private:
+    std::mutex mMutex;
+    std::condition_variable mChanged;
+    std::shared_ptr<natsSubscription> mSubscription;  // guarded by mMutex
+    bool mHasEnded = false;                           // guarded by mMutex
+  };
+
+  KXBusRetired& mRetired;
+  Wanted const mWanted;
+  std::shared_ptr<Source> const mSource = std::make_shared<Source>();
+  std::shared_ptr<KXBusWorkers<Message>> const mWorkers;
+  bool mIsStarted = false;
+};
+
+/// Takes part in the line as long as it lives.
+class LineSubscription : public KXBusSubscription {
+ public:
+  LineSubscription(KXNatsLine& line, std::unique_ptr<KXNatsSubscribed> subscribed)
+      : mLine(line), mSubscribed(std::move(subscribed)), mStatus(line.add(*mSubscribed)) {}
+  ~LineSubscription() override { mLine.remove(*mSubscribed); }
+  int status() const { return mStatus; }
+
+ private:
+  KXNatsLine& mLine;
+  std::unique_ptr<KXNatsSubscribed> const mSubscribed;
+  int const mStatus;
+};
+
+}  // namespace
+
+KXNatsConnection ownedConnection(natsConnection* connection) {
+  return {connection, natsConnection_Destroy};
+}
+
+KXNatsConnection KXNatsLine::connection() const {
+  std::lock_guard const lock(mMutex);
+  return mConnection;
+}
+
+bool KXNatsLine::use(KXNatsConnection const& connection) {
+  std::lock_guard const lock(mMutex);
+  if (mHasEnded) return false;
+  mConnection = connection;
+  for (KXNatsSubscribed* const each : mSubscribed) each->bind(connection.get());
+  return true;
+}
+
+std::unique_ptr<KXBusSubscription> KXNatsLine::subscribe(KXBusRetired& retired,
+                                                         std::string const& subject,
+                                                         std::string const& queue, int threads,
+                                                         KXBus::Handler handler, int& status) {
+  Wanted wanted{subject, queue};
+  std::unique_ptr<KXNatsSubscribed> subscribed;
+  if (threads == 1) {
+    subscribed =
+        std::make_unique<OrderedSubscription>(retired, std::move(wanted), std::move(handler));
+  } else {
+    subscribed = std::make_unique<ParallelSubscription>(retired, std::move(wanted), threads,
+                                                        std::move(handler));
+  }
+  auto made = std::make_unique<LineSubscription>(*this, std::move(subscribed));
+  status = made->status();
+  if (status != NATS_OK) return nullptr;
+  return made;
+}
+
+int KXNatsLine::add(KXNatsSubscribed& subscribed) {
+  std::lock_guard const lock(mMutex);
+  auto const status = subscribed.bind(mConnection.get());
+  if (status != NATS_OK && status != NATS_CONNECTION_CLOSED) return status;
+  mSubscribed.insert(&subscribed);
+  return NATS_OK;
+}
+
+void KXNatsLine::remove(KXNatsSubscribed& subscribed) {
+  std::lock_guard const lock(mMutex);
+  mSubscribed.erase(&subscribed);
+}
+
+KXNatsConnection KXNatsLine::end() {
+  std::lock_guard const lock(mMutex);
+  mHasEnded = true;
+  return mConnection;
+}
+
+}  // namespace KX
