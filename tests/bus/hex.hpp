@@ -1,9 +1,12 @@
-// Bytes as tests write them.
+// Bytes as tests write them, and why they are refused.
 #pragma once
 
 #include <cstddef>
 #include <string>
 #include <string_view>
+
+#include <host/bus/kxwire.hpp>
+#include <kxerror/kxerror.hpp>
 
 namespace KX {
 
@@ -35,6 +38,16 @@ inline std::string repeated(std::string_view bytes, int times) {
   std::string text;
   for (int i = 0; i < times; ++i) text += bytes;
   return text;
+}
+
+/// The error of a value that cannot be decoded; "none" if it can.
+inline std::string refusalOf(std::string_view bytes) {
+  try {
+    decodeValue(bytes);
+  } catch (KXError const& error) {
+    return error.getDescription();
+  }
+  return "none";
 }
 
 }  // namespace KX

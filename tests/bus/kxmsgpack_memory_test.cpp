@@ -33,15 +33,6 @@ std::string arrayOf(std::size_t size, char element) {
   return header(size) + std::string(size, element);
 }
 
-std::string refusalOf(std::string_view bytes) {
-  try {
-    decodeValue(bytes);
-  } catch (KXError const& error) {
-    return error.getDescription();
-  }
-  return "none";
-}
-
 TEST(ValuesMemory, IsBoundedByTheBytesReceived) {
   struct Case {
     char const* name;

@@ -31,15 +31,6 @@ KXValue array(std::size_t size, KXValue const& element) {
   return KXValue::arrayFrom(size, [&](std::size_t) { return element; });
 }
 
-std::string refusalOf(std::string_view bytes) {
-  try {
-    decodeValue(bytes);
-  } catch (KXError const& error) {
-    return error.getDescription();
-  }
-  return "none";
-}
-
 struct Known {
   char const* name;
   KXValue value;

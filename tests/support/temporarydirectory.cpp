@@ -10,8 +10,8 @@
 namespace KX::testing {
 
 TemporaryDirectory::TemporaryDirectory() {
-  // mkdtemp() puts letters of its own in place of the six.
-  std::string pattern = std::filesystem::temp_directory_path() / "kxtest-XXXXXX";
+  // mkdtemp() puts letters of its own in the place of six X at the end.
+  std::string pattern = std::filesystem::temp_directory_path() / ("kxtest-" + std::string(6, 'X'));
   if (::mkdtemp(pattern.data()) == nullptr) {
     throw std::system_error(errno, std::generic_category(), "mkdtemp");
   }
