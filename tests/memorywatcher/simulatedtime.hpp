@@ -50,17 +50,21 @@ class HookedClock : public SimulatedClock {
   std::atomic<int> mReadings{0};
 };
 
-/// Made before the module that needs it, and gone after it.
-struct HasSimulatedClock {
+/// What the module's loop uses: made before the module, and gone after it.
+struct SimulatedTime {
+  using Moments = std::vector<std::int64_t>;
+
   HookedClock mClock;
+  mutable std::mutex mReadsMutex;
+  std::function<void(int)> mInCycle;  // guarded by mReadsMutex, as the next
+  Moments mReads;
+  std::int64_t mStartMs = 0;  // written while no loop runs
 };
 
 /// The module under timed or cycle pacing in simulated time. Keeps when each batch read began, in
 /// milliseconds since the start.
-class SimulatedTimeTest : protected HasSimulatedClock, public WatcherTest {
+class SimulatedTimeTest : protected SimulatedTime, public WatcherTest {
  protected:
-  using Moments = std::vector<std::int64_t>;
-
   explicit SimulatedTimeTest(Pacing pacing = Pacing::Timed) : WatcherTest(pacing, mClock) {
     mMemory->setHook("getListData", [this](FakeMemory::Call const&, KXValue&) {
       int cycle = 0;
@@ -72,7 +76,7 @@ class SimulatedTimeTest : protected HasSimulatedClock, public WatcherTest {
       };
       std::unique_ptr<HookedClock, decltype(follow)> const following(&mClock, follow);
       {
-        std::lock_guard const lock(mMutex);
+        std::lock_guard const lock(mReadsMutex);
         mReads.push_back(mClock.nowMs() - mStartMs);
         cycle = static_cast<int>(mReads.size());
         hook = mInCycle;
@@ -83,19 +87,19 @@ class SimulatedTimeTest : protected HasSimulatedClock, public WatcherTest {
 
   /// What is done on the loop's thread, in each batch read; cycles are counted from 1.
   void inCycle(std::function<void(int cycle)> hook) {
-    std::lock_guard const lock(mMutex);
+    std::lock_guard const lock(mReadsMutex);
     mInCycle = std::move(hook);
   }
   void start(int periodMs) {
     {
-      std::lock_guard const lock(mMutex);
+      std::lock_guard const lock(mReadsMutex);
       mReads.clear();
       mStartMs = mClock.nowMs();
     }
     call("startWatching", periodMs);
   }
   Moments reads() const {
-    std::lock_guard const lock(mMutex);
+    std::lock_guard const lock(mReadsMutex);
     return mReads;
   }
   std::int64_t sinceStartMs() { return mClock.nowMs() - mStartMs; }
@@ -146,11 +150,6 @@ class SimulatedTimeTest : protected HasSimulatedClock, public WatcherTest {
     }
     return true;
   }
-
-  mutable std::mutex mMutex;
-  std::function<void(int)> mInCycle;  // guarded by mMutex, as the next
-  Moments mReads;
-  std::int64_t mStartMs = 0;  // written while no loop runs
 };
 
 struct SimulatedTimed : SimulatedTimeTest {
