@@ -446,12 +446,12 @@ TEST_P(BusContract, NothingComesAfterTheEndOfASubscription) {
 TEST_P(BusContract, HandlerMayEndItsOwnSubscription) {
   for (int const threads : {1, 3}) {
     SCOPED_TRACE(threads);
-    auto const bus = connect();
     Counter calls;
     Counter ended;
-    std::unique_ptr<KXBusSubscription> listening;
     std::promise<void> isSet;
     auto const set = isSet.get_future().share();
+    auto const bus = connect();  // its end waits for the handlers, here nothing else does
+    std::unique_ptr<KXBusSubscription> listening;
     listening = bus->subscribe("once", "", threads, [&](KXBusMessage const& message) {
       set.wait();
       if (message.payload != "end") return;

@@ -164,16 +164,19 @@ TEST_F(ModuleEnd, MayBeginWithinItsOwnParallelCall) {
 
 TEST_F(ModuleEnd, WithinItsOwnParallelCallWaitsForTheOthers) {
   std::atomic<bool> isFirst{true};
+  ParkingGate callers;
   publish([&] {
     if (isFirst.exchange(false)) {
       mGate.pass();
       return;
     }
+    callers.pass();
     remove();
   });
   int const other = pCall();
   ASSERT_TRUE(mGate.waitUntilParked(1));
   int const ending = pCall();
+  callers.open();  // they have no reference left, whose end would wait for the call at the gate
   ASSERT_TRUE(becomes({kDone}));  // of the call that removed the module
 
   mGate.open();
