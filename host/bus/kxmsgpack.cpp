@@ -29,8 +29,8 @@ T bigEndian(T number) noexcept {
   return number;
 }
 
-std::string levelsText() {
-  return "expected at most " + std::to_string(kMostLevels) + " levels of arrays, got more of them";
+std::string levelsText(int mostLevels) {
+  return "expected at most " + std::to_string(mostLevels) + " levels of arrays, got more of them";
 }
 
 }  // namespace
@@ -171,7 +171,7 @@ void KXPacker::addValue(KXValue const& value, int level) {
       xAddBinary(value.getBinary());
       break;
     case KXValue::TypeArray:
-      if (level == kMostLevels) fail("encodeValue", levelsText());
+      if (level == mMostLevels) fail("encodeValue", levelsText(mMostLevels));
       xAddElements(value, level + 1);
       break;
   }
@@ -245,9 +245,10 @@ std::size_t mostValueBytes(std::size_t messageBytes) noexcept {
 class Visitor : public msgpack::null_visitor {
  public:
   // With `former`, the outermost array is not made: its elements stay on the stack.
-  Visitor(std::size_t bytes, std::size_t& valueBytes, std::size_t mostValueBytes,
+  Visitor(int mostLevels, std::size_t bytes, std::size_t& valueBytes, std::size_t mostValueBytes,
           std::vector<KXValue> const* former)
-      : mRoom(bytes - 1),
+      : mMostLevels(mostLevels),
+        mRoom(bytes - 1),
         mValueBytes(valueBytes),
         mMostValueBytes(mostValueBytes),
         mFormer(former),
@@ -294,7 +295,7 @@ class Visitor : public msgpack::null_visitor {
     return xFail("expected a type that a value can have, got a map");
   }
   bool start_array(std::uint32_t size) {
-    if (mDepth == kMostLevels) return xFail(levelsText());
+    if (mDepth == mMostLevels) return xFail(levelsText(mMostLevels));
     if (!xTakeRoom(size) || !xTakeMemory(kArrayBytes + size * sizeof(KXValue))) return false;
     if (mDepth == 0) mIsArray = true;
     mLevels[mDepth++] = {mValues.size(), size, 0};
@@ -404,12 +405,13 @@ class Visitor : public msgpack::null_visitor {
     return place < size ? elements + place : nullptr;
   }
 
+  int const mMostLevels;
   std::size_t mRoom;  // bytes left, less the one of each element that has not come
   std::size_t& mValueBytes;
   std::size_t const mMostValueBytes;
   std::vector<KXValue> const* const mFormer;
   std::vector<KXValue> mValues;
-  std::array<Level, kMostLevels> mLevels;  // of the arrays that are not complete
+  std::array<Level, kMostReplyLevels> mLevels;  // of the arrays that are not complete
   int mDepth = 0;
   bool mIsArray = false;
   Pairs mPairs;
@@ -421,7 +423,8 @@ class Visitor : public msgpack::null_visitor {
 std::vector<KXValue> KXUnpacker::xTake(std::vector<KXValue> const* former) {
   if (mOffset == mBytes.size())
     fail("decodeValue", "expected more bytes, at byte " + std::to_string(mOffset));
-  Visitor visitor(mBytes.size() - mOffset, mValueBytes, mostValueBytes(mBytes.size()), former);
+  Visitor visitor(mMostLevels, mBytes.size() - mOffset, mValueBytes, mostValueBytes(mBytes.size()),
+                  former);
   std::size_t offset = mOffset;
   bool const isWhole = msgpack::parse(mBytes.data(), mBytes.size(), offset, visitor);
   if (!isWhole) fail("decodeValue", visitor.fault() + ", at byte " + std::to_string(offset));

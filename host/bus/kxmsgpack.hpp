@@ -13,13 +13,20 @@ namespace KX {
 
 /// Arrays in arrays, those of the message around a value included.
 inline constexpr int kMostLevels = 32;
+/// Of a reply. More, because what could be written has to be readable: a key's value comes back
+/// from a fetch with five arrays around it, and one that could not would take all others with it.
+inline constexpr int kMostReplyLevels = 40;
 
 /// Appends values to a string. What it appends is there when finish() returned, and nothing of it
-/// otherwise. KXError: more than kMostLevels levels, or a text too long for its 32-bit length.
+/// otherwise. KXError: more than `mostLevels` levels, or a text too long for its 32-bit length.
 class KXPacker {
  public:
-  explicit KXPacker(std::string& bytes)
-      : mBytes(bytes), mStart(bytes.size()), mNext(bytes.data() + mStart), mEnd(mNext) {}
+  explicit KXPacker(std::string& bytes, int mostLevels = kMostLevels)
+      : mMostLevels(mostLevels),
+        mBytes(bytes),
+        mStart(bytes.size()),
+        mNext(bytes.data() + mStart),
+        mEnd(mNext) {}
   KXPacker(KXPacker const&) = delete;
   KXPacker& operator=(KXPacker const&) = delete;
   ~KXPacker();
@@ -46,6 +53,7 @@ class KXPacker {
   template <class T>
   void xPut(std::uint8_t head, T number) noexcept;
 
+  int const mMostLevels;
   std::string& mBytes;
   std::size_t mStart;
   char* mNext;  // where the next byte goes
@@ -57,7 +65,9 @@ class KXPacker {
 /// are values that take more than 8 bytes for each byte and 64 MB, all together.
 class KXUnpacker {
  public:
-  explicit KXUnpacker(std::string_view bytes) : mBytes(bytes) {}
+  /// `mostLevels` is at most kMostReplyLevels.
+  explicit KXUnpacker(std::string_view bytes, int mostLevels = kMostLevels)
+      : mMostLevels(mostLevels), mBytes(bytes) {}
 
   KXValue takeValue();
   /// The elements of an array. A string that is equal to that at the same place of `former`, or of
@@ -69,6 +79,7 @@ class KXUnpacker {
  private:
   std::vector<KXValue> xTake(std::vector<KXValue> const* former);
 
+  int const mMostLevels;
   std::string_view const mBytes;
   std::size_t mOffset = 0;
   std::size_t mValueBytes = 0;  // of all that was taken

@@ -115,6 +115,13 @@ std::string headerText(std::string_view text) {
   return line;
 }
 
+KXValue decode(std::string_view bytes, int mostLevels) {
+  KXUnpacker unpacker(bytes, mostLevels);
+  KXValue value = unpacker.takeValue();
+  unpacker.expectEnd();
+  return value;
+}
+
 }  // namespace
 
 // ---- values
@@ -132,10 +139,7 @@ std::string encodeValue(KXValue const& value) {
 }
 
 KXValue decodeValue(std::string_view bytes) {
-  KXUnpacker unpacker(bytes);
-  KXValue value = unpacker.takeValue();
-  unpacker.expectEnd();
-  return value;
+  return decode(bytes, kMostLevels);
 }
 
 // ---- calls
@@ -198,7 +202,7 @@ std::optional<KXPart> parsePart(std::string_view text) {
 
 std::string encodeResult(KXValue const& result) {
   std::string bytes;
-  KXPacker packer(bytes);
+  KXPacker packer(bytes, kMostReplyLevels);
   packer.addArray(2);
   packer.addInt(0);
   packer.addValue(result, 1);
@@ -227,7 +231,7 @@ KXBusHeaders errorHeaders(KXError const& error) {
 }
 
 KXValue decodeReply(std::string_view payload, std::string_view errorCode) {
-  KXValue const reply = decodeValue(payload);
+  KXValue const reply = decode(payload, kMostReplyLevels);
   Fields fields("decodeReply", reply, 2);
   int const outcome = fields.integer();
   if (outcome == 0 && errorCode.empty()) return fields.value();

@@ -1,8 +1,8 @@
 // What messages look like on the wire: MessagePack, and the headers of calls, replies and event
 // packs. Pure functions. Bytes from the network are hostile: lengths beyond the bytes left, more
-// than 32 levels, values that take far more memory than their bytes and types that a KXValue has
-// not are refused before anything is allocated for them. Errors: KXError that says what was
-// expected and what came.
+// than 32 levels (40 in a reply), values that take far more memory than their bytes and types that
+// a KXValue has not are refused before anything is allocated for them. Errors: KXError that says
+// what was expected and what came.
 #pragma once
 
 #include <cstddef>
