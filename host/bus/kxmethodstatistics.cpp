@@ -7,11 +7,12 @@ namespace {
 
 constexpr std::size_t kMaxMethods = 256;
 
-// No such module, no such method: nothing is counted for names that nobody has.
-bool isOfNobody(KXError const& error) {
+// No such module, no such method, or arguments that cannot be read, which is found before it is
+// known whether there is such a method. A method's own calls may fail so, too.
+bool mayBeOfNobody(KXError const& error) {
   std::string const& module = error.getModuleName();
-  return error.getKind() == KXError::Kind::NotFound &&
-         (module == "KXBus" || module == "KXModuleCore" || module == "KXProxy");
+  return module == "KXBus" || (error.getKind() == KXError::Kind::NotFound &&
+                               (module == "KXModuleCore" || module == "KXProxy"));
 }
 
 }  // namespace
@@ -19,9 +20,7 @@ bool isOfNobody(KXError const& error) {
 void KXStatisticsTable::count(std::string const& module, std::string const& method,
                               std::chrono::steady_clock::duration duration, KXError const* error) {
   if (method.starts_with('@')) return;
-  if (error != nullptr && isOfNobody(*error)) return;
-  // Arguments that cannot be read are found before it is known whether there is such a method.
-  bool const mayBeMadeUp = error != nullptr && error->getModuleName() == "KXBus";
+  bool const mayBeMadeUp = error != nullptr && mayBeOfNobody(*error);
   std::lock_guard const lock(mMutex);
   auto ofModule = mModules.find(module);
   if (ofModule == mModules.end()) {

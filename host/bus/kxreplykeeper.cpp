@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <new>
 #include <utility>
 
 namespace KX {
@@ -65,9 +66,11 @@ KXReplyKeeper::Admission KXReplyKeeper::admit(KXCallId const& id,
   Entry entry;
   entry.method = method;
   entry.replySubject = replySubject;
-  owner.entries.emplace(id.number, std::move(entry));
+  std::list<Place> place{{&owner, id.number, nowMs}};
+  entry.place = place.begin();
+  owner.entries.emplace(id.number, std::move(entry));  // the last that may throw
+  mRunning.splice(mRunning.end(), place);
   ++owner.runningCount;
-  ++mRunningCount;
   ++mAdmittedCount;
   return admission;
 }
@@ -95,7 +98,7 @@ KXReplyKeeper::Admission KXReplyKeeper::xAdmitUnknown(Caller* caller, KXCallId c
 }
 
 bool KXReplyKeeper::finish(KXCallId const& id, std::shared_ptr<KXReply const> reply,
-                           std::int64_t nowMs, std::vector<Thrown>& thrown) {
+                           std::int64_t nowMs, std::vector<Thrown>& thrown) noexcept {
   expire(nowMs, thrown);
   auto const known = mCallers.find(id.caller);
   if (known == mCallers.end()) return false;
@@ -103,19 +106,18 @@ bool KXReplyKeeper::finish(KXCallId const& id, std::shared_ptr<KXReply const> re
   auto const found = caller.entries.find(id.number);
   if (found == caller.entries.end() || found->second.state != Entry::State::Running) return false;
   --caller.runningCount;
-  --mRunningCount;
   Entry& entry = found->second;
-  std::list<Place> place{{&caller, id.number, nowMs}};  // before anything changes: it may throw
   entry.reply = std::move(reply);
   if (id.number <= caller.done) {
     if (entry.isLost) xThrow(entry, Cause::Lost, thrown);
     ++(entry.isLost ? mExpiredCount : mAcknowledgedCount);
+    mRunning.erase(entry.place);
     caller.entries.erase(found);
     return false;
   }
   entry.state = Entry::State::Kept;
-  entry.place = place.begin();
-  mKept.splice(mKept.end(), place);
+  entry.place->sinceMs = nowMs;
+  mKept.splice(mKept.end(), mRunning, entry.place);
   mBytes += xCostOf(entry);
   if (entry.reply->partCount() > 1) ++mPartedCount;
   xMakeRoom(nowMs, thrown);
@@ -124,7 +126,7 @@ bool KXReplyKeeper::finish(KXCallId const& id, std::shared_ptr<KXReply const> re
 
 // Gives up the oldest, but neither the newest nor the largest of those in parts: that one is on its
 // way for as long as many others come and go.
-void KXReplyKeeper::xMakeRoom(std::int64_t nowMs, std::vector<Thrown>& thrown) {
+void KXReplyKeeper::xMakeRoom(std::int64_t nowMs, std::vector<Thrown>& thrown) noexcept {
   if (mBytes <= mLimits.maxBytes) return;
   auto const entryOf = [](Place const& place) {
     return place.caller->entries.find(place.number);
@@ -159,7 +161,7 @@ void KXReplyKeeper::acknowledge(std::string const& caller, std::uint64_t number,
   xEnd(found, nowMs);
 }
 
-void KXReplyKeeper::expire(std::int64_t nowMs, std::vector<Thrown>& thrown) {
+void KXReplyKeeper::expire(std::int64_t nowMs, std::vector<Thrown>& thrown) noexcept {
   while (!mKept.empty() && mKept.front().sinceMs + mLimits.keepMs <= nowMs) {
     Place const oldest = mKept.front();
     auto const found = oldest.caller->entries.find(oldest.number);
@@ -174,7 +176,7 @@ void KXReplyKeeper::expire(std::int64_t nowMs, std::vector<Thrown>& thrown) {
 
 KXReplyKeeper::Counts KXReplyKeeper::counts() const {
   return {.admitted = mAdmittedCount,
-          .running = mRunningCount,
+          .running = mRunning.size(),
           .kept = mKept.size(),
           .acknowledged = mAcknowledgedCount,
           .expired = mExpiredCount,
@@ -285,8 +287,12 @@ void KXReplyKeeper::xEnd(Entries::iterator entry, std::int64_t nowMs) {
   if (mEnded.size() > mLimits.maxEnded) xForgetOldestEnded();
 }
 
-void KXReplyKeeper::xThrow(Entry const& entry, Cause cause, std::vector<Thrown>& thrown) {
-  thrown.push_back({entry.method, entry.reply->payload.size(), cause});
+void KXReplyKeeper::xThrow(Entry const& entry, Cause cause, std::vector<Thrown>& thrown) noexcept {
+  try {
+    thrown.push_back({entry.method, entry.reply->payload.size(), cause});
+  } catch (std::bad_alloc const&) {
+    // It is counted all the same.
+  }
 }
 
 void KXReplyKeeper::xForgetOldestEnded() {

@@ -100,20 +100,21 @@ class KX_API KXReplyKeeper {
   Admission admit(KXCallId const& id, std::optional<std::uint32_t> fromPart,
                   std::string_view replySubject, std::string_view method, std::int64_t nowMs,
                   std::vector<Thrown>& thrown);
-  /// The end of a call that was to be run. False if its caller has given it up meanwhile.
+  /// The end of a call that was to be run. False if its caller has given it up meanwhile. Takes no
+  /// memory, but for `thrown`, which has less in it where there is none.
   bool finish(KXCallId const& id, std::shared_ptr<KXReply const> reply, std::int64_t nowMs,
-              std::vector<Thrown>& thrown);
+              std::vector<Thrown>& thrown) noexcept;
   /// The caller has the reply of this very call.
   void acknowledge(std::string const& caller, std::uint64_t number, std::int64_t nowMs,
                    std::vector<Thrown>& thrown);
   /// Gives up what is too old.
-  void expire(std::int64_t nowMs, std::vector<Thrown>& thrown);
+  void expire(std::int64_t nowMs, std::vector<Thrown>& thrown) noexcept;
 
   Counts counts() const;
 
  private:
   struct Caller;
-  struct Place {  // of a call that is over, in the order of age
+  struct Place {  // of a call, in the order of age
     Caller* caller;
     std::uint64_t number;
     std::int64_t sinceMs;
@@ -126,7 +127,7 @@ class KX_API KXReplyKeeper {
     std::string method{};
     std::string replySubject{};
     std::shared_ptr<KXReply const> reply{};
-    std::list<Place>::iterator place{};  // in mKept or mEnded
+    std::list<Place>::iterator place{};  // in mRunning, mKept or mEnded
   };
   struct Caller {
     std::string id;
@@ -146,25 +147,25 @@ class KX_API KXReplyKeeper {
   Admission xAdmitUnknown(Caller* caller, KXCallId const& id, std::optional<std::uint32_t> fromPart,
                           std::int64_t nowMs, std::vector<Thrown>& thrown);
   void xGiveUp(Caller& caller, std::vector<std::uint64_t> const& lost, std::vector<Thrown>& thrown);
-  void xMakeRoom(std::int64_t nowMs, std::vector<Thrown>& thrown);
+  void xMakeRoom(std::int64_t nowMs, std::vector<Thrown>& thrown) noexcept;
   void xForgetCost(Entry const& entry);
   Caller& xAddCaller(std::string const& id, std::int64_t nowMs, std::vector<Thrown>& thrown);
   void xEvictCaller(std::vector<Thrown>& thrown);
   void xRaiseDone(Caller& caller, std::uint64_t done);
   Entries::iterator xErase(Caller& caller, Entries::iterator entry);
   void xEnd(Entries::iterator entry, std::int64_t nowMs);
-  void xThrow(Entry const& entry, Cause cause, std::vector<Thrown>& thrown);
+  void xThrow(Entry const& entry, Cause cause, std::vector<Thrown>& thrown) noexcept;
   void xForgetOldestEnded();
 
   std::string const mInstance;
   Limits const mLimits;
   std::unordered_map<std::string, std::unique_ptr<Caller>> mCallers;
   std::list<Caller*> mByUse;  // the longest unused first
+  std::list<Place> mRunning;  // so that the end of a call needs no memory
   std::list<Place> mKept;     // the oldest first, as mEnded
   std::list<Place> mEnded;
   std::size_t mBytes = 0;
   std::size_t mPartedCount = 0;  // kept ones in parts
-  std::uint64_t mRunningCount = 0;
   std::uint64_t mAdmittedCount = 0;
   std::uint64_t mAcknowledgedCount = 0;
   std::uint64_t mExpiredCount = 0;

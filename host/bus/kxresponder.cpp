@@ -104,8 +104,14 @@ KXResponder::KXResponder(KXBus& bus, KXCallee& callee, KXStatisticsTable& statis
       mCallee(callee),
       mStatistics(statistics),
       mInstance(std::move(instance)),
-      mNoMemory(replyOf(errorOf("no memory for the reply; the call may have run", Kind::Failed))),
+      mNoMemory(xNoMemory()),
       mKeeper(mInstance, limits) {}
+
+std::shared_ptr<KXReply const> KXResponder::xNoMemory() const {
+  auto reply = replyOf(errorOf("no memory for the reply; the call may have run", Kind::Failed));
+  reply->headers.emplace_back(kInstanceHeader, mInstance);
+  return reply;
+}
 
 // Logs what the keeper gives up meanwhile.
 template <class Step>
@@ -140,7 +146,7 @@ void KXResponder::xSendMoved(KXSubjects::Call const& call, KXBusMessage const& m
 void KXResponder::answer(KXSubjects::Call const& call, KXBusMessage const& message) {
   std::string_view const idText = message.header(kCallHeader);
   if (idText.empty()) {
-    auto const reply = xFit(call, xRun(call, message, ""), false);
+    auto const reply = xRun(call, message, "", false);
     return xSend(call, message.reply, *reply, 0);
   }
   auto const id = parseCallId(idText);
@@ -175,11 +181,10 @@ void KXResponder::xAnswerOnce(KXSubjects::Call const& call, KXCallId const& id,
     case Verdict::Resend:
       return xSend(call, message.reply, *admission.reply, fromPart.value_or(0));
     case Verdict::Run: {
-      reply = xFit(call, xRun(call, message, id.caller), true);
-      if (id.to.empty()) reply->headers.emplace_back(kInstanceHeader, mInstance);
+      auto const result = xRunOnce(call, id, message);
       xWithKeeper(
-          [&](std::vector<Thrown>& thrown) { return mKeeper.finish(id, reply, nowMs(), thrown); });
-      return xSend(call, message.reply, *reply, 0);
+          [&](std::vector<Thrown>& thrown) { return mKeeper.finish(id, result, nowMs(), thrown); });
+      return xSend(call, message.reply, *result, 0);
     }
     case Verdict::Forgotten:
       reply = replyOf(
@@ -201,14 +206,29 @@ void KXResponder::xAnswerOnce(KXSubjects::Call const& call, KXCallId const& id,
   xSend(call, message.reply, *reply, 0);
 }
 
+// Always with a reply: the call will not run again, and is asked for.
+std::shared_ptr<KXReply const> KXResponder::xRunOnce(KXSubjects::Call const& call,
+                                                     KXCallId const& id,
+                                                     KXBusMessage const& message) noexcept {
+  try {
+    auto reply = xRun(call, message, id.caller, true);
+    if (id.to.empty()) reply->headers.emplace_back(kInstanceHeader, mInstance);
+    return reply;
+  } catch (...) {
+    return mNoMemory;  // what else would have become of it is a reply
+  }
+}
+
 std::shared_ptr<KXReply> KXResponder::xRun(KXSubjects::Call const& call,
-                                           KXBusMessage const& message, std::string_view caller) {
+                                           KXBusMessage const& message, std::string_view caller,
+                                           bool mayHaveParts) {
   auto const startedAt = Clock::now();
   std::optional<KXError> error;
   auto reply = std::make_shared<KXReply>();
   try {
     bool const isTask = message.header(kTaskHeader) == "1";
     reply->payload = encodeSound(call, mCallee.run(call, caller, message.payload, isTask));
+    xFit(call, *reply, mayHaveParts);
   } catch (KXError const& thrown) {
     error = thrown;
   } catch (...) {
@@ -221,23 +241,20 @@ std::shared_ptr<KXReply> KXResponder::xRun(KXSubjects::Call const& call,
   return reply;
 }
 
-// Cuts it into parts if it is too long for one message.
-std::shared_ptr<KXReply> KXResponder::xFit(KXSubjects::Call const& call,
-                                           std::shared_ptr<KXReply> reply,
-                                           bool mayHaveParts) const {
+// Cuts it into parts if it is too long for one message. KXError if it may have none, or too many.
+void KXResponder::xFit(KXSubjects::Call const& call, KXReply& reply, bool mayHaveParts) const {
   std::size_t const most = mBus.maxPayload();
   std::size_t const limit = most > 2 * kEnvelopeBytes ? most - kEnvelopeBytes : most / 2;
-  std::size_t const size = reply->payload.size();
-  if (size <= limit) return reply;
+  std::size_t const size = reply.payload.size();
+  if (size <= limit) return;
   if (mayHaveParts && size <= KXPartCollector::kMaxBytes) {
-    reply->partBytes = std::min(limit, kLargestPart);
-    return reply;
+    reply.partBytes = std::min(limit, kLargestPart);
+    return;
   }
   std::size_t const allowed = mayHaveParts ? KXPartCollector::kMaxBytes : limit;
-  return replyOf(errorOf("the reply of '" + nameOf(call) + "' takes " + std::to_string(size) +
-                             " bytes, at most " + std::to_string(allowed) +
-                             " can be sent to this caller",
-                         Kind::Failed));
+  throw errorOf("the reply of '" + nameOf(call) + "' takes " + std::to_string(size) +
+                    " bytes, at most " + std::to_string(allowed) + " can be sent to this caller",
+                Kind::Failed);
 }
 
 // A window of it, from a part on.

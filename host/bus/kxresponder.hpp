@@ -41,10 +41,12 @@ class KX_API KXResponder {
  private:
   void xSendMoved(KXSubjects::Call const& call, KXBusMessage const& message) const;
   void xAnswerOnce(KXSubjects::Call const& call, KXCallId const& id, KXBusMessage const& message);
+  std::shared_ptr<KXReply const> xRunOnce(KXSubjects::Call const& call, KXCallId const& id,
+                                          KXBusMessage const& message) noexcept;
   std::shared_ptr<KXReply> xRun(KXSubjects::Call const& call, KXBusMessage const& message,
-                                std::string_view caller);
-  std::shared_ptr<KXReply> xFit(KXSubjects::Call const& call, std::shared_ptr<KXReply> reply,
-                                bool mayHaveParts) const;
+                                std::string_view caller, bool mayHaveParts);
+  void xFit(KXSubjects::Call const& call, KXReply& reply, bool mayHaveParts) const;
+  std::shared_ptr<KXReply const> xNoMemory() const;
   void xSend(KXSubjects::Call const& call, std::string_view subject, KXReply const& reply,
              std::uint32_t fromPart) const;
   template <class Step>

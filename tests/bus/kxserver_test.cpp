@@ -384,6 +384,33 @@ TEST_F(KXServerTest, CountsNoMethodsThatAreMadeUp) {
   EXPECT_EQ(statistics[1].method, "twice");
 }
 
+// Whoever's fault it is: nobody got a result.
+TEST_F(KXServerTest, CountsErrorsBesideThoseThatTheMethodThrows) {
+  bool isThere = true;
+  callee->host.publishScript("User", [&isThere](auto const&, auto const&) {
+    if (isThere) return KXValue(true);
+    throw KXError("KXProxy", "getProxy", "module 'Used' is gone", "", 0, Kind::NotFound);
+  });
+  callee->server->serve("User");
+  std::string const argument = encodeValue(KXValue::arrayOf(1));
+  ask("kx.r.User.use", argument);
+  isThere = false;
+  ask("kx.r.User.use", argument);
+  ask("kx.r.Module.fill", argument);
+  ask("kx.r.Module.fill", encodeValue(KXValue::arrayOf(2'000'000)));  // too long for one message
+
+  auto const ofUser = callee->server->statistics("User");
+  auto const ofModule = callee->server->statistics("Module");
+
+  ASSERT_EQ(ofUser.size(), 1U);
+  EXPECT_EQ(ofUser[0].requests, 2U);
+  EXPECT_EQ(ofUser[0].errors, 1U);
+  ASSERT_EQ(ofModule.size(), 1U);
+  EXPECT_EQ(ofModule[0].requests, 2U);
+  EXPECT_EQ(ofModule[0].errors, 1U);
+  EXPECT_THAT(ofModule[0].lastError, HasSubstr("can be sent to this caller"));
+}
+
 TEST_F(KXServerTest, CallersOfOneModuleCrowdOutNoRepliesOfAnother) {
   callee->host.publishScript("Other", [](std::string const&, KXValue const&) { return true; });
   callee->server->serve("Other");
@@ -429,7 +456,8 @@ TEST_F(KXServerTest, HandsTheSameBlockOverForTheSameArguments) {
 // ---- the end
 
 TEST_F(KXServerTest, ItsEndWaitsForTheCallsInProgress) {
-  std::thread parked([this] { EXPECT_EQ(call("park").result, KXValue(true)); });
+  std::string const argument = encodeValue(KXValue::arrayOf(1));
+  send("kx.r.Module.park", argument);
   ASSERT_TRUE(callee->gate.waitUntilParked(1));
   std::atomic<bool> hasEnded = false;
   std::thread ender([&] {
@@ -437,13 +465,19 @@ TEST_F(KXServerTest, ItsEndWaitsForTheCallsInProgress) {
     hasEnded = true;
   });
 
-  Outcome refused;
-  EXPECT_TRUE(waitUntil([&] { return (refused = call("echo")).error.has_value(); }));
-  EXPECT_EQ(refused.kind(), Kind::NotFound);
+  // Others are refused meanwhile. Those that wait in the queue when it ends have no answer.
+  EXPECT_TRUE(waitUntil([&] {
+    send(kEcho, argument);
+    while (waitingAnswers() > 0) {
+      Answer const answer = next();
+      if (answer.isNoResponders || answer.code() == "404") return true;
+    }
+    return false;
+  }));
   EXPECT_FALSE(hasEnded);
   callee->gate.open();
   ender.join();
-  parked.join();
+  EXPECT_TRUE(waitUntil([this] { return waitingAnswers() > 0 && next().text() == "true"; }));
 }
 
 TEST_F(KXServerTest, ItsEndSaysWhatItWaitsFor) {

@@ -1,12 +1,18 @@
-// Posting where memory ends, by standing in for the global operator new of this program.
+// What becomes of notifications and of calls where memory ends, by standing in for the global
+// operator new of this program.
 #include <cstdlib>
 #include <new>
+#include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include <host/bus/kxmemorybus.hpp>
 #include <host/bus/kxpackstream.hpp>
+#include <host/bus/kxresponder.hpp>
+#include <host/bus/kxwire.hpp>
 #include <tests/bus/notifications.hpp>
+#include <tests/support/testhost.hpp>
 
 namespace {
 // So many allocations of this thread succeed; negative: all.
@@ -65,6 +71,62 @@ TEST(PackSenderMemory, NothingIsQueuedWhereMemoryEnds) {
     ++failureCount;
   }
   EXPECT_GT(failureCount, 5);
+}
+
+constexpr char const* kInstance = "fedcba9876543210";
+
+// Wherever it ends: a call has at most run once, and whoever asks for its reply gets one.
+TEST(ResponderMemory, EveryCallHasAReplyAndRunsOnce) {
+  KXBusNetwork network(KXBusNetwork::Pacing::Stepped);
+  auto const bus = network.connect("host");
+  testing::TestHost host;
+  int runs = 0;
+  host.publishScript("Module", [&](std::string const&, KXValue const&) { return KXValue(++runs); });
+  KXCallee callee(host.getBroker(), kInstance);
+  KXStatisticsTable statistics;
+  KXResponder responder(*bus, callee, statistics, kInstance, {});
+  std::vector<std::string> replies;
+  auto const inbox = bus->subscribe("_INBOX_host.reply", "", 1, [&](KXBusMessage const& message) {
+    replies.emplace_back(message.payload);
+  });
+  KXSubjects::Call const call{.to = {.module = "Module"}, .method = "count"};
+  std::string const payload = encodeValue(KXValue::arrayOf(1));
+  int failureCount = 0;
+  std::uint64_t number = 1;
+  for (int allocations = 0;; ++allocations, ++number) {
+    SCOPED_TRACE(allocations);
+    std::string const id = formatCallId(
+        {.caller = "0123456789abcdef", .number = number, .done = number - 1, .to = kInstance});
+    KXBusMessage const request{.subject = "kx.r.Module.count",
+                               .reply = "_INBOX_host.reply",
+                               .headers = {{kCallHeader, id}},
+                               .payload = payload};
+    KXBusMessage again = request;
+    again.headers.emplace_back(kAgainHeader, "0");
+    replies.clear();
+    runs = 0;
+    bool hasFailed = false;
+    tAllocationsLeft = allocations;
+    try {
+      responder.answer(call, request);
+      hasFailed = tAllocationsLeft == 0;
+    } catch (std::bad_alloc const&) {
+      hasFailed = true;
+    }
+    tAllocationsLeft = -1;
+    responder.answer(call, again);
+    while (network.step()) {
+    }
+
+    EXPECT_LE(runs, 1);
+    ASSERT_FALSE(replies.empty());
+    EXPECT_EQ(responder.counts().running, 0u);
+    EXPECT_EQ(responder.counts().kept, 1u);
+    if (!hasFailed) break;
+    ++failureCount;
+  }
+  EXPECT_GT(failureCount, 10);
+  EXPECT_EQ(responder.counts().admitted, number);
 }
 
 }  // namespace
