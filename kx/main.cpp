@@ -203,9 +203,14 @@ int run(int argc, char** argv, KXOutput& output, KXStop const& stop) {
   CLI::App* const hostVerb = addHost(app, arguments);
   CLI::App* const robotsVerb = addRobots(app, arguments);
   std::map<CLI::App const*, std::unique_ptr<KXBusArguments>> buses;
-  for (CLI::App* verb : {watchVerb, listVerb, describeVerb, hostVerb, robotsVerb}) {
-    buses[verb] = std::make_unique<KXBusArguments>(
-        *verb, verb == robotsVerb ? KXBusArguments::Means::WholeBus : KXBusArguments::Means::Robot);
+  using Means = KXBusArguments::Means;
+  for (auto const& [verb, means] :
+       std::initializer_list<std::pair<CLI::App*, Means>>{{watchVerb, Means::Robot},
+                                                          {listVerb, Means::Robot},
+                                                          {describeVerb, Means::Robot},
+                                                          {hostVerb, Means::Host},
+                                                          {robotsVerb, Means::WholeBus}}) {
+    buses[verb] = std::make_unique<KXBusArguments>(*verb, means);
     verb->allow_extras();
     verb->footer(verb->get_footer() + kBusFooter + kFooter);
   }

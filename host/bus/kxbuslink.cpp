@@ -59,18 +59,31 @@ class Withdrawal : public KXTask {
 
 struct KXBusLink::Impl {
   Impl(std::shared_ptr<KXBus> itsBus, boost::shared_ptr<KXBroker> itsBroker,
-       std::string const& robotName, int timeoutMs)
+       KXBusOptions const& options)
       : bus(std::move(itsBus)),
         broker(std::move(itsBroker)),
-        robot(robotName),
-        subjects(robotName),
+        robot(options.robot),
+        subjects(robot),
         receiver(std::in_place, *bus, subjects, broker),
-        transport(boost::make_shared<KXBusTransport>(bus, subjects, robot, timeoutMs,
-                                                     broker->getName(), *receiver)),
+        transport(boost::make_shared<KXBusTransport>(bus, subjects, options, broker->getName(),
+                                                     *receiver)),
         server(std::in_place, *bus, broker, subjects) {
     KXModuleAddress const address = parseAddress("any@" + broker->getName());
     server->serveBroker(address.user, address.nonce);
     broker->setTransport(transport);
+  }
+
+  void present(std::string const& module) {
+    std::lock_guard const lock(mutex);
+    server->serve(module);
+    receiver->serve(module);
+    KXServiceIdentity identity{robot, broker->getName(), server->instance(),
+                               std::chrono::system_clock::now()};
+    services[module] =
+        std::make_unique<KXService>(*bus, identity, broker->getProxy(module, 0)->describe(),
+                                    [this, module] { return server->statistics(module); });
+    KXReturns::announce(*bus, subjects, module, server->instance());
+    startHerald(module);
   }
 
   // Holds no lock while it waits for the calls in progress: what ends them may be leave().
@@ -168,8 +181,8 @@ std::string KXBusLink::newBrokerName(KXBus const& bus) {
 }
 
 KXBusLink::KXBusLink(std::shared_ptr<KXBus> bus, boost::shared_ptr<KXBroker> broker,
-                     std::string const& robot, int timeoutMs)
-    : mImpl(std::make_unique<Impl>(std::move(bus), std::move(broker), robot, timeoutMs)) {}
+                     KXBusOptions const& options)
+    : mImpl(std::make_unique<Impl>(std::move(bus), std::move(broker), options)) {}
 
 KXBusLink::~KXBusLink() {
   close();
@@ -194,17 +207,11 @@ void KXBusLink::announce(std::vector<std::string> const& modules) {
   }
   KXClaim::acquireAll(claims);
 
-  for (std::string const& module : modules) {
-    std::lock_guard const lock(impl.mutex);
-    impl.server->serve(module);
-    impl.receiver->serve(module);
-    KXServiceIdentity identity{impl.robot, impl.broker->getName(), impl.server->instance(),
-                               std::chrono::system_clock::now()};
-    impl.services[module] = std::make_unique<KXService>(
-        *impl.bus, identity, impl.broker->getProxy(module, 0)->describe(),
-        [&server = *impl.server, module] { return server.statistics(module); });
-    KXReturns::announce(*impl.bus, impl.subjects, module, impl.server->instance());
-    impl.startHerald(module);
+  try {
+    for (std::string const& module : modules) impl.present(module);
+  } catch (...) {
+    for (std::string const& module : modules) impl.withdraw(module);  // the names are free again
+    throw;
   }
   xAwaitServer(*impl.bus);
   for (auto& claim : claims) {

@@ -8,6 +8,7 @@
 #include <boost/smart_ptr/shared_ptr.hpp>
 
 #include <host/bus/kxbus.hpp>
+#include <host/bus/kxbusoptions.hpp>
 #include <kxcommon/kxbroker.hpp>
 #include <kxerror/kxapi.hpp>
 
@@ -22,10 +23,10 @@ class KX_API KXBusLink {
   /// A name for a broker that is to join: "USER.NONCE", a new one each time.
   static std::string newBrokerName(KXBus const& bus);
 
-  /// The broker has a name of newBrokerName() and no modules yet; `timeoutMs` is for calls that are
-  /// given none.
+  /// The broker has a name of newBrokerName() and no modules yet. Of the options, those that are
+  /// not about the connection.
   KXBusLink(std::shared_ptr<KXBus> bus, boost::shared_ptr<KXBroker> broker,
-            std::string const& robot, int timeoutMs);
+            KXBusOptions const& options);
   /// As close().
   ~KXBusLink();
   KXBusLink(KXBusLink const&) = delete;

@@ -19,6 +19,8 @@ struct KXBusOptions {
   std::string passwordFile{};  ///< one line
   std::string tokenFile{};     ///< one line
   int timeoutMs = 5000;        ///< of a call that is given no other
+  /// 2^20 bytes of events that wait for each module that takes none, before the oldest are dropped.
+  int backlogMb = 8;
 };
 
 }  // namespace KX

@@ -5,12 +5,12 @@
 namespace KX {
 
 KXBusTransport::KXBusTransport(std::shared_ptr<KXBus> bus, KXSubjects const& subjects,
-                               std::string const& robot, int timeoutMs,
-                               std::string const& brokerName, KXEventReceiver& receiver)
+                               KXBusOptions const& options, std::string const& brokerName,
+                               KXEventReceiver& receiver)
     : mBus(std::move(bus)),
       mOwnSuffix("@" + brokerName),
-      mCaller(*mBus, subjects, robot, timeoutMs),
-      mSender(*mBus, subjects),
+      mCaller(*mBus, subjects, options.robot, options.timeoutMs),
+      mSender(*mBus, subjects, static_cast<std::size_t>(options.backlogMb) << 20),
       mReturns(*mBus, subjects),
       mReceiver(&receiver) {}
 

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include <host/bus/kxbus.hpp>
+#include <host/bus/kxbusoptions.hpp>
 #include <host/bus/kxcaller.hpp>
 #include <host/bus/kxeventreceiver.hpp>
 #include <host/bus/kxeventsender.hpp>
@@ -23,8 +24,9 @@ namespace KX {
 class KXBusTransport : public KXTransport {
  public:
   /// The receiver learns from here which modules of this process subscribe; see detachReceiver().
-  KXBusTransport(std::shared_ptr<KXBus> bus, KXSubjects const& subjects, std::string const& robot,
-                 int timeoutMs, std::string const& brokerName, KXEventReceiver& receiver);
+  KXBusTransport(std::shared_ptr<KXBus> bus, KXSubjects const& subjects,
+                 KXBusOptions const& options, std::string const& brokerName,
+                 KXEventReceiver& receiver);
 
   void call(std::string const& module, std::string const& method, KXValue const& params,
             KXValue& result, int timeoutMs) override;

@@ -57,9 +57,10 @@ class KX_API KXMemory : public KXModule {
   /// A notification that is on its way may still arrive.
   void unsubscribeToEvent(std::string const& name, std::string const& callbackModule);
   void unsubscribeToMicroEvent(std::string const& name, std::string const& callbackModule);
-  /// [posted, delivered, dropped, waiting]: what became of the notifications to a subscriber in
-  /// another process, "MODULE@BROKER". Posted = delivered + dropped + waiting. Counts beyond 32
-  /// bits stand still at the largest int. Zeros if nothing was ever sent to it.
+  /// [posted, delivered, dropped, waiting, unhandled]: what became of the notifications to a
+  /// subscriber in another process, "MODULE@BROKER". Posted = delivered + dropped + waiting +
+  /// unhandled. Counts beyond 32 bits stand still at the largest int. Zeros if nothing was ever
+  /// sent to it.
   KXValue getNotificationCounts(std::string const& callbackModule);
 
  private:

@@ -18,7 +18,9 @@ struct Argument {
   char const* variable;  ///< empty: none
   char const* value;
   char const* help;
-  std::string KXBusOptions::*member;  ///< null: the time-out
+  std::string KXBusOptions::*member;  ///< null: it is a number
+  int KXBusOptions::*number = nullptr;
+  char const* unit = "";
 };
 
 constexpr std::array kArguments{
@@ -38,17 +40,21 @@ constexpr std::array kArguments{
     Argument{"--bus-cert", "KX_BUS_CERT", "FILE", "this side's certificate",
              &KXBusOptions::certFile},
     Argument{"--bus-key", "KX_BUS_KEY", "FILE", "its key", &KXBusOptions::keyFile},
-    Argument{"--bus-timeout", "", "MS", "how long a call may take", nullptr},
+    Argument{"--bus-timeout", "", "MS", "how long a call may take", nullptr,
+             &KXBusOptions::timeoutMs, "milliseconds"},
+    Argument{"--bus-backlog", "", "MB", "events that wait for each module that takes none", nullptr,
+             &KXBusOptions::backlogMb, "megabytes"},
 };
 constexpr std::size_t kRobot = 1;
+constexpr std::size_t kBacklog = kArguments.size() - 1;
 
-int timeoutOf(std::string const& text) {
-  int timeoutMs = 0;
+int numberOf(Argument const& argument, std::string const& text) {
+  int number = 0;
   char const* const end = text.data() + text.size();
-  auto const [rest, error] = std::from_chars(text.data(), end, timeoutMs);
-  if (error == std::errc() && rest == end && timeoutMs > 0) return timeoutMs;
-  throw std::invalid_argument("--bus-timeout: expected milliseconds, more than 0, got '" +
-                              ka::log::printable(text) + "'");
+  auto const [rest, error] = std::from_chars(text.data(), end, number);
+  if (error == std::errc() && rest == end && number > 0) return number;
+  throw std::invalid_argument(std::string(argument.flag) + ": expected " + argument.unit +
+                              ", more than 0, got '" + ka::log::printable(text) + "'");
 }
 
 std::string helpOf(Argument const& argument) {
@@ -76,9 +82,10 @@ KXBusArguments::KXBusArguments(CLI::App& app, Means means) : mImpl(std::make_uni
   for (std::size_t i = 0; i < kArguments.size(); ++i) {
     Argument const& argument = kArguments[i];
     if (i == kRobot && means == Means::WholeBus) continue;
+    if (i == kBacklog && means != Means::Host) continue;
     std::string value = argument.value;
     if (i == kRobot) value += " (" + defaults.robot + ")";
-    if (argument.member == nullptr) value += " (" + std::to_string(defaults.timeoutMs) + ")";
+    if (argument.number != nullptr) value += " (" + std::to_string(defaults.*argument.number) + ")";
     mImpl->given[i] = app.add_option(argument.flag, mImpl->texts[i], helpOf(argument))
                           ->option_text(value)
                           ->take_last();
@@ -97,8 +104,8 @@ std::optional<KXBusOptions> KXBusArguments::options() const {
                                   ": expected a bus as well (--bus URL or KX_BUS), got none");
     }
     std::string const text = mImpl->textOf(i);
-    if (argument.member == nullptr) {
-      if (mImpl->isGiven(i)) options.timeoutMs = timeoutOf(text);
+    if (argument.number != nullptr) {
+      if (mImpl->isGiven(i)) options.*argument.number = numberOf(argument, text);
     } else if (!text.empty()) {
       options.*argument.member = text;
     }

@@ -19,7 +19,11 @@ namespace KX {
 /// Ownership: borrows the app, which outlives it. Threads: one.
 class KX_API KXBusArguments {
  public:
-  enum class Means { Robot, WholeBus };  ///< one robot's modules (--robot), or all robots
+  enum class Means {
+    Robot,    ///< one robot's modules (--robot)
+    Host,     ///< the same, of a process that has the store (--bus-backlog)
+    WholeBus  ///< all robots
+  };
 
   explicit KXBusArguments(CLI::App& app, Means means = Means::Robot);
   ~KXBusArguments();

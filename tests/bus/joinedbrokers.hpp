@@ -21,7 +21,7 @@ class JoinedBroker {
   JoinedBroker(KXBusNetwork& network, std::string const& name)
       : mBus(network.connect()),
         mBroker(KXBroker::createBroker(name)),
-        mLink(mBus, mBroker, "robot", 5000) {}
+        mLink(mBus, mBroker, KXBusOptions()) {}
   ~JoinedBroker() { shutdown(); }
   JoinedBroker(JoinedBroker const&) = delete;
   JoinedBroker& operator=(JoinedBroker const&) = delete;

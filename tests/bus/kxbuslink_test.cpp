@@ -89,7 +89,8 @@ struct Side {
   Side(KXBusNetwork& network, std::string const& user, int timeoutMs = 5000)
       : bus(network.connect(user)),
         broker(KXBroker::createBroker(KXBusLink::newBrokerName(*bus))),
-        link(std::make_unique<KXBusLink>(bus, broker, "r", timeoutMs)) {}
+        link(std::make_unique<KXBusLink>(bus, broker,
+                                         KXBusOptions{.robot = "r", .timeoutMs = timeoutMs})) {}
   ~Side() { end(); }
   Side(Side const&) = delete;
   Side& operator=(Side const&) = delete;
@@ -319,6 +320,18 @@ TEST_F(BusLink, LosesANameDuringACallAndLetsTheOtherServe) {
   auto const begin = Clock::now();
   first.end();
   EXPECT_LT(Clock::now() - begin, std::chrono::seconds(3));
+}
+
+TEST_F(BusLink, ServesNothingWhereAnnouncingFails) {
+  Side there(network, "there");
+  Side here(network, "here");
+  KXModule::createModule<Guest>(there.broker);
+
+  EXPECT_THROW(there.link->announce({"Guest", "Absent"}), KXError);
+
+  EXPECT_THROW(here.broker->getProxy("Guest", 0), KXError);
+  EXPECT_NO_THROW(there.link->announce({"Guest"}));
+  EXPECT_EQ(here.broker->getProxy("Guest", 0)->call<int>("twice", 1), 2);
 }
 
 TEST_F(BusLink, MayBeToldToEndAgain) {

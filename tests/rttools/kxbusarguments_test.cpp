@@ -140,6 +140,20 @@ TEST_F(BusArguments, HaveATimeoutInMilliseconds) {
   }
 }
 
+TEST_F(BusArguments, OfAHostHaveABacklogInMegabytes) {
+  std::vector<std::string> const given{"--bus", "u", "--bus-backlog", "64"};
+
+  EXPECT_EQ(parse(given, KXBusArguments::Means::Host)->backlogMb, 64);
+  EXPECT_EQ(parse({"--bus", "u"}, KXBusArguments::Means::Host)->backlogMb, 8);
+  EXPECT_THROW(parse(given), CLI::ParseError);
+  try {
+    parse({"--bus", "u", "--bus-backlog", "0"}, KXBusArguments::Means::Host);
+    FAIL() << "did not throw";
+  } catch (std::invalid_argument const& error) {
+    EXPECT_STREQ(error.what(), "--bus-backlog: expected megabytes, more than 0, got '0'");
+  }
+}
+
 TEST_F(BusArguments, OfTheWholeBusNameNoRobot) {
   ::setenv("KX_ROBOT", "r1", 1);
 
