@@ -2,7 +2,9 @@
 // user's own.
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
+#include <csignal>
 #include <string>
 
 #include <fmt/format.h>
@@ -16,10 +18,17 @@
 namespace KX::tool {
 
 int host(KXHostOptions const& options, KXStop const& stop) {
+  // A host that nobody reaches is of no use: whoever runs it as a service starts it again.
+  std::atomic<bool> hasLostName{false};
+  auto const onNameLost = [&hasLostName] {
+    hasLostName = true;
+    ::kill(::getpid(), SIGTERM);
+  };
   KXHost host({.name = "kx",
                .withVsm = options.withCycle,
                .bus = options.bus,
-               .announced = KXHost::Announced::Everything});
+               .announced = KXHost::Announced::Everything,
+               .onNameLost = onNameLost});
   host.loadModule(findLibrary("kxhostsensors"));
   for (std::string const& library : options.libraries) host.loadModule(findLibrary(library));
   host.announce();
@@ -29,7 +38,8 @@ int host(KXHostOptions const& options, KXStop const& stop) {
                   fmt::join(host.getBroker()->getModuleNames(), "', '"), options.bus.robot,
                   options.bus.url, ::getpid())));
   stop.waitUntil(std::chrono::steady_clock::time_point::max());
-  return kOk;
+  host.shutdown();
+  return hasLostName ? kFailed : kOk;
 }
 
 }  // namespace KX::tool

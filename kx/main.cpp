@@ -3,16 +3,19 @@
 #include <unistd.h>
 
 #include <exception>
+#include <initializer_list>
 #include <map>
 #include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <fmt/format.h>
 #include <CLI/CLI.hpp>
 
+#include <host/bus/kxbusoptions.hpp>
 #include <host/rttools/kxbusarguments.hpp>
 #include <kx/commands.hpp>
 #include <kx/session.hpp>
@@ -144,8 +147,12 @@ CLI::App* addRobots(CLI::App& app, Arguments& arguments) {
 // The bus that the options or the environment name; without one where none is needed.
 std::optional<KXBusOptions> busOf(KXBusArguments const& bus) {
   try {
-    return bus.options();
+    auto const options = bus.options();
+    if (options) checkBusOptions(*options);
+    return options;
   } catch (std::invalid_argument const& error) {
+    throw KXUsageError(error.what());
+  } catch (KXError const& error) {
     throw KXUsageError(error.what());
   }
 }

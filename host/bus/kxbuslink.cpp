@@ -59,8 +59,9 @@ class Withdrawal : public KXTask {
 
 struct KXBusLink::Impl {
   Impl(std::shared_ptr<KXBus> itsBus, boost::shared_ptr<KXBroker> itsBroker,
-       KXBusOptions const& options)
-      : bus(std::move(itsBus)),
+       KXBusOptions const& options, std::function<void()> itsOnNameLost)
+      : onNameLost(std::move(itsOnNameLost)),
+        bus(std::move(itsBus)),
         broker(std::move(itsBroker)),
         robot(options.robot),
         subjects(robot),
@@ -114,12 +115,17 @@ struct KXBusLink::Impl {
     server->stopServing(module);
     receiver->withdraw(module);
   }
+  void lose(std::string const& module) {
+    if (onNameLost) onNameLost();
+    withdraw(module);
+  }
   void endWithdrawals() {
     std::unique_lock lock(mutex);
     isClosing = true;
     hasWithdrawn.wait(lock, [this] { return withdrawing == 0; });
   }
 
+  std::function<void()> const onNameLost;
   std::shared_ptr<KXBus> const bus;
   boost::shared_ptr<KXBroker> const broker;
   std::string const robot;
@@ -181,8 +187,9 @@ std::string KXBusLink::newBrokerName(KXBus const& bus) {
 }
 
 KXBusLink::KXBusLink(std::shared_ptr<KXBus> bus, boost::shared_ptr<KXBroker> broker,
-                     KXBusOptions const& options)
-    : mImpl(std::make_unique<Impl>(std::move(bus), std::move(broker), options)) {}
+                     KXBusOptions const& options, std::function<void()> onNameLost)
+    : mImpl(std::make_unique<Impl>(std::move(bus), std::move(broker), options,
+                                   std::move(onNameLost))) {}
 
 KXBusLink::~KXBusLink() {
   close();
@@ -199,7 +206,7 @@ void KXBusLink::announce(std::vector<std::string> const& modules) {
           [&] {
             impl.broker->addTask(
                 "withdraw " + module,
-                boost::make_shared<Withdrawal>(module, [&impl, module] { impl.withdraw(module); }));
+                boost::make_shared<Withdrawal>(module, [&impl, module] { impl.lose(module); }));
           });
     };
     claims.push_back(std::make_unique<KXClaim>(*impl.bus, impl.robot, module,
@@ -216,7 +223,7 @@ void KXBusLink::announce(std::vector<std::string> const& modules) {
   xAwaitServer(*impl.bus);
   for (auto& claim : claims) {
     // Lost meanwhile, before there was anything to withdraw.
-    if (!claim->isHeld()) impl.withdraw(claim->module());
+    if (!claim->isHeld()) impl.lose(claim->module());
     impl.claims.push_back(std::move(claim));
   }
 }

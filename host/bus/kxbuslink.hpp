@@ -1,6 +1,7 @@
 // Joins one broker to one robot: its modules are reached over the bus, and it reaches the others.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -24,9 +25,9 @@ class KX_API KXBusLink {
   static std::string newBrokerName(KXBus const& bus);
 
   /// The broker has a name of newBrokerName() and no modules yet. Of the options, those that are
-  /// not about the connection.
+  /// not about the connection. `onNameLost` is called by threads of the broker.
   KXBusLink(std::shared_ptr<KXBus> bus, boost::shared_ptr<KXBroker> broker,
-            KXBusOptions const& options);
+            KXBusOptions const& options, std::function<void()> onNameLost = {});
   /// As close().
   ~KXBusLink();
   KXBusLink(KXBusLink const&) = delete;
@@ -34,7 +35,8 @@ class KX_API KXBusLink {
 
   /// Makes these modules ones that are meant for everybody on the robot, and says so. KXError, and
   /// none is announced: Failed if somebody else has one of the names; Refused, Disconnected.
-  /// A name that is lost later, because this process did not answer, is withdrawn with a log line.
+  /// A name that is lost later, because this process did not answer, is withdrawn with a log line,
+  /// and onNameLost is told.
   void announce(std::vector<std::string> const& modules);
 
   /// The broker is about to shut down: nobody calls its modules any more, and what they call has

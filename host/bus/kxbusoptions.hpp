@@ -23,4 +23,8 @@ struct KXBusOptions {
   int backlogMb = 8;
 };
 
+/// For what a person typed: KXError (Failed) if it makes no sense together, whatever stands in the
+/// files.
+KX_API void checkBusOptions(KXBusOptions const& options);
+
 }  // namespace KX

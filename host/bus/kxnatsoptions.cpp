@@ -244,6 +244,15 @@ void setBehaviour(natsOptions* to) {
 
 }  // namespace
 
+void checkBusOptions(KXBusOptions const& options) {
+  parseUrl(options.url);
+  checkCombination(options);
+  bool const hasProof = !options.passwordFile.empty() || !options.credentialsFile.empty() ||
+                        !options.tokenFile.empty() || !options.certFile.empty();
+  if (!options.user.empty() && !hasProof)
+    throwBusError("connect", "a user needs a password file, credentials or a certificate");
+}
+
 KXNatsOptions makeNatsOptions(KXBusOptions const& options) {
   auto const address = parseUrl(options.url);
   checkCombination(options);
@@ -260,13 +269,15 @@ KXNatsOptions makeNatsOptions(KXBusOptions const& options) {
 }
 
 std::string describeNatsStatus(int status) {
-  std::string text = natsStatus_GetText(static_cast<natsStatus>(status));
+  std::string const text = natsStatus_GetText(static_cast<natsStatus>(status));
   natsStatus last = NATS_OK;
-  char const* const detail = nats_GetLastError(&last);
-  if (last == static_cast<natsStatus>(status) && detail != nullptr && *detail != '\0' &&
-      text != detail)
-    text += std::string(" (") + detail + ')';
-  return text;
+  char const* const error = nats_GetLastError(&last);
+  if (last != static_cast<natsStatus>(status) || error == nullptr) return text;
+  // "(conn.c:2088): No server available for connection"
+  std::string_view detail(error);
+  if (auto const place = detail.find("): "); detail.starts_with('(') && place != detail.npos)
+    detail.remove_prefix(place + 3);
+  return detail.empty() || detail == text ? text : text + " (" + std::string(detail) + ')';
 }
 
 }  // namespace KX

@@ -22,7 +22,7 @@ struct KXHost::Impl {
     }
     std::shared_ptr<KXBus> const bus = connectNats(*options.bus);
     broker = KXBroker::createBroker(KXBusLink::newBrokerName(*bus));
-    link = std::make_unique<KXBusLink>(bus, broker, *options.bus);
+    link = std::make_unique<KXBusLink>(bus, broker, *options.bus, options.onNameLost);
   }
   // Here and not in ~KXHost, so that it also runs when KXHost's constructor fails half-way.
   ~Impl() { shutdown(); }

@@ -1,6 +1,7 @@
 // A host in this process, without any robot: what tools, tests and stand-alone processes build on.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -45,6 +46,9 @@ class KX_API KXHost {
     bool withVsm = false;               ///< run the 10 ms hardware cycle
     std::optional<KXBusOptions> bus{};  ///< join a robot; without, nothing opens a socket
     Announced announced = Announced::Nothing;
+    /// Another process has taken an announced name, since this one did not answer: the module is
+    /// reached here no more. Called for each name, by a thread of the broker.
+    std::function<void()> onNameLost{};
   };
 
   /// KXError if there is no way to the bus.

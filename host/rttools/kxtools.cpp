@@ -1,16 +1,20 @@
 #include <rttools/kxtools.hpp>
 
+#include <atomic>
 #include <csignal>
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <unistd.h>
 #include <CLI/CLI.hpp>
 
+#include <host/bus/kxbusoptions.hpp>
 #include <host/ka/loglines.hpp>
 #include <host/rttools/kxbusarguments.hpp>
 #include <host/rttools/kxhost.hpp>
@@ -108,6 +112,7 @@ std::optional<int> parse(std::string const& name, int argc, char** argv, Options
           "or --robot NAME; --help lists all");
     options.stderrLevel = stderrLevelOf(level);
     options.bus = bus.options();
+    if (options.bus) checkBusOptions(*options.bus);
     return std::nullopt;
   } catch (CLI::Success const& request) {
     return app.exit(request);
@@ -133,12 +138,14 @@ std::optional<int> parse(std::string const& name, int argc, char** argv, Options
 }
 
 // Without a bus a host of its own, with one a part of the robot's.
-std::unique_ptr<KXHost> makeHost(std::string const& name, Options const& options) {
+std::unique_ptr<KXHost> makeHost(std::string const& name, Options const& options,
+                                 std::function<void()> onNameLost) {
   return std::make_unique<KXHost>(KXHost::Options{.name = name,
                                                   .withStore = !options.bus,
                                                   .withVsm = false,
                                                   .bus = options.bus,
-                                                  .announced = KXHost::Announced::OwnModules});
+                                                  .announced = KXHost::Announced::OwnModules,
+                                                  .onNameLost = std::move(onNameLost)});
 }
 
 void makeModules(KXHost& host, Options const& options, Create const& create) {
@@ -171,10 +178,16 @@ int KXTools::mainFunction(std::string const& name, int argc, char** argv, Create
   // Whoever reads stderr may go away; the service stays.
   std::signal(SIGPIPE, SIG_IGN);
 
+  // A process that nobody reaches is of no use: whoever runs it as a service starts it again.
+  std::atomic<bool> hasLostName{false};
+  auto const onNameLost = [&hasLostName] {
+    hasLostName = true;
+    ::kill(::getpid(), SIGTERM);
+  };
   std::unique_ptr<KXHost> host;
   char const* failed = "cannot join the robot: ";
   try {
-    host = makeHost(name, options);
+    host = makeHost(name, options, onNameLost);
     failed = "cannot make the module: ";
     makeModules(*host, options, create);
     failed = "cannot serve the module: ";
@@ -187,7 +200,7 @@ int KXTools::mainFunction(std::string const& name, int argc, char** argv, Create
   int signal = 0;
   ::sigwait(&endSignals, &signal);
   host->shutdown();
-  return kOk;
+  return hasLostName ? kFailed : kOk;
 }
 
 }  // namespace KX

@@ -236,10 +236,23 @@ TEST_F(Robot, LosesAHungWatcherToTheNextOneForGood) {
   first->sendSignal(SIGCONT);
   first->waitForErrorText("module 'KXMemoryWatcher' is withdrawn from robot 'r1': process " +
                           std::to_string(pidOf(*second)));
+  EXPECT_EQ(first->waitForEnd(), 1);
   call("KXMemoryWatcher", "addListener", {"Host/UptimeSeconds"});
   for (int i = 0; i < 20; ++i) {
     EXPECT_THAT(listeners(), ElementsAre("Host/UptimeSeconds"));
   }
+}
+
+TEST_F(Robot, EndsAHostWhoseNamesWereTaken) {
+  mHost->sendSignal(SIGSTOP);
+  auto const next = start({toolPath(), "host"});
+  next->waitForErrorText("serving");
+
+  mHost->sendSignal(SIGCONT);
+
+  EXPECT_EQ(mHost->waitForEnd(), 1);
+  EXPECT_THAT(mHost->getErrors(), HasSubstr("module 'KXMemory' is withdrawn from robot 'r1'"));
+  EXPECT_EQ(run({"list"}).exitCode, 0);
 }
 
 TEST_F(Robot, ThatHangsIsATimeOut) {
@@ -340,6 +353,12 @@ TEST_F(OnABus, WrongOptionsAreOneLineAndExitCodeTwo) {
       {withBus({"robots", "--robot", "r1"}), "kx: unknown option '--robot'"},
       {withBus({"list", "--bus-timeout", "0"}),
        "kx: --bus-timeout: expected milliseconds, more than 0, got '0'"},
+      {{"list", "--bus", "127.0.0.1:4222"},
+       "kx: a bus's URL is nats://HOST[:PORT] or tls://HOST[:PORT], not '127.0.0.1:4222'"},
+      {withBus({"list", "--bus-user", "me"}),
+       "kx: a user needs a password file, credentials or a certificate"},
+      {withBus({"host", "--bus-backlog", "much"}),
+       "kx: --bus-backlog: expected megabytes, more than 0, got 'much'"},
   };
   for (Case const& c : cases) {
     SCOPED_TRACE(c.error);

@@ -246,6 +246,8 @@ TEST(Options, WrongOnesAreOneLineAndExitCodeTwo) {
       {{"--robot", "r1"}, "--robot: expected a bus as well (--bus URL or KX_BUS), got none\n"},
       {{"--bus", "nats://127.0.0.1", "--bus-timeout", "soon"},
        "--bus-timeout: expected milliseconds, more than 0, got 'soon'\n"},
+      {{"--bus", "http://127.0.0.1"},
+       "a bus's URL is nats://HOST[:PORT] or tls://HOST[:PORT], not 'http://127.0.0.1'\n"},
   };
   for (auto const& row : rows) {
     SCOPED_TRACE(row.expected);
