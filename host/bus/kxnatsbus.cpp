@@ -115,7 +115,9 @@ class NatsBus : public KXBus {
     auto const status = natsConnection_Connect(&made, mOptions.get());
     KXNatsConnection const connection = ownedConnection(made);
     std::string const text =
-        "cannot connect to the bus at '" + mAddress + "': " + describeNatsStatus(status);
+        "cannot connect to the bus at '" + mAddress + "': " +
+        (status == NATS_NO_SERVER ? "nobody listens there, or there is no host of that name"
+                                  : describeNatsStatus(status));
     // By TLS 1.3 this side takes itself to be let in before the server has seen its certificate:
     // what it reads, or writes, next fails.
     bool const isCutOff =
@@ -126,6 +128,7 @@ class NatsBus : public KXBus {
                         "; the server has closed the connection, as one does that asks for a "
                         "certificate",
                     KXError::Kind::Refused);
+    if (status == NATS_TIMEOUT) throwBusError("connect", text, KXError::Kind::TimedOut);
     if (status != NATS_OK) throwBusError("connect", text, kindOf(status));
     mLine.use(connection);
     mWatch->start(connection, [this] { return xConnectAnew(); });

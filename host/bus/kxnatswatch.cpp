@@ -15,7 +15,7 @@ namespace {
 /// A server that does not answer for so long after a connection is lost again: pings say so before.
 constexpr std::int64_t kBackTimeoutMs = 10'000;
 /// Between attempts to connect anew, where the library itself has given up.
-constexpr std::chrono::milliseconds kConnectPause{150};
+constexpr std::chrono::milliseconds kConnectPause{1000};
 
 /// `Permissions Violation for Publish to "SUBJECT"`, or `... for Subscription to "SUBJECT" ...`.
 std::optional<KXBusEvent> parseRefusal(std::string const& text) {

@@ -166,11 +166,11 @@ TEST_F(NatsBus, NoServerIsDisconnected) {
   expectRefused({.url = server.url()}, KXError::Kind::Disconnected, server.url());
 }
 
-TEST_F(NatsBus, ServerThatSaysNothingIsDisconnected) {
+TEST_F(NatsBus, ServerThatSaysNothingIsATimeOut) {
   NatsServer server;
   server.hang();
 
-  expectRefused({.url = server.url()}, KXError::Kind::Disconnected, server.url());
+  expectRefused({.url = server.url()}, KXError::Kind::TimedOut, server.url());
 }
 
 TEST_F(NatsBus, PasswordLetsIn) {
