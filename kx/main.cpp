@@ -67,7 +67,7 @@ process has one of these names, that is an error.
 )";
 
 constexpr char const* kBusFooter = R"(
-Options override the environment; an empty one is none. Secrets stand in files of one line.
+Options override the environment; an empty one is none. Passwords and tokens stand in files of one line.
 )";
 
 struct Arguments {

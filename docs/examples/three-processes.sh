@@ -108,4 +108,10 @@ secured() {
   # [operator end]
 }
 
-"$1"
+case ${1:-} in
+  plain | secured) "$1" ;;
+  *)
+    echo "usage: sh three-processes.sh plain|secured" >&2
+    exit 2
+    ;;
+esac

@@ -25,7 +25,7 @@ struct KXNotification {
 struct KXNotificationCounts {
   std::uint64_t posted = 0;
   std::uint64_t delivered = 0;   ///< brought to the module, the receiver said so
-  std::uint64_t dropped = 0;     ///< never sent, for want of room
+  std::uint64_t dropped = 0;     ///< for want of room, or what cannot be sent
   std::uint64_t waiting = 0;     ///< none of these yet
   std::size_t waitingBytes = 0;  ///< of those that were never sent
   std::uint64_t unhandled = 0;   ///< the receiver had no such module, or could not read them

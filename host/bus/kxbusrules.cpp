@@ -104,7 +104,7 @@ void checkSubscription(std::string_view subject, std::string_view queue, int thr
 }
 
 void throwBusError(char const* method, std::string const& text, KXError::Kind kind) {
-  throw KXError("KXBus", method, text, "bus/kxbus", 0, kind);
+  throw KXError("KXBus", method, text, "bus/kxbusrules", 0, kind);
 }
 
 }  // namespace KX

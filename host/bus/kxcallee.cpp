@@ -1,7 +1,6 @@
 #include <host/bus/kxcallee.hpp>
 
 #include <algorithm>
-#include <array>
 #include <utility>
 
 #include <host/bus/kxwire.hpp>
@@ -27,9 +26,7 @@ std::string nameOf(KXSubjects::Call const& call) {
 
 // Whoever may call in a user's name may subscribe that user's modules, and do nothing else.
 void checkName(KXSubjects::Call const& call, KXValue const& arguments) {
-  static constexpr std::array<std::string_view, 4> kMethods{
-      "subscribeToEvent", "subscribeToMicroEvent", "unsubscribeToEvent", "unsubscribeToMicroEvent"};
-  if (call.to.module != "KXMemory" || std::ranges::find(kMethods, call.method) == kMethods.end()) {
+  if (!isInOwnName(call.to.module, call.method)) {
     fail(nameOf(call) + " cannot be called in the name of a user", Kind::Refused);
   }
   std::string callback;

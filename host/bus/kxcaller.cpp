@@ -1,7 +1,6 @@
 #include <host/bus/kxcaller.hpp>
 
 #include <algorithm>
-#include <array>
 #include <charconv>
 #include <chrono>
 #include <condition_variable>
@@ -50,14 +49,6 @@ std::int64_t inMs(Clock::duration duration) {
 
 std::string nameOf(std::string const& module, std::string const& method) {
   return "'" + module + "." + method + "'";
-}
-
-// The store's methods that name a callback module: a server may let a user call these for itself
-// and for nobody else.
-bool isInOwnName(std::string const& module, std::string_view method) {
-  static constexpr std::array<std::string_view, 4> kMethods{
-      "subscribeToEvent", "subscribeToMicroEvent", "unsubscribeToEvent", "unsubscribeToMicroEvent"};
-  return module == "KXMemory" && std::ranges::find(kMethods, method) != kMethods.end();
 }
 
 // Of a parallel call, which is its server's own.

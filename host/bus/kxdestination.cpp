@@ -22,7 +22,7 @@ std::shared_ptr<std::string const> KXCalledMethod::encode(KXValue const& params)
     throw KXError(
         "KXBus", "call",
         "expected an array of arguments, got " + KXValue::TypeToString(arguments.getType()),
-        "bus/kxcaller", 0);
+        "bus/kxdestination", 0);
   }
   auto bytes = std::make_shared<std::string const>(encodeValue(arguments));
   {

@@ -13,7 +13,7 @@
 
 namespace KX {
 
-/// What a method was called for, since the module is served.
+/// What became of the calls of a method, since the server was made.
 struct KXMethodStatistics {
   std::string method;
   std::uint64_t requests = 0;  ///< errors included

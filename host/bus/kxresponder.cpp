@@ -30,7 +30,7 @@ std::int64_t nowMs() {
 }
 
 KXError errorOf(std::string const& text, Kind kind) {
-  return KXError("KXBus", "serve", text, "bus/kxserver", 0, kind);
+  return KXError("KXBus", "serve", text, "bus/kxresponder", 0, kind);
 }
 
 std::string nameOf(KXSubjects::Call const& call) {

@@ -26,12 +26,6 @@ constexpr char const* kQueue = "q";
 constexpr std::chrono::seconds kPatience{5};
 constexpr std::int64_t kLongestTickMs = 5000;
 
-ka::os::timeval wallTime() {
-  ka::os::timeval time;
-  ka::os::gettimeofday(&time);
-  return time;
-}
-
 // A call that asks for no reply may come, one that asks for it elsewhere may not.
 bool mayReplyTo(std::string_view subject) {
   return subject.empty() || isInbox(subject);
@@ -72,7 +66,6 @@ class KXServer::Impl {
   KXReplyKeeper::Counts counts() const;
 
   std::string const instance{makeRandomId()};
-  ka::os::timeval const started{wallTime()};
 
  private:
   std::shared_ptr<Service> xService(std::string const& module);
@@ -335,10 +328,6 @@ std::vector<std::string> KXServer::served() const {
 
 std::vector<KXMethodStatistics> KXServer::statistics(std::string const& module) const {
   return mImpl->statistics(module);
-}
-
-ka::os::timeval KXServer::started() const noexcept {
-  return mImpl->started;
 }
 
 KXReplyKeeper::Counts KXServer::counts() const {

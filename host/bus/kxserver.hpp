@@ -12,7 +12,6 @@
 #include <host/bus/kxmethodstatistics.hpp>
 #include <host/bus/kxreplykeeper.hpp>
 #include <host/bus/kxsubject.hpp>
-#include <ka/os.hpp>
 #include <kxcommon/kxbroker.hpp>
 #include <kxerror/kxapi.hpp>
 
@@ -55,8 +54,6 @@ class KX_API KXServer {
   /// Of all methods of a module that were called, in whatever way it was addressed, in the order of
   /// their names.
   std::vector<KXMethodStatistics> statistics(std::string const& module) const;
-  /// Since when this server is there; wall clock.
-  ka::os::timeval started() const noexcept;
   /// Of the replies that are kept.
   KXReplyKeeper::Counts counts() const;
 

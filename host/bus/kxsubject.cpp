@@ -1,5 +1,7 @@
 #include <host/bus/kxsubject.hpp>
 
+#include <algorithm>
+#include <array>
 #include <initializer_list>
 #include <utility>
 #include <vector>
@@ -138,10 +140,6 @@ std::string KXSubjects::events(KXModuleAddress const& to) const {
   return join(mPrefix, {"@events", to.user, to.nonce, module});
 }
 
-std::string KXSubjects::eventsAt(std::string_view user, std::string_view nonce) const {
-  return join(mPrefix, {"@events", user, nonce, "*"});
-}
-
 std::string KXSubjects::claim(std::string_view module) const {
   return join(mPrefix, {"@claim", escapeToken(module)});
 }
@@ -180,6 +178,12 @@ std::optional<KXSubjects::Call> KXSubjects::parseCall(std::string_view subject) 
   call.to.module = std::move(*module);
   call.method = std::move(*method);
   return call;
+}
+
+bool isInOwnName(std::string_view module, std::string_view method) {
+  static constexpr std::array<std::string_view, 4> kMethods{
+      "subscribeToEvent", "subscribeToMicroEvent", "unsubscribeToEvent", "unsubscribeToMicroEvent"};
+  return module == "KXMemory" && std::ranges::find(kMethods, method) != kMethods.end();
 }
 
 }  // namespace KX

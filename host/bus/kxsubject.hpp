@@ -48,7 +48,6 @@ class KX_API KXSubjects {
   std::string callsAt(std::string_view user, std::string_view nonce) const;
   /// `kx.ROBOT.@events.MODULE`, qualified: `kx.ROBOT.@events.USER.NONCE.MODULE`.
   std::string events(KXModuleAddress const& to) const;
-  std::string eventsAt(std::string_view user, std::string_view nonce) const;
   /// `kx.ROBOT.@claim.MODULE`: who has a name meant for everybody.
   std::string claim(std::string_view module) const;
   /// `kx.ROBOT.@hello`: a receiver of events is there (again).
@@ -68,6 +67,10 @@ class KX_API KXSubjects {
  private:
   std::string const mPrefix;  ///< "kx.ROBOT."
 };
+
+/// The store's methods that name a callback module: a server may let a user call these for itself
+/// and for nobody else.
+KX_API bool isInOwnName(std::string_view module, std::string_view method);
 
 /// The bus's own methods, which every module answers that can be reached.
 inline constexpr char const* kFindMethod = "@find";

@@ -362,7 +362,6 @@ TEST_F(KXServerTest, CountsWhatWasCalled) {
   EXPECT_EQ(statistics[2].errors, 2U);
   EXPECT_EQ(statistics[2].lastError, "last");
   EXPECT_TRUE(callee->server->statistics("Other").empty());
-  EXPECT_GT(callee->server->started().tv_sec, 1'600'000'000);
 }
 
 TEST_F(KXServerTest, CountsNoMethodsThatAreMadeUp) {

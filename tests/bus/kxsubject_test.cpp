@@ -98,7 +98,7 @@ TEST(Subjects, AreKnown) {
       {subjects.callsAt("viewer", "1a2b"), "kx.robot%201.@at.viewer.1a2b.*.*"},
       {subjects.events(plain), "kx.robot%201.@events.KXMemory"},
       {subjects.events(qualified), "kx.robot%201.@events.viewer.1a2b.My%2EWatcher"},
-      {subjects.eventsAt("viewer", "1a2b"), "kx.robot%201.@events.viewer.1a2b.*"},
+      {subjects.here(), "kx.robot%201.@here"},
       {subjects.claim("KXMemory"), "kx.robot%201.@claim.KXMemory"},
       {subjects.hello(), "kx.robot%201.@hello"},
   };
