@@ -6,6 +6,7 @@
 
 #include <nats/nats.h>
 
+#include <host/bus/kxbusrules.hpp>
 #include <ka/log.hpp>
 #include <ka/runlogged.hpp>
 
@@ -16,6 +17,9 @@ namespace {
 constexpr std::int64_t kBackTimeoutMs = 10'000;
 /// Between attempts to connect anew, where the library itself has given up.
 constexpr std::chrono::milliseconds kConnectPause{1000};
+
+/// Of lines about what is forbidden: who asks may choose where the answer goes.
+constexpr std::size_t kMaxForbidden = 100;
 
 /// `Permissions Violation for Publish to "SUBJECT"`, or `... for Subscription to "SUBJECT" ...`.
 std::optional<KXBusEvent> parseRefusal(std::string const& text) {
@@ -240,18 +244,25 @@ void KXNatsWatch::xTell(KXBusEvent const& event, Clock::time_point time) {
     // As loud as the loss: whoever has read of that is to learn that it is over.
     ka::log::LogStream(ka::log::Warning, "KXBus", "", "back", 0)
         << "the bus at '" << mAddress << "' is back after " << lost.count() << " ms";
-  } else if (event.kind == KXBusEvent::Kind::Refused && !event.isPublishing) {
-    xTellForbidden(event.subject);
+  } else if (event.kind == KXBusEvent::Kind::Refused) {
+    xTellForbidden(event);
   }
   mObservers.tell(event);
 }
 
-// Who subscribes is not told by the call, and may not look: it would wait for ever.
-void KXNatsWatch::xTellForbidden(std::string const& subject) {
-  if (!mForbidden.insert(subject).second) return;
-  ka::log::LogStream(ka::log::Warning, "KXBus", "", "subscribe", 0)
-      << (mUser.empty() ? "this process" : "user '" + mUser + "'")
-      << " is not allowed to listen to '" << subject << "' on the bus at '" << mAddress << "'";
+// Who subscribes is not told by the call, and may not look: it would wait for ever. Who answers
+// does not wait for anything, and the one that asked sees a time-out. Who calls is told by the
+// call.
+void KXNatsWatch::xTellForbidden(KXBusEvent const& event) {
+  if (event.isPublishing && !isInbox(event.subject)) return;
+  // One line for all inboxes of a user.
+  std::string const subject =
+      event.isPublishing ? event.subject.substr(0, event.subject.find('.')) + ".>" : event.subject;
+  if (mForbidden.size() >= kMaxForbidden || !mForbidden.insert(subject).second) return;
+  ka::log::LogStream(ka::log::Warning, "KXBus", "", event.isPublishing ? "answer" : "subscribe", 0)
+      << (mUser.empty() ? "this process" : "user '" + mUser + "'") << " is not allowed to "
+      << (event.isPublishing ? "answer" : "listen") << " to '" << subject << "' on the bus at '"
+      << mAddress << "'";
 }
 
 }  // namespace KX

@@ -66,7 +66,7 @@ class KXNatsWatch {
   void xRun();
   void xConnectAnew(std::unique_lock<std::mutex>& lock);
   void xTell(KXBusEvent const& event, Clock::time_point time);
-  void xTellForbidden(std::string const& subject);
+  void xTellForbidden(KXBusEvent const& event);
 
   std::string const mAddress;
   std::string const mUser;

@@ -247,6 +247,25 @@ TEST_F(NatsBus, WhatTheServerForbidsIsToldWithItsSubject) {
   EXPECT_LT(tookMs, 5000);
 }
 
+// Whoever asked for it sees a time-out: only here one can learn why.
+TEST_F(NatsBus, AnswersThatAreNotAllowedAreOneLineForEachUser) {
+  NatsServer server("authorization { users = [ { user: host, password: \"" + std::string(kSecret) +
+                    "\", permissions { publish: {deny: [\"_INBOX_viewer.>\", \"no.one\"]} } } ] }");
+  auto const bus = connectNats(
+      {.url = server.url(), .user = "host", .passwordFile = write("password", kSecret)});
+  Events events(*bus);
+
+  for (auto const* subject : {"_INBOX_viewer.1.2", "_INBOX_viewer.3", "no.one"}) {
+    bus->publish({.subject = subject});
+  }
+
+  ASSERT_EQ(events.waitFor(3).size(), 3U);
+  EXPECT_THAT(
+      mLog.texts(),
+      ElementsAre("user 'host' is not allowed to answer to '_INBOX_viewer.>' on the bus at '" +
+                  server.url() + "'"));
+}
+
 TEST_F(NatsBus, WhatMayNotBeListenedToIsOneLineForEachConnection) {
   NatsServer server("authorization { users = [ { user: viewer, password: \"" +
                     std::string(kSecret) +
