@@ -168,6 +168,15 @@ std::string servingText(KXBroker const& broker, Options const& options) {
          "; Ctrl-C or SIGTERM ends it";
 }
 
+// A robot without one is waited for, or its name is mistyped.
+bool hasStore(KXBroker& broker) {
+  try {
+    return broker.getProxy("KXMemory", 0) != nullptr;
+  } catch (KXError const& error) {
+    return error.getKind() != KXError::Kind::NotFound;  // otherwise it is not known
+  }
+}
+
 }  // namespace
 
 int KXTools::mainFunction(std::string const& name, int argc, char** argv, Create const& create) {
@@ -197,6 +206,9 @@ int KXTools::mainFunction(std::string const& name, int argc, char** argv, Create
     return kFailed;
   }
   printLine(name, servingText(*host->getBroker(), options));
+  if (options.bus && !hasStore(*host->getBroker())) {
+    printLine(name, "robot '" + options.bus->robot + "' has no store (KXMemory) yet");
+  }
   int signal = 0;
   ::sigwait(&endSignals, &signal);
   host->shutdown();

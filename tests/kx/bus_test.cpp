@@ -297,6 +297,7 @@ TEST_F(OnABus, ARobotThatIsNotThereIsNothingThere) {
 TEST_F(OnABus, AWatcherMayBeThereBeforeTheRobotsHost) {
   auto const watcher = start({watcherPath()});
   watcher->waitForErrorText("serving 'KXMemoryWatcher' on robot 'r1'");
+  watcher->waitForErrorText("memorywatcher: robot 'r1' has no store (KXMemory) yet");
   auto const host = start({toolPath(), "host"});
   host->waitForErrorText("serving");
 
