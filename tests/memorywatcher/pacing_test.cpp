@@ -372,5 +372,24 @@ TEST_F(CycleControl, FailedStartStaysStartedUntilStopped) {
   EXPECT_TRUE(mMemory->waitForCalls("getListData", 1));
 }
 
+TEST(CyclePacing, NeedsTheHardwareCycleOfItsOwnProcess) {
+  testing::JoinedBrokers joined;
+  auto const& broker = joined.here.getBroker();
+  KXModule::createModule<FakeLauncher>(broker);
+  KXModule::createModule<FakeMemory>(broker);
+  KXModule::createModule<FakeVsm>(broker);
+  KXModule::createModule<KXMemoryWatcher>(broker);
+  broker->removeModule("VSM");
+  KXModule::createModule<FakeVsm>(joined.there.getBroker());
+  joined.there.announce("VSM");
+
+  try {
+    broker->getProxy("KXMemoryWatcher", 0)->call<void>("startWatching", 10);
+    FAIL() << "did not throw";
+  } catch (KXError const& error) {
+    EXPECT_STREQ(error.what(), "expected module 'VSM' in this process, it is in another one");
+  }
+}
+
 }  // namespace
 }  // namespace KX
