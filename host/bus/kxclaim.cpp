@@ -56,25 +56,31 @@ bool KXClaim::isHeld() const {
 }
 
 void KXClaim::acquire() {
-  xAwaitHolder();
-  xListen();
-  xAwaitRivals();
+  xAcquire({this});
 }
 
 void KXClaim::acquireAll(std::span<std::unique_ptr<KXClaim> const> claims) {
-  for (auto const& claim : claims) claim->xAwaitHolder();
-  for (auto const& claim : claims) claim->xListen();
-  for (auto const& claim : claims) claim->xAwaitRivals();
+  std::vector<KXClaim*> all;
+  for (auto const& claim : claims) all.push_back(claim.get());
+  xAcquire(all);
 }
 
-// Asked before it listens itself: else the server could not say that nobody is there.
-void KXClaim::xAwaitHolder() {
+void KXClaim::xAcquire(std::vector<KXClaim*> const& claims) {
+  for (KXClaim* const claim : claims) claim->xOpen();
+  // Asked before they listen themselves: else the server could not say that nobody is there.
+  std::vector<KXClaim*> open = claims;
+  for (int i = 0; i < kQuestions && !open.empty(); ++i) {
+    for (KXClaim* const claim : open) claim->xSay(claim->mSubject, claim->mInbox);
+    auto const end = SteadyClock::now() + kQuestionTime;
+    std::erase_if(open, [end](KXClaim* claim) { return claim->xWaitUntil(end); });
+  }
+  for (KXClaim* const claim : claims) claim->xListen();
+  for (KXClaim* const claim : claims) claim->xAwaitRivals();
+}
+
+void KXClaim::xOpen() {
   mEvents = mBus.observe([this](KXBusEvent const& event) { xOnEvent(event); });
   mAnswers = mBus.subscribe(mInbox, "", 1, [this](KXBusMessage const& m) { xHear(m); });
-  for (int i = 0; i < kQuestions; ++i) {
-    xSay(mSubject, mInbox);
-    if (xWaitUntil(SteadyClock::now() + kQuestionTime)) return;
-  }
 }
 
 // From here on each of two that claim at once hears the other, or is heard by it.

@@ -9,6 +9,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <vector>
 
 #include <host/bus/kxbus.hpp>
 #include <host/bus/kxsubject.hpp>
@@ -62,7 +63,8 @@ class KX_API KXClaim {
     std::string host;
   };
 
-  void xAwaitHolder();
+  static void xAcquire(std::vector<KXClaim*> const& claims);
+  void xOpen();
   void xListen();
   void xAwaitRivals();
   bool xWaitUntil(std::chrono::steady_clock::time_point time);

@@ -204,11 +204,11 @@ void KXServer::Impl::xEnd(std::shared_ptr<Service> const& service) {
   bool const isOwn = tService == service.get();
   // At once, so that requests go to whoever else has the name. That ends when the calls do: on a
   // thread of its own, because somebody may have to be told what is waited for.
-  std::thread unsubscribing;
+  std::jthread unsubscribing;
   if (isOwn) {
     subscriptions.clear();
   } else {
-    unsubscribing = std::thread([&subscriptions] { subscriptions.clear(); });
+    unsubscribing = std::jthread([&subscriptions] { subscriptions.clear(); });
   }
   {
     std::unique_lock lock(mMutex);
@@ -226,7 +226,6 @@ void KXServer::Impl::xEnd(std::shared_ptr<Service> const& service) {
       lock.lock();
     }
   }
-  if (unsubscribing.joinable()) unsubscribing.join();
 }
 
 // The service by value: it may be ended by the very call.

@@ -187,6 +187,31 @@ TEST(Claim, OfOneWhoDoesNotAnswerIsTakenOverAndHeWithdrawsOnHisReturn) {
   }
 }
 
+TEST(Claim, OfSeveralNamesOfOneWhoDoesNotAnswerTakesTheTimeOfOne) {
+  KXBusNetwork network(KXBusNetwork::Pacing::Threaded);
+  auto const claimsOf = [](KXBus& bus, std::string const& instance) {
+    std::vector<std::unique_ptr<KXClaim>> claims;
+    for (int i = 0; i < 8; ++i) {
+      claims.push_back(std::make_unique<KXClaim>(bus, "r1", std::to_string(i), instance, [] {}));
+    }
+    return claims;
+  };
+  auto const first = network.connect();
+  auto const held = claimsOf(*first, "b");
+  KXClaim::acquireAll(held);
+  network.setFaults([](KXBusTransfer const& transfer) {
+    return transfer.to == 0 ? KXBusFate{.delaysUs = {}} : KXBusFate();
+  });
+  auto const second = network.connect();
+  auto const claims = claimsOf(*second, "a");
+  auto const start = steady_clock::now();
+
+  KXClaim::acquireAll(claims);
+
+  EXPECT_LT(steady_clock::now() - start, 5s);  // one by one it would be more than 8
+  for (auto const& claim : claims) EXPECT_TRUE(claim->isHeld());
+}
+
 TEST(Claim, StaysWithAHolderWhoIsSlowOnlyNowAndThen) {
   KXBusNetwork network(KXBusNetwork::Pacing::Threaded);
   Process first(network, "b");
