@@ -18,7 +18,9 @@ namespace {
 
 using Kind = KXError::Kind;
 using testing::Clock;
+using testing::expectNoWait;
 using ::testing::HasSubstr;
+using testing::kFirstRepeatMs;
 using ::testing::MatchesRegex;
 using testing::msSince;
 using testing::Outcome;
@@ -48,7 +50,7 @@ TEST_F(CallFailures, NobodyHasTheModule) {
 
   EXPECT_EQ(outcome.kind(), Kind::NotFound);
   EXPECT_EQ(outcome.text(), "nobody has module 'Other' on robot 'r'");
-  EXPECT_LT(outcome.tookMs, 50);
+  expectNoWait([this] { return callModule("Other", 0, "method", KXValue::arrayOf()); });
   EXPECT_EQ(outcome.error->getModuleName(), "KXBus");
   EXPECT_EQ(outcome.error->getFileName(), "bus/kxcaller");
   EXPECT_EQ(outcome.error->getLine(), 0);
@@ -64,7 +66,7 @@ TEST_F(CallFailures, TheModuleHasGone) {
 
   EXPECT_EQ(outcome.kind(), Kind::NotFound);
   EXPECT_EQ(outcome.text(), "nobody has module 'Module' on robot 'r'");
-  EXPECT_LT(outcome.tookMs, 50);
+  expectNoWait([this] { return call("echo"); });
 }
 
 TEST_F(CallFailures, NobodyHasTheMethod) {
@@ -83,7 +85,7 @@ TEST_F(CallFailures, TheServerForbidsIt) {
 
   EXPECT_EQ(outcome.kind(), Kind::Refused);
   EXPECT_EQ(outcome.text(), "the server forbids to call 'Module.count': publishing is not allowed");
-  EXPECT_LT(outcome.tookMs, 50);
+  expectNoWait([this] { return call("count", 1); });
   EXPECT_EQ(call("echo", 1).result, KXValue::arrayOf(1));
 }
 
@@ -100,13 +102,16 @@ TEST_F(CallFailures, CallsWhatItMayAlsoIfItMayNotFind) {
 TEST_F(CallFailures, TheServerForbidsToListenToReplies) {
   network.setPermissions("deaf", {}, [](std::string const&) { return false; });
   auto const bus = network.connect("deaf");
-  KXCaller deaf(*bus, KXSubjects("r"), "r", 5000);
+  auto const findIt = [&] {
+    KXCaller deaf(*bus, KXSubjects("r"), "r", 5000);
+    return outcomeOf([&] { return deaf.find("Module"), KXValue(); });
+  };
 
-  Outcome const outcome = outcomeOf([&] { return deaf.find("Module"), KXValue(); });
+  Outcome const outcome = findIt();
 
   EXPECT_EQ(outcome.kind(), Kind::Refused);
   EXPECT_EQ(outcome.text(), "the server forbids to listen to replies: subscribing is not allowed");
-  EXPECT_LT(outcome.tookMs, 100);
+  expectNoWait(findIt);
 }
 
 TEST_F(CallFailures, ThereIsNoConnection) {
@@ -117,22 +122,22 @@ TEST_F(CallFailures, ThereIsNoConnection) {
 
   EXPECT_EQ(outcome.kind(), Kind::Disconnected);
   EXPECT_EQ(outcome.text(), "no connection to memory, cannot call 'Module.echo'");
-  EXPECT_LT(outcome.tookMs, 50);
+  expectNoWait([this] { return call("echo"); });
 }
 
 TEST_F(CallFailures, TheConnectionDoesNotReturnInTime) {
   call("echo");
-  std::thread cutter([this] {
-    callee->gate.waitUntilParked(1);
+  std::jthread const cutter([this] {
+    EXPECT_TRUE(callee->gate.waitUntilParked(1));
     network.cut(*callerBus);
   });
 
-  Outcome const outcome = callFor(300, "park");
+  Outcome const outcome = callFor(2000, "park");
 
-  cutter.join();
   EXPECT_EQ(outcome.kind(), Kind::TimedOut);
-  EXPECT_THAT(outcome.text(), MatchesRegex("no answer of 'Module.park' within 3[0-9]+ ms, the "
-                                           "connection to memory is lost; the call may have run"));
+  EXPECT_THAT(outcome.text(),
+              MatchesRegex("no answer of 'Module.park' within [2-9][0-9]{3} ms, the "
+                           "connection to memory is lost; the call may have run"));
 }
 
 TEST_F(CallFailures, TheCalleeHangs) {
@@ -142,40 +147,39 @@ TEST_F(CallFailures, TheCalleeHangs) {
 
   EXPECT_EQ(outcome.kind(), Kind::TimedOut);
   EXPECT_THAT(outcome.text(),
-              MatchesRegex("no answer of 'Module.park' within 2[0-9]+ ms; the call may have run"));
-  EXPECT_LT(outcome.tookMs, 300);
+              MatchesRegex("no answer of 'Module.park' within ([2-9][0-9]{2}|[1-4][0-9]{3}) ms; "
+                           "the call may have run"));
+  EXPECT_LT(outcome.tookMs, 4000) << "less than a call without a time-out of its own";
 }
 
 TEST_F(CallFailures, TheCalleeIsKilledInTheMiddle) {
   call("echo");
-  std::thread killer([this] {
-    callee->gate.waitUntilParked(1);
+  std::jthread const killer([this] {
+    EXPECT_TRUE(callee->gate.waitUntilParked(1));
     network.cut(*calleeBus);
   });
 
   Outcome const outcome = call("park");
 
-  killer.join();
   EXPECT_EQ(outcome.kind(), Kind::Disconnected);
   EXPECT_EQ(outcome.text(), "module 'Module' went away while it was called; the call may have run");
-  EXPECT_LT(outcome.tookMs, 1000);
+  EXPECT_LT(outcome.tookMs, 3000);
 }
 
 TEST_F(CallFailures, TheCalleeGoesAwayWhileAParallelCallIsWaitedFor) {
   KXValue id;
   caller->pCall("Module", "park", KXValue::arrayOf(), id);
   ASSERT_TRUE(callee->gate.waitUntilParked(1));
-  std::thread killer([this] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  std::jthread const killer([this, before = requestCount.load()] {
+    EXPECT_TRUE(waitUntil([&] { return requestCount > before; }));
     network.cut(*calleeBus);
   });
 
   Outcome const outcome =
       outcomeOf([&] { return KXValue(caller->wait("Module", static_cast<int>(id), 0)); });
 
-  killer.join();
   EXPECT_EQ(outcome.kind(), Kind::Disconnected);
-  EXPECT_LT(outcome.tookMs, 1000);
+  EXPECT_LT(outcome.tookMs, 4000);
 }
 
 TEST_F(CallFailures, TheArgumentsAreTooLarge) {
@@ -199,13 +203,14 @@ TEST_F(CallFailures, TheArgumentsAreNone) {
 TEST_F(CallFailures, DoesNotWaitEachTimeForACalleeThatIsSilent) {
   call("echo");
   lose(-1, isReply);
-  EXPECT_EQ(callFor(50, "echo").kind(), Kind::TimedOut);
+  breakOff("echo");
+  int const before = requestCount;
 
   Outcome const outcome = callFor(50, "echo");
 
   EXPECT_EQ(outcome.kind(), Kind::TimedOut);
   EXPECT_THAT(outcome.text(), MatchesRegex("module 'Module' has not answered for [0-9]+ ms"));
-  EXPECT_LT(outcome.tookMs, 20);
+  EXPECT_EQ(requestCount, before);
 }
 
 TEST_F(CallFailures, TriesASilentCalleeOnceASecond) {
@@ -213,44 +218,47 @@ TEST_F(CallFailures, TriesASilentCalleeOnceASecond) {
   lose(-1, isReply);
   auto const begin = Clock::now();
   int realTries = 0;
-  while (msSince(begin) < 2500) {
+
+  EXPECT_TRUE(waitUntil([&] {
     Outcome const outcome = callFor(50, "echo");
     EXPECT_EQ(outcome.kind(), Kind::TimedOut);
-    if (outcome.tookMs >= 50) ++realTries;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
+    if (outcome.text().starts_with("no answer of 'Module.echo'")) ++realTries;
+    return realTries == 3;
+  }));
 
-  EXPECT_GE(realTries, 2);
-  EXPECT_LE(realTries, 4);
+  EXPECT_GE(msSince(begin), 2000);
+  EXPECT_LT(msSince(begin), 10'000);
 }
 
 TEST_F(CallFailures, CallsASilentCalleeAgainWhenSomethingComes) {
-  EXPECT_EQ(callFor(50, "park").kind(), Kind::TimedOut);
-  EXPECT_LT(callFor(50, "echo").tookMs, 20);
+  call("echo");
+  breakOff("park");
+  EXPECT_THAT(callFor(3000, "echo").text(), HasSubstr("has not answered"));
 
   callee->gate.open();  // the reply that nobody waits for any more
 
-  EXPECT_TRUE(waitUntil([this] { return !callFor(50, "echo").error; }));
-  EXPECT_EQ(callFor(50, "echo", 1).result, KXValue::arrayOf(1));
+  EXPECT_TRUE(waitUntil([this] { return !callFor(3000, "echo").error; }));
+  EXPECT_EQ(callFor(3000, "echo", 1).result, KXValue::arrayOf(1));
 }
 
 TEST_F(CallFailures, CallsWithTimeWaitForASilentCallee) {
-  EXPECT_EQ(callFor(50, "park").kind(), Kind::TimedOut);
+  call("echo");
+  breakOff("park");
 
   EXPECT_EQ(call("echo", 1).result, KXValue::arrayOf(1));
-  EXPECT_EQ(callFor(50, "echo", 1).result, KXValue::arrayOf(1));
+  EXPECT_EQ(callFor(3000, "echo", 1).result, KXValue::arrayOf(1));
 }
 
 TEST_F(CallFailures, CallsASilentCalleeAgainWhenTheConnectionIsBack) {
   call("echo");
   lose(-1, isReply);
   EXPECT_EQ(callFor(50, "echo").kind(), Kind::TimedOut);
-  network.setFaults({});
+  setFaults({});
 
   network.cut(*callerBus);
   network.mend(*callerBus);
 
-  EXPECT_TRUE(waitUntil([this] { return !callFor(50, "echo").error; }));
+  EXPECT_TRUE(waitUntil([this] { return !callFor(3000, "echo").error; }));
 }
 
 // ---- hostile replies
@@ -278,6 +286,7 @@ TEST_F(CallFailures, NamesAReplyThatCannotBeRead) {
     if (!given->part.empty()) reply.headers.emplace_back(kPartHeader, given->part);
     bus.publish(reply);
   });
+  int slowCount = 0;
   for (Case const& one : cases) {
     SCOPED_TRACE(one.text + " " + one.part);
     given = &one;
@@ -286,8 +295,9 @@ TEST_F(CallFailures, NamesAReplyThatCannotBeRead) {
 
     EXPECT_EQ(outcome.kind(), Kind::Failed);
     EXPECT_THAT(outcome.text(), StartsWith(one.text));
-    EXPECT_LT(outcome.tookMs, 100);
+    if (outcome.tookMs >= kFirstRepeatMs) ++slowCount;
   }
+  EXPECT_LE(slowCount, 4) << "each of the eight, if they waited for a repeat";
 }
 
 TEST_F(CallFailures, NamesPartsThatContradictEachOther) {

@@ -78,6 +78,21 @@ inline Outcome outcomeOf(std::function<KXValue()> const& step) {
   return outcome;
 }
 
+/// After this a request is sent again.
+inline constexpr std::int64_t kFirstRepeatMs = 500;
+
+/// That a call which cannot succeed fails as soon as this is known: if it waited for its first
+/// repeat, each of ten would; on a busy machine one or the other takes as long.
+inline void expectNoWait(std::function<Outcome()> const& call) {
+  int slowCount = 0;
+  for (int i = 0; i < 10; ++i) {
+    Outcome const outcome = call();
+    EXPECT_TRUE(outcome.error);
+    if (outcome.tookMs >= kFirstRepeatMs) ++slowCount;
+  }
+  EXPECT_LE(slowCount, 5);
+}
+
 /// One process with modules, of which "Module" answers
 ///   echo(...): the arguments; count(key): how often it was called so; twice(text): the text twice;
 ///   fill(bytes): binary data; fail(text), failStd(text): throws; park(): waits at the gate.
@@ -93,7 +108,8 @@ class Callee {
   }
   ~Callee() {
     gate.open();
-    server.reset();  // its calls use the rest
+    server.reset();  // its calls use the rest, as those of its tasks
+    host.getBroker()->shutdown();
   }
 
   int runs(int key) const {
@@ -157,6 +173,7 @@ class CallTest : public ::testing::Test {
         calleeBus(network.connect()),
         callerBus(network.connect("viewer")) {
     callee = std::make_unique<Callee>(*calleeBus);
+    setFaults({});
     newCaller(5000);
   }
 
@@ -180,6 +197,16 @@ class CallTest : public ::testing::Test {
       return result;
     });
   }
+  /// Makes a call that leaves for the callee, and breaks it off. One that leaves too late for its
+  /// time-out, because the machine was slow, leaves not at all.
+  template <class... P>
+  void breakOff(std::string const& method, P const&... arguments) {
+    int const before = requestCount;
+    EXPECT_TRUE(waitUntil([&] {
+      EXPECT_EQ(callFor(20, method, arguments...).kind(), KXError::Kind::TimedOut);
+      return requestCount > before;
+    }));
+  }
 
   /// That the method ran once although something was lost on the way.
   void expectOnce(Outcome const& outcome, int key) {
@@ -194,10 +221,16 @@ class CallTest : public ::testing::Test {
                                  [&](LogLine const& line) { return line.text == text; });
     });
   }
+  void setFaults(KXBusNetwork::Faults faults) {
+    network.setFaults([this, faults = std::move(faults)](KXBusTransfer const& transfer) {
+      if (isRequest(transfer.message)) ++requestCount;
+      return faults ? faults(transfer) : KXBusFate{};
+    });
+  }
   /// Loses so many of the messages that the condition holds for.
   void lose(int count, std::function<bool(KXBusMessage const&)> condition) {
     auto const left = std::make_shared<int>(count);
-    network.setFaults([left, condition = std::move(condition)](KXBusTransfer const& transfer) {
+    setFaults([left, condition = std::move(condition)](KXBusTransfer const& transfer) {
       if (*left == 0 || !condition(transfer.message)) return KXBusFate{};
       --*left;
       return KXBusFate{.delaysUs = {}};
@@ -208,6 +241,7 @@ class CallTest : public ::testing::Test {
   }
   static bool isReply(KXBusMessage const& message) { return message.subject.starts_with("_INBOX"); }
 
+  std::atomic<int> requestCount = 0;  ///< of those that have left, repeats among them
   KXBusNetwork network;
   std::unique_ptr<KXBus> calleeBus;
   std::unique_ptr<KXBus> callerBus;

@@ -1,6 +1,7 @@
 // Calls over a real server: what a network in memory cannot show.
 #include <filesystem>
 #include <fstream>
+#include <stop_token>
 #include <string>
 #include <thread>
 
@@ -21,6 +22,7 @@ using Kind = KXError::Kind;
 using testing::Callee;
 using testing::Clock;
 using testing::CutProxy;
+using testing::expectNoWait;
 using testing::msSince;
 using testing::NatsServer;
 using testing::Outcome;
@@ -41,7 +43,7 @@ class CallNatsTest : public ::testing::Test {
     callerBus = connectNats(callerOptions);
     callee = std::make_unique<Callee>(*calleeBus);
     calleeBus->flush(5000);
-    caller = std::make_unique<KXCaller>(*callerBus, KXSubjects("r"), "r", 5000);
+    caller = std::make_unique<KXCaller>(*callerBus, KXSubjects("r"), "r", 40'000);
   }
   template <class... P>
   Outcome call(std::string const& method, P const&... arguments) {
@@ -79,7 +81,7 @@ TEST_F(CallNatsTest, KnowsAtOnceThatNobodyIsThere) {
 
   EXPECT_EQ(outcome.kind(), Kind::NotFound);
   EXPECT_EQ(outcome.text(), "nobody has module 'Other' on robot 'r'");
-  EXPECT_LT(outcome.tookMs, 50);
+  expectNoWait([this] { return callModule("Other", "method", KXValue::arrayOf()); });
 }
 
 TEST_F(CallNatsTest, SendsTwentyMegabytesWithTheServersOwnLimits) {
@@ -98,7 +100,7 @@ TEST_F(CallNatsTest, GetsTheResultAlthoughTheServerDiesMeanwhile) {
   call("echo");
   // The server lives and dies with this thread.
   Outcome outcome;
-  std::thread parked([&] { outcome = call("park"); });
+  std::jthread parked([&] { outcome = call("park"); });
   ASSERT_TRUE(callee->gate.waitUntilParked(1));
 
   server.kill();
@@ -113,10 +115,9 @@ TEST_F(CallNatsTest, GetsTheResultAlthoughTheServerDiesMeanwhile) {
 TEST_F(CallNatsTest, NoCallIsLostOrRunsTwiceWhileServersDie) {
   connect();
   call("echo");
-  std::atomic<bool> isStopped = false;
   std::atomic<int> goodCount = 0;
-  std::thread client([&] {
-    for (int key = 1; !isStopped; ++key) {
+  std::jthread client([&](std::stop_token const& stop) {
+    for (int key = 1; !stop.stop_requested(); ++key) {
       Outcome const outcome = call("count", key);
       if (!outcome.error) {
         EXPECT_EQ(outcome.result, KXValue(1));
@@ -136,7 +137,7 @@ TEST_F(CallNatsTest, NoCallIsLostOrRunsTwiceWhileServersDie) {
   }
   int const before = goodCount;
   EXPECT_TRUE(waitUntil([&] { return goodCount > before + 20; }));
-  isStopped = true;
+  client.request_stop();
   client.join();
   EXPECT_EQ(callee->mostRuns(), 1);
 }
@@ -151,23 +152,22 @@ TEST_F(CallNatsTest, KnowsAtOnceThatThereIsNoServer) {
 
   EXPECT_EQ(outcome.kind(), Kind::Disconnected);
   EXPECT_THAT(outcome.text(), StartsWith("no connection to nats://127.0.0.1:"));
-  EXPECT_LT(outcome.tookMs, 50);
+  expectNoWait([this] { return call("echo"); });
 }
 
 TEST_F(CallNatsTest, NoticesACalleeThatDiesInTheMiddle) {
   connect();
   call("echo");
-  std::thread killer([this] {
-    callee->gate.waitUntilParked(1);
+  std::jthread const killer([this] {
+    EXPECT_TRUE(callee->gate.waitUntilParked(1));
     proxy.cut();
   });
 
   Outcome const outcome = call("park");
 
-  killer.join();
   EXPECT_EQ(outcome.kind(), Kind::Disconnected);
   EXPECT_EQ(outcome.text(), "module 'Module' went away while it was called; the call may have run");
-  EXPECT_LT(outcome.tookMs, 1000);
+  EXPECT_LT(outcome.tookMs, 5000);
 }
 
 class CallNatsRightsTest : public CallNatsTest {
@@ -192,7 +192,7 @@ TEST_F(CallNatsRightsTest, WhatIsForbiddenIsRefusedAtOnce) {
 
   EXPECT_EQ(outcome.kind(), Kind::Refused);
   EXPECT_THAT(outcome.text(), StartsWith("the server forbids to call 'Module.count': "));
-  EXPECT_LT(outcome.tookMs, 100);
+  expectNoWait([this] { return call("count", 1); });
   EXPECT_EQ(callee->runs(1), 0);
 }
 
