@@ -64,11 +64,10 @@ TEST_F(KXCallerTest, RunsParallelCalls) {
 
   EXPECT_TRUE(caller->isRunning("Module", taskId));
   EXPECT_FALSE(caller->wait("Module", taskId, 20));
-  std::thread opener([this] { callee->gate.open(); });
+  std::jthread const opener([this] { callee->gate.open(); });
   EXPECT_TRUE(caller->wait("Module", taskId, 0));
   EXPECT_FALSE(caller->isRunning("Module", taskId));
   EXPECT_TRUE(caller->wait("Module", taskId, 0)) << "over already";
-  opener.join();
 }
 
 // ---- what is lost
@@ -81,7 +80,7 @@ TEST_F(KXCallerTest, RepeatsALostRequest) {
 
   expectOnce(outcome, 1);
   EXPECT_GE(outcome.tookMs, 490);
-  EXPECT_LT(outcome.tookMs, 1000);
+  EXPECT_LT(outcome.tookMs, 3000);
 }
 
 TEST_F(KXCallerTest, GetsALostReplyAgain) {
@@ -100,54 +99,53 @@ TEST_F(KXCallerTest, SurvivesTheLossOfTheVeryFirstMessages) {
 }
 
 TEST_F(KXCallerTest, TakesOneOfTwoAnswers) {
-  network.setFaults([](KXBusTransfer const&) { return KXBusFate{.delaysUs = {0, 0}}; });
+  setFaults([](KXBusTransfer const&) { return KXBusFate{.delaysUs = {0, 0}}; });
 
   for (int key = 1; key <= 20; ++key) expectOnce(call("count", key), key);
 }
 
 TEST_F(KXCallerTest, GetsTheReplyOfACallThatTookLongerThanItsRepeats) {
-  std::thread opener([this] {
-    callee->gate.waitUntilParked(1);
-    std::this_thread::sleep_for(std::chrono::milliseconds(700));
+  std::jthread const opener([this] {
+    EXPECT_TRUE(waitUntil([this] { return requestCount > 1; }));
     callee->gate.open();
   });
 
   Outcome const outcome = call("park");
 
   EXPECT_EQ(outcome.result, KXValue(true)) << outcome.text();
-  opener.join();
 }
 
 TEST_F(KXCallerTest, GoesOnAtOnceWhenTheConnectionIsBack) {
+  newCaller(10'000);
   call("echo");
-  std::thread mender;
-  // The request is lost with the connection.
-  network.setFaults([&, isFirst = true](KXBusTransfer const& transfer) mutable {
-    if (!isFirst || !isRequest(transfer.message)) return KXBusFate{};
-    isFirst = false;
-    mender = std::thread([this] {
-      network.cut(*callerBus);
-      network.mend(*callerBus);
-    });
+  Clock::time_point lostAt;
+  std::jthread mender;
+  // It is sent at 0, 500 and 1500 ms in vain. The last one is lost with the connection.
+  setFaults([&, left = 3](KXBusTransfer const& transfer) mutable {
+    if (left == 0 || !isRequest(transfer.message)) return KXBusFate{};
+    if (--left == 0) {
+      lostAt = Clock::now();
+      mender = std::jthread([this] {
+        network.cut(*callerBus);
+        network.mend(*callerBus);
+      });
+    }
     return KXBusFate{.delaysUs = {}};
   });
 
   Outcome const outcome = call("count", 1);
 
   expectOnce(outcome, 1);
-  EXPECT_LT(outcome.tookMs, 300) << "it has not waited for its first repeat";
-  mender.join();
+  EXPECT_LT(msSince(lostAt), 1800) << "it has not waited 2000 ms for its next repeat";
 }
 
 TEST_F(KXCallerTest, WaitsForACalleeThatReturnsAfterIt) {
   call("echo");
   network.cut(*calleeBus);
-  std::thread mender;
-  network.setFaults({});
   network.cut(*callerBus);
   network.mend(*callerBus);
   ASSERT_TRUE(waitUntil([this] { return callerBus->isConnected(); }));
-  mender = std::thread([this] {
+  std::jthread const mender([this] {
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     network.mend(*calleeBus);
   });
@@ -155,12 +153,11 @@ TEST_F(KXCallerTest, WaitsForACalleeThatReturnsAfterIt) {
   Outcome const outcome = call("count", 1);
 
   expectOnce(outcome, 1);
-  mender.join();
 }
 
 TEST_F(KXCallerTest, GivesAReplyThatIsGoneAsAFailure) {
   callee.reset();
-  callee = std::make_unique<Callee>(*calleeBus, "callee", KXServerOptions{.kept = {.keepMs = 100}});
+  callee = std::make_unique<Callee>(*calleeBus, "callee", KXServerOptions{.kept = {.keepMs = 10}});
   call("echo");
   lose(1, isReply);
 
@@ -173,32 +170,47 @@ TEST_F(KXCallerTest, GivesAReplyThatIsGoneAsAFailure) {
 
 TEST_F(KXCallerTest, DoesNotRunWhatWasGivenUpWhenItArrivesLate) {
   call("echo");
-  network.setFaults([](KXBusTransfer const& transfer) {
-    bool const isLate = isRequest(transfer.message) && transfer.message.subject.ends_with("count");
-    return KXBusFate{.delaysUs = {isLate ? 200'000 : 0}, .mayBeOvertaken = isLate};
+  struct {
+    std::string subject;
+    std::string reply;
+    KXBusHeaders headers;
+    std::string payload;
+  } late;
+  setFaults([&](KXBusTransfer const& transfer) {
+    KXBusMessage const& message = transfer.message;
+    if (!isRequest(message) || !message.subject.ends_with("count")) return KXBusFate{};
+    late = {std::string(message.subject), std::string(message.reply), message.headers,
+            std::string(message.payload)};
+    return KXBusFate{.delaysUs = {}};
   });
-
-  EXPECT_EQ(callFor(50, "count", 1).kind(), Kind::TimedOut);
+  breakOff("count", 1);
   EXPECT_EQ(call("echo", 1).result, KXValue::arrayOf(1));
-  std::this_thread::sleep_for(std::chrono::milliseconds(250));
+  setFaults({});
+  std::atomic<bool> isAnswered = false;
+  auto const answers =
+      callerBus->subscribe(late.reply, "", 1, [&](KXBusMessage const&) { isAnswered = true; });
 
+  callerBus->publish({.subject = late.subject,
+                      .reply = late.reply,
+                      .headers = late.headers,
+                      .payload = late.payload});
+
+  EXPECT_TRUE(waitUntil([&] { return isAnswered.load(); }));
   EXPECT_EQ(callee->runs(1), 0) << "the call after it said that nobody waits";
 }
 
 TEST_F(KXCallerTest, TakesNoNoticeOfAReplyThatComesTooLate) {
-  std::thread late([this] {
-    Outcome const outcome = callFor(100, "park");
-    EXPECT_EQ(outcome.kind(), Kind::TimedOut);
-    callee->gate.open();
-  });
-  late.join();
+  call("echo");
+  breakOff("park");
+  callee->gate.open();
 
   for (int i = 0; i < 20; ++i) EXPECT_EQ(call("echo", i).result, KXValue::arrayOf(i));
 }
 
 TEST_F(KXCallerTest, AReplyThatNobodyWaitedForIsCountedAsGivenUp) {
   call("echo");
-  EXPECT_EQ(callFor(50, "park").kind(), Kind::TimedOut);
+  breakOff("park");
+  ASSERT_TRUE(callee->gate.waitUntilParked(1));
 
   EXPECT_EQ(call("echo", 1).result, KXValue::arrayOf(1));
   callee->gate.open();
@@ -214,15 +226,21 @@ TEST_F(KXCallerTest, TellsTheCalleeOfAllThatItGaveUp) {
   newCaller(10);
   EXPECT_TRUE(waitUntil([this] { return !call("echo").error; }));
   lose(-1, isReply);
-  for (int i = 0; i < 70; ++i) EXPECT_EQ(call("count", i).kind(), Kind::TimedOut);
-  network.setFaults({});
-
   // More than one request can name.
-  ASSERT_TRUE(waitUntil([this] { return callee->totalRuns() == 70; }));
+  for (int i = 0; i < 70; ++i) {
+    breakOff("count", i);
+    // Otherwise the next one may overtake it, and it runs nowhere.
+    ASSERT_TRUE(waitUntil([&] { return callee->runs(i) == 1; }));
+  }
+  setFaults({});
+
   for (int i = 0; i < 3; ++i) EXPECT_TRUE(waitUntil([this] { return !call("echo").error; }));
 
-  KXReplyKeeper::Counts const counts = callee->server->counts();
-  EXPECT_GE(counts.expired, 70U);
+  KXReplyKeeper::Counts counts;
+  EXPECT_TRUE(waitUntil([&] {
+    counts = callee->server->counts();
+    return counts.running == 0 && counts.expired >= 70;
+  })) << counts.expired;
   EXPECT_EQ(counts.admitted, counts.kept + counts.acknowledged + counts.expired);
 }
 
@@ -264,8 +282,8 @@ TEST_F(KXCallerTest, CallsTheStoreInItsOwnName) {
 
 TEST_F(KXCallerTest, FailsItsCallsWhenItIsClosed) {
   call("echo");
-  std::vector<std::thread> threads;
   std::atomic<int> failedCount = 0;
+  std::vector<std::jthread> threads;
   for (int i = 0; i < 4; ++i) {
     threads.emplace_back([&] {
       Outcome const outcome = call("park");
@@ -280,8 +298,9 @@ TEST_F(KXCallerTest, FailsItsCallsWhenItIsClosed) {
 
   auto const begin = Clock::now();
   caller->close();
-  for (std::thread& thread : threads) thread.join();
-  EXPECT_LT(msSince(begin), 100);
+  for (std::jthread& thread : threads) thread.join();
+  EXPECT_LT(msSince(begin), 3000);
+  EXPECT_EQ(failedCount, 4);
 
   Outcome const after = call("echo");
   EXPECT_EQ(after.kind(), Kind::Disconnected);
@@ -290,14 +309,13 @@ TEST_F(KXCallerTest, FailsItsCallsWhenItIsClosed) {
 
 TEST_F(KXCallerTest, ItsEndWaitsForTheCallsThatItFails) {
   call("echo");
-  std::thread thread([this] { EXPECT_EQ(call("park").kind(), Kind::Disconnected); });
+  std::jthread const thread([this] { EXPECT_EQ(call("park").kind(), Kind::Disconnected); });
   ASSERT_TRUE(callee->gate.waitUntilParked(1));
 
   auto const begin = Clock::now();
   caller.reset();
 
-  EXPECT_LT(msSince(begin), 1000);
-  thread.join();
+  EXPECT_LT(msSince(begin), 3000);
 }
 
 TEST_F(KXCallerTest, CalleesMayCallBackWithinACall) {
@@ -322,7 +340,7 @@ TEST_F(KXCallerTest, CalleesMayCallBackWithinACall) {
   Outcome const outcome = callModule("There", 0, "method", KXValue::arrayOf(5));
 
   EXPECT_EQ(outcome.text(), "[5,[3,[1,\"end\"]]]");
-  EXPECT_LT(outcome.tookMs, 400);
+  EXPECT_LT(outcome.tookMs, 3000);
 }
 
 }  // namespace
