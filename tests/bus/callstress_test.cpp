@@ -2,6 +2,7 @@
 #include <tests/bus/callfixture.hpp>
 
 #include <atomic>
+#include <stop_token>
 #include <string>
 #include <thread>
 #include <vector>
@@ -21,7 +22,7 @@ class StressCallTest : public testing::CallTest {
 
   // Each key is called once; all calls come back, and no method runs twice.
   void callFromThreads(int threadCount, int callCount) {
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (int thread = 0; thread < threadCount; ++thread) {
       threads.emplace_back([=, this] {
         for (int i = 0; i < callCount; ++i) {
@@ -31,7 +32,7 @@ class StressCallTest : public testing::CallTest {
         }
       });
     }
-    for (std::thread& thread : threads) thread.join();
+    for (std::jthread& thread : threads) thread.join();
     EXPECT_EQ(callee->totalRuns(), threadCount * callCount);
     EXPECT_EQ(callee->mostRuns(), 1);
     auto const counts = callee->server->counts();
@@ -52,18 +53,17 @@ TEST_F(StressCallTest, SixteenThreadsOverABadNetwork) {
     callee.reset();
     callee = std::make_unique<Callee>(*calleeBus);
     newCaller(20'000);
-    network.setFaults(KXBusNetwork::randomFaults(
+    setFaults(KXBusNetwork::randomFaults(
         seed, {.loss = 0.02, .duplicate = 0.05, .overtaken = 0.1, .maxDelayUs = 1000}));
     callFromThreads(16, 50);
-    network.setFaults({});
+    setFaults({});
   }
 }
 
 TEST_F(StressCallTest, SixteenThreadsWhileConnectionsAreCut) {
   call("echo");
-  std::atomic<bool> isStopped = false;
-  std::thread cutter([&] {
-    for (int i = 0; !isStopped; ++i) {
+  std::jthread cutter([&](std::stop_token const& stop) {
+    for (int i = 0; !stop.stop_requested(); ++i) {
       KXBus& bus = i % 2 == 0 ? *callerBus : *calleeBus;
       network.cut(bus);
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
@@ -73,7 +73,7 @@ TEST_F(StressCallTest, SixteenThreadsWhileConnectionsAreCut) {
   });
   std::atomic<int> keyCount = 0;
   std::atomic<int> goodCount = 0;
-  std::vector<std::thread> threads;
+  std::vector<std::jthread> threads;
   for (int thread = 0; thread < 16; ++thread) {
     threads.emplace_back([&] {
       for (int i = 0; i < 60; ++i) {
@@ -90,8 +90,8 @@ TEST_F(StressCallTest, SixteenThreadsWhileConnectionsAreCut) {
       }
     });
   }
-  for (std::thread& thread : threads) thread.join();
-  isStopped = true;
+  for (std::jthread& thread : threads) thread.join();
+  cutter.request_stop();
   cutter.join();
 
   EXPECT_EQ(goodCount, 16 * 60);
@@ -99,11 +99,10 @@ TEST_F(StressCallTest, SixteenThreadsWhileConnectionsAreCut) {
 }
 
 TEST_F(StressCallTest, CallersAndCalleesComeAndGo) {
-  std::atomic<bool> isStopped = false;
-  std::vector<std::thread> threads;
+  std::vector<std::jthread> threads;
   for (int thread = 0; thread < 4; ++thread) {
-    threads.emplace_back([&, thread] {
-      for (int i = 0; !isStopped; ++i) {
+    threads.emplace_back([&, thread](std::stop_token const& stop) {
+      for (int i = 0; !stop.stop_requested(); ++i) {
         auto const bus = network.connect();
         KXCaller own(*bus, KXSubjects("r"), "r", 2000);
         for (int k = 0; k < 20; ++k) {
@@ -123,8 +122,7 @@ TEST_F(StressCallTest, CallersAndCalleesComeAndGo) {
     callee.reset();
     callee = std::make_unique<Callee>(*calleeBus);
   }
-  isStopped = true;
-  for (std::thread& thread : threads) thread.join();
+  threads.clear();
   EXPECT_EQ(call("echo", 1).result, KXValue::arrayOf(1));
 }
 
