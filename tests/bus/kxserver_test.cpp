@@ -3,6 +3,7 @@
 
 #include <condition_variable>
 #include <mutex>
+#include <stop_token>
 #include <string>
 #include <thread>
 #include <vector>
@@ -196,13 +197,19 @@ TEST_F(KXServerTest, RefusesTheCallOfSomebodyElse) {
 }
 
 TEST_F(KXServerTest, NeverAnswersToASubjectOfCalls) {
+  // One thread for each module: what came first has been answered first.
+  callee.reset();
+  callee = std::make_unique<Callee>(*calleeBus, "callee", KXServerOptions{.threads = 1});
   callee->host.publishScript("Victim", [](auto const&, auto const&) { return KXValue(); });
   callee->server->serve("Victim");
 
   send("kx.r.Module.count", encodeValue(KXValue::arrayOf(1)), {}, "kx.r.Victim.method");
   ask(kEcho, "");
+  ask("kx.r.Victim.last", "");
 
-  EXPECT_TRUE(callee->server->statistics("Victim").empty());
+  auto const statistics = callee->server->statistics("Victim");
+  ASSERT_EQ(statistics.size(), 1U);
+  EXPECT_EQ(statistics[0].method, "last");
   EXPECT_EQ(callee->runs(1), 0);
 }
 
@@ -230,15 +237,18 @@ TEST_F(KXServerTest, ManyWhoWaitLeaveThreadsForCalls) {
   KXValue id;
   caller->pCall("Module", "park", KXValue::arrayOf(), id);
   ASSERT_TRUE(callee->gate.waitUntilParked(1));
-  std::vector<std::thread> waiters;
-  for (int i = 0; i < 40; ++i) {
+  // If each of them had a thread for 2 s, a call would wait until two times 32 have had theirs.
+  constexpr int kWaiters = 70;
+  int const before = requestCount;
+  std::vector<std::jthread> waiters;
+  for (int i = 0; i < kWaiters; ++i) {
     waiters.emplace_back([&] { EXPECT_TRUE(caller->wait("Module", static_cast<int>(id), 0)); });
   }
+  EXPECT_TRUE(waitUntil([&] { return requestCount >= before + kWaiters; }));
 
-  for (int i = 0; i < 5; ++i) EXPECT_LT(call("echo", i).tookMs, 400);
+  for (int i = 0; i < 5; ++i) EXPECT_LT(call("echo", i).tookMs, 3000);
 
   callee->gate.open();
-  for (std::thread& waiter : waiters) waiter.join();
 }
 
 // ---- which modules
@@ -277,12 +287,11 @@ TEST_F(KXServerTest, AModuleThatIsRemovedIsNotThereAnyMore) {
 }
 
 TEST_F(KXServerTest, AModuleMayBeRemovedDuringItsCalls) {
-  std::atomic<bool> isStopped = false;
   std::atomic<int> goodCount = 0;
-  std::vector<std::thread> threads;
+  std::vector<std::jthread> threads;
   for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([&] {
-      while (!isStopped) {
+    threads.emplace_back([&](std::stop_token const& stop) {
+      while (!stop.stop_requested()) {
         Outcome const outcome = call("echo", 1);
         if (!outcome.error) {
           ++goodCount;
@@ -295,8 +304,6 @@ TEST_F(KXServerTest, AModuleMayBeRemovedDuringItsCalls) {
   EXPECT_TRUE(waitUntil([&] { return goodCount > 20; }));
   callee->host.getBroker()->removeModule("Module");
   EXPECT_TRUE(waitUntil([&] { return call("echo").error.has_value(); }));
-  isStopped = true;
-  for (std::thread& thread : threads) thread.join();
 }
 
 // ---- in the name of a user
@@ -411,12 +418,16 @@ TEST_F(KXServerTest, CountsErrorsBesideThoseThatTheMethodThrows) {
 }
 
 TEST_F(KXServerTest, CallersOfOneModuleCrowdOutNoRepliesOfAnother) {
+  constexpr int kMost = 100;
+  callee.reset();
+  callee = std::make_unique<Callee>(*calleeBus, "callee",
+                                    KXServerOptions{.kept = {.maxCallers = kMost}});
   callee->host.publishScript("Other", [](std::string const&, KXValue const&) { return true; });
   callee->server->serve("Other");
   std::string const argument = encodeValue(KXValue::arrayOf(1));
   ask("kx.r.Module.count", argument, idHeader("0123456789abcdef.1.0"));
 
-  for (int i = 0; i < 11'000; ++i) {
+  for (int i = 0; i < 2 * kMost; ++i) {
     std::string id = std::to_string(i);
     id.insert(0, 16 - id.size(), '0');
     ask("kx.r.Other.any", argument, idHeader(id + ".1.0"));
@@ -459,7 +470,7 @@ TEST_F(KXServerTest, ItsEndWaitsForTheCallsInProgress) {
   send("kx.r.Module.park", argument);
   ASSERT_TRUE(callee->gate.waitUntilParked(1));
   std::atomic<bool> hasEnded = false;
-  std::thread ender([&] {
+  std::jthread ender([&] {
     callee->server.reset();
     hasEnded = true;
   });
@@ -480,9 +491,10 @@ TEST_F(KXServerTest, ItsEndWaitsForTheCallsInProgress) {
 }
 
 TEST_F(KXServerTest, ItsEndSaysWhatItWaitsFor) {
-  std::thread parked([this] { call("park"); });
+  newCaller(30'000);
+  std::jthread const parked([this] { call("park"); });
   ASSERT_TRUE(callee->gate.waitUntilParked(1));
-  std::thread ender([this] { callee->server.reset(); });
+  std::jthread const ender([this] { callee->server.reset(); });
 
   EXPECT_TRUE(waitUntil([this] {
     for (LogLine const& line : callee->host.getLogged()) {
@@ -492,8 +504,6 @@ TEST_F(KXServerTest, ItsEndSaysWhatItWaitsFor) {
     return false;
   }));
   callee->gate.open();
-  ender.join();
-  parked.join();
 }
 
 TEST_F(KXServerTest, AModuleMayStopBeingServedByACallOfItsOwn) {
