@@ -201,7 +201,7 @@ TEST(ServiceOverARealServer, Answers) {
   EXPECT_EQ(ask(other, "$SRV.INFO.Arm").at("endpoints").size(), 2U);
   EXPECT_EQ(ask(other, "$SRV.STATS").at("started"), "2026-01-02T03:04:05.678901Z");
   EXPECT_TRUE(ask(other, "$SRV.PING.Leg").is_null());
-  EXPECT_EQ(findAnnounced(*other).size(), 1U);
+  EXPECT_EQ(findAnnounced(*other, 1s).size(), 1U);
 }
 
 TEST_F(Service, SaysNothingToWhoeverWantsNoAnswer) {
@@ -213,7 +213,7 @@ TEST_F(Service, SaysNothingToWhoeverWantsNoAnswer) {
 TEST_F(Service, IsGoneAtItsEnd) {
   mServices.clear();
 
-  EXPECT_THAT(findAnnounced(*mBus, 100ms), IsEmpty());
+  EXPECT_THAT(findAnnounced(*mBus, 10min), IsEmpty());
 }
 
 TEST_F(Service, IsFoundAmongStrangersByWhoeverLooksForRobots) {
@@ -228,7 +228,7 @@ TEST_F(Service, IsFoundAmongStrangersByWhoeverLooksForRobots) {
     }));
   }
 
-  std::vector<KXAnnouncedModule> const found = findAnnounced(*mBus, 300ms);
+  std::vector<KXAnnouncedModule> const found = findAnnounced(*mBus, 1s);
 
   ASSERT_EQ(found.size(), 1U);
   EXPECT_NE(found[0].version, "");
@@ -248,11 +248,39 @@ TEST(Announced, IsNothingAtOnceWhereThereIsNoService) {
   EXPECT_THAT(findAnnounced(*bus, 10min), IsEmpty());
 }
 
+/// A bus where as many answers of one kind as wanted come before publish() returns: however slow
+/// the machine is, they are there in time.
+class Answering : public KXBus {
+ public:
+  Answering(std::size_t count, std::size_t size) : mCount(count), mPayload(size, '{') {}
+
+  void publish(KXBusMessage const& message) override {
+    KXBusMessage const answer{.subject = message.reply, .payload = mPayload};
+    for (std::size_t i = 0; i < mCount; ++i) mHandler(answer);
+  }
+  std::unique_ptr<KXBusSubscription> subscribe(std::string const& /*subject*/,
+                                               std::string const& /*queue*/, int /*threads*/,
+                                               Handler handler) override {
+    mHandler = std::move(handler);
+    return nullptr;
+  }
+  void flush(int /*timeoutMs*/) override {}
+  std::unique_ptr<KXBusSubscription> observe(EventHandler /*handler*/) override { return nullptr; }
+  bool isConnected() const override { return true; }
+  std::size_t maxPayload() const override { return std::size_t{1} << 20; }
+  std::string const& inboxPrefix() const override { return mName; }
+  std::string const& user() const override { return mName; }
+  std::string const& address() const override { return mName; }
+
+ private:
+  std::size_t const mCount;
+  std::string const mPayload;
+  std::string const mName{"name"};
+  Handler mHandler;
+};
+
 TEST(Announced, AreNotTakenWithoutBound) {
-  KXBusNetwork network(KXBusNetwork::Pacing::Threaded);
-  auto const bus = network.connect();
-  auto const stranger = network.connect();
-  std::size_t const large = stranger->maxPayload() / 2;
+  constexpr std::size_t kLarge = std::size_t{512} * 1024;
   struct Case {
     char const* name;
     std::size_t count;
@@ -263,21 +291,15 @@ TEST(Announced, AreNotTakenWithoutBound) {
        {Case{"number", kMostAnnounced, 2, "none"},
         Case{"greater number", kMostAnnounced + 1, 2,
              "expected at most 10000 services to answer, got more of them"},
-        Case{"bytes", kMostAnnouncedBytes / large, large, "none"},
-        Case{"more bytes", kMostAnnouncedBytes / large + 1, large,
+        Case{"bytes", kMostAnnouncedBytes / kLarge, kLarge, "none"},
+        Case{"more bytes", kMostAnnouncedBytes / kLarge + 1, kLarge,
              "expected answers of at most 67108864 bytes from services, got more of them"}}) {
     SCOPED_TRACE(each.name);
-    auto const answers = stranger->subscribe("$SRV.INFO", "", 1, [&](KXBusMessage const& message) {
-      std::string const payload(each.size, '{');
-      std::string const reply(message.reply);
-      for (std::size_t i = 0; i < each.count; ++i) {
-        stranger->publish({.subject = reply, .payload = payload});
-      }
-    });
+    Answering bus(each.count, each.size);
     std::string refusal = "none";
 
     try {
-      findAnnounced(*bus, 1s);
+      findAnnounced(bus, 1ms);
     } catch (KXError const& error) {
       refusal = error.getDescription();
       EXPECT_EQ(error.getKind(), KXError::Kind::Failed);
