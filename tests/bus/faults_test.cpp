@@ -10,6 +10,7 @@
 #include <iostream>
 #include <memory>
 #include <optional>
+#include <stop_token>
 #include <string>
 #include <thread>
 #include <vector>
@@ -45,6 +46,9 @@ using Values = std::vector<KXValue>;
 
 constexpr int kPeriodMs = 10;
 constexpr char const* kWatcher = "KXMemoryWatcher";
+// The last one of a test, after which what is made up for is counted.
+constexpr std::chrono::milliseconds kLastFailure{1000};
+constexpr auto kSoon = 3s;  // of what waits 5 s for an answer, or for ever, if it waits
 
 bool isLong() {
   return std::getenv("KX_LONG") != nullptr;
@@ -209,10 +213,12 @@ class Faults : public ::testing::Test {
     RecordProperty("batches", std::to_string(batches));
     RecordProperty("warnings", std::to_string(warnings));
     EXPECT_LE(batches + warnings, periods + 10);
-    // A read may take a tenth of a second: the periods of that time are made up for, no others.
-    constexpr int kMadeUp = 100 / kPeriodMs;
+    // A read may take a tenth of a second, and a thread on a busy machine sleep for half a one: the
+    // periods of that time are made up for, but not those of the failure.
+    constexpr int kMadeUp = 600 / kPeriodMs;
+    static_assert(kMadeUp < kLastFailure / std::chrono::milliseconds(kPeriodMs));
     std::int64_t const periodsSince = (nowUs() - mReturnUs) / (kPeriodMs * 1000);
-    EXPECT_LE(mLedger.countSince(mReturnUs), periodsSince + kMadeUp + 5);
+    EXPECT_LE(mLedger.countSince(mReturnUs), periodsSince + kMadeUp);
   }
   std::ptrdiff_t countWarnings() const {
     auto const lines = log.lines();
@@ -226,7 +232,7 @@ class Faults : public ::testing::Test {
     for (int i = 1; i <= times; ++i) {
       ASSERT_TRUE(isAt(last / (times + 1) * i));
       server.kill();
-      std::this_thread::sleep_for(100ms);  // some periods are to be lost
+      std::this_thread::sleep_for(i < times ? 100ms : kLastFailure);  // some periods are to be lost
       fetch();
       mReturnUs = nowUs();
       server.start();
@@ -242,7 +248,7 @@ class Faults : public ::testing::Test {
     server.hang();
     auto const end = Clock::now() + time;
     while (Clock::now() < end) {
-      EXPECT_LT(timeOf([&] { fetch(); }), 1s);  // the watcher itself does not stand still
+      EXPECT_LT(timeOf([&] { fetch(); }), kSoon);  // the watcher itself does not stand still
       std::this_thread::sleep_for(50ms);
     }
     mReturnUs = nowUs();
@@ -256,7 +262,7 @@ class Faults : public ::testing::Test {
     for (int i = 1; i <= times; ++i) {
       ASSERT_TRUE(isAt(last / (times + 1) * i));
       proxy.cut();
-      std::this_thread::sleep_for(100ms);  // some periods are to be lost
+      std::this_thread::sleep_for(i < times ? 100ms : kLastFailure);  // some periods are to be lost
       mReturnUs = nowUs();
       proxy.resume();
       EXPECT_TRUE(isSampling());
@@ -318,9 +324,9 @@ TEST_F(Faults, AShutdownDoesNotWaitForAServerThatHangs) {
   server.hang();
   std::this_thread::sleep_for(100ms);
 
-  EXPECT_LT(timeOf([&] { watcher.reset(); }), 1s);
+  EXPECT_LT(timeOf([&] { watcher.reset(); }), kSoon);
   endPosting();
-  EXPECT_LT(timeOf([&] { store.reset(); }), 1s);
+  EXPECT_LT(timeOf([&] { store.reset(); }), kSoon);
   server.goOn();
 }
 
@@ -354,7 +360,7 @@ TEST_F(Faults, TwoWhoFetchInTurnGetEachSampleOnce) {
   startPosting(kLast);
   for (int i = 1; i <= kKills; ++i) {
     ASSERT_TRUE(fetchInTurn(kLast / (kKills + 1) * i));
-    std::thread fetching([&] {
+    std::jthread fetching([&] {
       mLedger.take(untilConnected([&] { return call(one, kWatcher, "getData", {}, 30'000); }));
     });
     server.kill();
@@ -395,14 +401,14 @@ TEST_F(Faults, AnEventAndTheEndOfItsSubscriptionDoNotHoldEachOtherUp) {
   startPosting(1'000'000);
   for (int i = 0; i < 20; ++i) {
     ASSERT_TRUE(isAt(mLedger.last + 1));
-    EXPECT_LT(timeOf([&] { call(*watcher, kWatcher, "removeListener", {"number"}); }), 1s);
+    EXPECT_LT(timeOf([&] { call(*watcher, kWatcher, "removeListener", {"number"}); }), kSoon);
     // What was on its way made an entry of its own, which would pass for the one to be added.
     auto const transport = store->getBroker()->getTransport();
     std::string const address = std::string(kWatcher) + "@" + watcher->getBroker()->getName();
     EXPECT_TRUE(eventually([&] { return transport->notificationCounts(address).waiting == 0; }));
     fetch();
     call(*watcher, kWatcher, "removeAllListeners");
-    EXPECT_LT(timeOf([&] { call(*watcher, kWatcher, "addListener", {"number"}); }), 1s);
+    EXPECT_LT(timeOf([&] { call(*watcher, kWatcher, "addListener", {"number"}); }), kSoon);
   }
   endPosting();
   call(*watcher, kWatcher, "addListener", {"data"});
@@ -436,8 +442,11 @@ class Processes : public ::testing::Test {
 TEST_F(Processes, AWatcherThatIsKilledFailsTheFetchAndItsNameIsFree) {
   auto const host = startHost();
   call("KXMemory", "insertData", {"data", 1});
+  std::optional<Clock::duration> firstStart;  // of a process, and where nobody had the name before
   for (int round = 0; round < 3; ++round) {
+    auto const before = Clock::now();
     auto const watcher = startWatcher();
+    if (!firstStart) firstStart = Clock::now() - before;
     call(kWatcher, "addListener", {"data"});
     call(kWatcher, "startWatching", {kPeriodMs});
     std::jthread killer([&] {
@@ -447,23 +456,23 @@ TEST_F(Processes, AWatcherThatIsKilledFailsTheFetchAndItsNameIsFree) {
     std::optional<KXError::Kind> kind;
     Clock::duration worst{0};
     EXPECT_TRUE(eventually([&] {
-      auto const before = Clock::now();
+      auto const asked = Clock::now();
       try {
         call(kWatcher, "getData");
       } catch (KXError const& error) {
         kind = error.getKind();
       }
-      worst = std::max(worst, Clock::now() - before);
+      worst = std::max(worst, Clock::now() - asked);
       return kind.has_value();
     }));
     killer.join();
     EXPECT_TRUE(kind == KXError::Kind::Disconnected || kind == KXError::Kind::NotFound);
-    EXPECT_LT(worst, 1s);  // with the first repeat
+    EXPECT_LT(worst, kSoon);  // with the first repeat
     EXPECT_EQ(watcher->waitForEnd(), -SIGKILL);
   }
   auto const start = Clock::now();
   auto const watcher = startWatcher();
-  EXPECT_LT(Clock::now() - start, 3s);
+  EXPECT_LT(Clock::now() - start, *firstStart + 3s);
 }
 
 TEST_F(Processes, AHostThatIsKilledAndStartedAgainIsSampledAgain) {
@@ -528,19 +537,21 @@ struct Meetings : ::testing::Test {
 };
 
 TEST_F(Meetings, AReplyThatComesTooLateIsNobodysElse) {
+  call("echo", 0);
   auto const before = Clock::now();
   try {
-    call("park", "late", 200);
+    call("park", "late", 1000);
     ADD_FAILURE() << "did not time out";
   } catch (KXError const& error) {
     EXPECT_EQ(error.getKind(), KXError::Kind::TimedOut);
   }
-  EXPECT_LT(Clock::now() - before, 1s);
+  EXPECT_LT(Clock::now() - before, kSoon);
+  EXPECT_TRUE(slow->gate.waitUntilParked(1));
 
   slow->gate.open();
 
   for (int i = 0; i < 100; ++i) EXPECT_EQ(call("echo", i), KXValue(i));
-  EXPECT_EQ(slow->echoed, 100);
+  EXPECT_EQ(slow->echoed, 101);
 }
 
 TEST_F(Meetings, WhoIsAnnouncedCanBeCalledAtOnce) {
@@ -560,12 +571,11 @@ TEST_F(Meetings, WhoIsAnnouncedCanBeCalledAtOnce) {
 TEST_F(Meetings, CallsEndWithTheirCallee) {
   std::atomic<int> answered{0};
   std::atomic<int> errors{0};
-  std::atomic<bool> isOver{false};
   std::atomic<int> wrongKinds{0};
-  std::vector<std::thread> callers;
+  std::vector<std::jthread> callers;
   for (int i = 0; i < 4; ++i) {
-    callers.emplace_back([&] {
-      while (!isOver) {
+    callers.emplace_back([&](std::stop_token const& stop) {
+      while (!stop.stop_requested()) {
         try {
           call("echo", 1);
           ++answered;
@@ -579,14 +589,10 @@ TEST_F(Meetings, CallsEndWithTheirCallee) {
   }
   EXPECT_TRUE(eventually([&] { return answered > 100; }));
 
-  EXPECT_LT(timeOf([&] { callee.reset(); }), 1s);
+  EXPECT_LT(timeOf([&] { callee.reset(); }), kSoon);
 
   EXPECT_TRUE(eventually([&] { return errors > 100; }));
-  isOver = true;
-  EXPECT_LT(timeOf([&] {
-              for (std::thread& thread : callers) thread.join();
-            }),
-            1s);
+  EXPECT_LT(timeOf([&] { callers.clear(); }), kSoon);
   EXPECT_EQ(wrongKinds, 0);
   EXPECT_EQ(slow->echoed, answered);  // none ran whose caller was told that it did not
 }
@@ -594,7 +600,7 @@ TEST_F(Meetings, CallsEndWithTheirCallee) {
 TEST_F(Meetings, ACallEndsWhenItsCallersProcessShutsDown) {
   KXHost other({.withStore = false, .bus = KXBusOptions{.url = server.url()}});
   std::atomic<bool> hasFailed{false};
-  std::thread waiting([&] {
+  std::jthread waiting([&] {
     try {
       other.getBroker()->getProxy("Slow", 0)->genericCall("park", KXValue::arrayOf(1), 30'000);
     } catch (KXError const&) {
@@ -603,7 +609,7 @@ TEST_F(Meetings, ACallEndsWhenItsCallersProcessShutsDown) {
   });
   ASSERT_TRUE(slow->gate.waitUntilParked(1));
 
-  EXPECT_LT(timeOf([&] { other.shutdown(); }), 1s);
+  EXPECT_LT(timeOf([&] { other.shutdown(); }), kSoon);
 
   waiting.join();
   EXPECT_TRUE(hasFailed);
