@@ -390,7 +390,7 @@ TEST_P(BusContract, EndOfSubscriptionWaitsForItsHandler) {
   bus->publish({.subject = "long"});
   ASSERT_TRUE(begun.waitFor(1));
 
-  std::thread opener([&] {
+  std::jthread opener([&] {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     mayEnd.set_value();
   });
@@ -408,7 +408,7 @@ TEST_P(BusContract, SubscriptionEndsAtOnceWhenNothingComes) {
 
   listening.reset();
 
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
 }
 
 TEST_P(BusContract, NothingComesAfterTheEndOfASubscription) {
@@ -417,9 +417,8 @@ TEST_P(BusContract, NothingComesAfterTheEndOfASubscription) {
   std::atomic<bool> hasEnded{false};
   std::atomic<int> late{0};
   std::atomic<int> count{0};
-  std::atomic<bool> isEnough{false};
-  std::thread sender([&] {
-    while (!isEnough) other->publish({.subject = "stream"});
+  std::jthread sender([&](std::stop_token const& stop) {
+    while (!stop.stop_requested()) other->publish({.subject = "stream"});
   });
   for (int i = 0; i < 20; ++i) {
     hasEnded = false;
@@ -436,7 +435,7 @@ TEST_P(BusContract, NothingComesAfterTheEndOfASubscription) {
     listening.reset();
     hasEnded = true;
   }
-  isEnough = true;
+  sender.request_stop();
   sender.join();
 
   EXPECT_EQ(late, 0);
@@ -490,7 +489,7 @@ TEST_P(BusContract, BusWaitsForHandlersWhoseSubscriptionEnded) {
   bus->publish({.subject = "once"});
   ASSERT_TRUE(ended.waitFor(1));
 
-  std::thread opener([&] {
+  std::jthread opener([&] {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     mayEnd.set_value();
   });
@@ -530,7 +529,7 @@ TEST_P(BusContract, CutConnectionComesBackWithItsSubscriptions) {
   auto const begin = std::chrono::steady_clock::now();
   EXPECT_EQ(kindThrownBy([&] { bus->publish({.subject = "s"}); }), KXError::Kind::Disconnected);
   EXPECT_EQ(kindThrownBy([&] { bus->flush(5000); }), KXError::Kind::Disconnected);
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(3));
   other->publish({.subject = "s", .payload = "lost"});
   other->flush(5000);
   Inbox madeMeanwhile;
@@ -640,7 +639,7 @@ TEST_P(BusContract, EndOfAnObservationWaitsForItsHandler) {
   mWorld->cut(*bus);
   ASSERT_TRUE(begun.waitFor(1));
 
-  std::thread opener([&] {
+  std::jthread opener([&] {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     mayEnd.set_value();
   });
@@ -662,7 +661,7 @@ TEST_P(BusContract, ManyConnectionsAndThreadsUseTheBusAtOnce) {
   std::vector<std::unique_ptr<KXBus>> buses;
   for (int i = 0; i < kConnections; ++i) buses.push_back(connect());
 
-  std::vector<std::thread> senders;
+  std::vector<std::jthread> senders;
   for (auto const& bus : buses) {
     senders.emplace_back([&bus] {
       for (int i = 0; i < kMessages; ++i) bus->publish({.subject = "many.x"});
@@ -680,7 +679,7 @@ TEST_P(BusContract, ThreadsOfTheProcessShareAConnection) {
   auto const listening = listen(
       *bus, "shared", [&](KXBusMessage const&) { got.add(); }, 2);
 
-  std::vector<std::thread> threads;
+  std::vector<std::jthread> threads;
   for (int i = 0; i < 4; ++i) {
     threads.emplace_back([&bus] {
       for (int k = 0; k < 100; ++k) {

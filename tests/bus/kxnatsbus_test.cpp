@@ -525,7 +525,7 @@ std::string whatIsSentTo(std::function<void(int port)> const& connect) {
   EXPECT_EQ(::listen(listener, 4), 0);
   ::getsockname(listener, generic, &size);
   std::string sent;
-  std::thread server([&] {
+  std::jthread server([&] {
     int const client = ::accept(listener, nullptr, nullptr);
     std::string const info =
         "INFO "
