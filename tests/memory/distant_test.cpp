@@ -238,9 +238,15 @@ TEST_F(DistantStore, IsToldItsSubscriptionsAgainWhenItComesBack) {
 TEST_F(DistantStore, IsNotToldAgainWhatEndsWhileItIsRenewed) {
   testing::ParkingGate gate;
   proxy.subscribeToEvent("e", "M", "onEvent");
+  std::atomic<bool> isRenewed = false;
   transport->setHook([&](testing::FakeTransport::Call const& call, KXValue& result) {
-    if (call.method == "subscribeToEvent") gate.pass();
+    bool const isRenewal = call.method == "subscribeToEvent";
+    if (isRenewal) gate.pass();
+    if (call.method == "unsubscribeToEvent") {
+      EXPECT_TRUE(isRenewed);
+    }
     result = there->getProxy("KXMemory", 0)->genericCall(call.method, call.params);
+    if (isRenewal) isRenewed = true;
   });
   transport->returnModule();
   ASSERT_TRUE(gate.waitUntilParked(1));
