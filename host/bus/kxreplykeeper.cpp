@@ -66,6 +66,7 @@ KXReplyKeeper::Admission KXReplyKeeper::admit(KXCallId const& id,
   Entry entry;
   entry.method = method;
   entry.replySubject = replySubject;
+  mParted.reserve(mParted.size() + mRunning.size() + 1);
   std::list<Place> place{{&owner, id.number, nowMs}};
   entry.place = place.begin();
   owner.entries.emplace(id.number, std::move(entry));  // the last that may throw
@@ -119,7 +120,7 @@ bool KXReplyKeeper::finish(KXCallId const& id, std::shared_ptr<KXReply const> re
   entry.place->sinceMs = nowMs;
   mKept.splice(mKept.end(), mRunning, entry.place);
   mBytes += xCostOf(entry);
-  if (entry.reply->partCount() > 1) ++mPartedCount;
+  if (entry.reply->partCount() > 1) mParted.push_back({xCostOf(entry), entry.place});
   xMakeRoom(nowMs, thrown);
   return true;
 }
@@ -131,14 +132,10 @@ void KXReplyKeeper::xMakeRoom(std::int64_t nowMs, std::vector<Thrown>& thrown) n
   auto const entryOf = [](Place const& place) {
     return place.caller->entries.find(place.number);
   };
-  auto largest = mKept.end();
-  std::size_t largestCost = 0;
-  for (auto place = mKept.begin(); mPartedCount > 0 && place != mKept.end(); ++place) {
-    Entry const& entry = entryOf(*place)->second;
-    if (entry.reply->partCount() == 1 || xCostOf(entry) <= largestCost) continue;
-    largest = place;
-    largestCost = xCostOf(entry);
-  }
+  auto const largestParted = std::ranges::max_element(mParted, {}, &Parted::cost);
+  bool const isAnyParted = largestParted != mParted.end();
+  auto const largest = isAnyParted ? largestParted->place : mKept.end();
+  std::size_t const largestCost = isAnyParted ? largestParted->cost : 0;
   for (auto place = mKept.begin(); mBytes - largestCost > mLimits.maxBytes;) {
     if (place == largest) ++place;
     if (place == mKept.end() || std::next(place) == mKept.end()) return;
@@ -260,7 +257,8 @@ void KXReplyKeeper::xRaiseDone(Caller& caller, std::uint64_t done) {
 
 void KXReplyKeeper::xForgetCost(Entry const& entry) {
   mBytes -= xCostOf(entry);
-  if (entry.reply->partCount() > 1) --mPartedCount;
+  if (entry.reply->partCount() == 1) return;
+  std::erase_if(mParted, [&](Parted const& parted) { return parted.place == entry.place; });
 }
 
 // Takes out a call that is over.

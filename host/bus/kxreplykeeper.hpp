@@ -119,6 +119,10 @@ class KX_API KXReplyKeeper {
     std::uint64_t number;
     std::int64_t sinceMs;
   };
+  struct Parted {  // a kept reply in parts
+    std::size_t cost;
+    std::list<Place>::iterator place;  // in mKept
+  };
   struct Entry {
     enum class State { Running, Kept, Ended };  // Ended: over, and its reply is not here any more
     State state = State::Running;
@@ -165,7 +169,7 @@ class KX_API KXReplyKeeper {
   std::list<Place> mKept;     // the oldest first, as mEnded
   std::list<Place> mEnded;
   std::size_t mBytes = 0;
-  std::size_t mPartedCount = 0;  // kept ones in parts
+  std::vector<Parted> mParted;  // with room for all that run
   std::uint64_t mAdmittedCount = 0;
   std::uint64_t mAcknowledgedCount = 0;
   std::uint64_t mExpiredCount = 0;

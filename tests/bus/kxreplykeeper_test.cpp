@@ -2,6 +2,7 @@
 #include <host/bus/kxreplykeeper.hpp>
 
 #include <algorithm>
+#include <chrono>
 #include <map>
 #include <memory>
 #include <optional>
@@ -224,6 +225,36 @@ TEST(KXReplyKeeper, OneLargeReplyInPartsIsKeptBesideOthersThatComeAndGo) {
   EXPECT_EQ(keeper.admit(21, 0, kAgain).verdict, Verdict::Resend);
   keeper.keeper.acknowledge(kCaller, 1, keeper.nowMs, keeper.thrown);
   EXPECT_EQ(keeper.keeper.counts().bytes, 10 * (10 + kOverhead));
+}
+
+TEST(KXReplyKeeper, ManyRepliesBesideALargeOneInPartsCostNoMoreThanWithoutIt) {
+  Keeper keeper;
+  keeper.admit(1);
+  keeper.keeper.finish({kCaller, 1, 0}, replyOf(63 << 20, 512 << 10), keeper.nowMs, keeper.thrown);
+  auto const begin = std::chrono::steady_clock::now();
+
+  for (std::uint64_t number = 2; number <= 100'000; ++number) keeper.run(number);
+
+  EXPECT_EQ(keeper.keeper.counts().kept, 100'000U);
+  // In proportion to their number, it is a fraction of a second; to its square, minutes.
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(20));
+}
+
+TEST(KXReplyKeeper, TheLargestInPartsThatIsLeftIsKept) {
+  Keeper keeper({.maxBytes = 3 * (10 + kOverhead)});
+  std::size_t const sizes[] = {5'000, 9'000, 7'000};
+  for (std::uint64_t number = 1; number <= 3; ++number) keeper.admit(number);
+  for (std::uint64_t number = 1; number <= 3; ++number) {
+    keeper.keeper.finish({kCaller, number, 0}, replyOf(sizes[number - 1], 1000), keeper.nowMs,
+                         keeper.thrown);
+  }
+  EXPECT_EQ(keeper.thrown, (Thrown{{"M.m", 5'000, Cause::Room}}));
+
+  keeper.keeper.acknowledge(kCaller, 2, keeper.nowMs, keeper.thrown);
+  for (std::uint64_t number = 4; number <= 9; ++number) keeper.run(number);
+
+  EXPECT_EQ(keeper.admit(3, 0, 6).verdict, Verdict::Resend);
+  EXPECT_EQ(keeper.keeper.counts().kept, 4U);
 }
 
 TEST(KXReplyKeeper, TakesNoNoticeOfLostCallsThatItDoesNotKnow) {
