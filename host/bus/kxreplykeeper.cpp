@@ -152,6 +152,7 @@ void KXReplyKeeper::acknowledge(std::string const& caller, std::uint64_t number,
   auto const known = mCallers.find(caller);
   if (known == mCallers.end()) return;
   known->second->lastMs = nowMs;
+  mByUse.splice(mByUse.end(), mByUse, known->second->place);
   auto const found = known->second->entries.find(number);
   if (found == known->second->entries.end() || found->second.state != Entry::State::Kept) return;
   ++mAcknowledgedCount;

@@ -447,6 +447,17 @@ TEST(KXReplyKeeper, BoundsItsCallers) {
   EXPECT_EQ(keeper.admit(1, 0, kAgain, "c").verdict, Verdict::Resend);
 }
 
+TEST(KXReplyKeeper, WhoAcknowledgesIsNotSilent) {
+  Keeper keeper({.maxCallers = 2});
+  keeper.run(1, 0, 10, "a");
+  keeper.run(1, 0, 20, "b");
+  keeper.keeper.acknowledge("a", 1, keeper.nowMs, keeper.thrown);
+
+  keeper.run(1, 0, 30, "c");
+
+  EXPECT_EQ(keeper.thrown, (Thrown{{"M.m", 20, Cause::Room}}));
+}
+
 TEST(KXReplyKeeper, RunsNoRepeatOfACallerThatItMayHaveForgotten) {
   Keeper keeper({.maxCallers = 1});
   keeper.run(1, 0, 10, "a");
