@@ -11,6 +11,7 @@
 
 #include <fmt/format.h>
 
+#include <host/bus/kxsubject.hpp>
 #include <kxerror/kxerror.hpp>
 
 #include <kx/text.hpp>
@@ -57,9 +58,18 @@ class SharedWatch {
     return mSession.call("KXMemoryWatcher", method, std::move(arguments));
   }
 
+  /// Tells the process that has the watcher from those that had it before.
+  std::string xHolder() const { return static_cast<std::string const&>(xCall(kFindMethod)); }
+
   /// What the watcher lacks of this watch.
   void xGive() {
     mIsGiven = false;
+    std::string const holder = xHolder();
+    if (std::exchange(mHolder, holder) != holder) {
+      // What was given to the one before has gone with it. What this one has, others gave it.
+      mHasStarted = false;
+      mAdded.clear();
+    }
     std::vector<std::string> listeners;
     xCall("listeners").ToStringArray(listeners, false);
     std::set<std::string> const former(listeners.begin(), listeners.end());
@@ -101,7 +111,10 @@ class SharedWatch {
   KXValue xTake(bool isLast) {
     KXValue taken = KXValue::arrayOf();
     try {
-      if (isLast && std::exchange(mHasStarted, false)) xCall("stopWatching");
+      if (isLast && mHasStarted && xHolder() == mHolder) {
+        mHasStarted = false;
+        xCall("stopWatching");
+      }
       taken = xCall("getData");
       // Another process may be in the place of the one that was given the keys.
       bool const isLacking = !isLast && (!mIsGiven || !xHasAllKeys(taken));
@@ -137,7 +150,9 @@ class SharedWatch {
   }
 
   void xTakeBack() noexcept {
+    if (!mHasStarted && mAdded.empty()) return;
     try {
+      if (xHolder() != mHolder) return;
       if (mHasStarted) xCall("stopWatching");
       if (!mAdded.empty()) {
         xCall("removeListeners", {std::vector<std::string>(mAdded.begin(), mAdded.end())});
@@ -159,6 +174,7 @@ class SharedWatch {
   std::unique_ptr<KXSampleWriter> mWriter;
   std::optional<KXSampleReader> mReader;
   KXWatchCounts mCounts;
+  std::string mHolder;  ///< has been given what follows
   bool mHasStarted = false;
   std::set<std::string> mAdded;
   bool mIsGiven = false;  ///< period, keys and start, as far as is known

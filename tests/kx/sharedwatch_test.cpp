@@ -90,6 +90,15 @@ class SharedRobot : public Robot {
     EXPECT_THAT(listeners(), IsEmpty());
     EXPECT_EQ(call("KXMemoryWatcher", "isWatching"), KXValue(false));
   }
+  /// Before the watch asks again.
+  void replaceWatcherThatOthersUse(std::vector<std::string> const& theirs) {
+    mViewer->sendSignal(SIGSTOP);
+    killWatcher();
+    mWatcher = startWatcher();
+    call("KXMemoryWatcher", "addListeners", {theirs});
+    call("KXMemoryWatcher", "startWatching", {50});
+    mViewer->sendSignal(SIGCONT);
+  }
   /// Ends with the summary.
   std::vector<std::string> messages() const {
     return messagesOf({0, mViewer->getOutput(), mViewer->getErrors()});
@@ -122,6 +131,29 @@ TEST_F(SharedRobot, IsWatchedOnWithAWatcherReplacedBetweenTwoFetches) {
 
   expectTheWatchGoesOn();
   EXPECT_THAT(messages(), ElementsAre("kx: the robot's watcher is back", HasSubstr("samples")));
+}
+
+TEST_F(SharedRobot, KeepsWhatOthersGaveTheWatcherAfterTheOneThatWasKilled) {
+  std::vector<std::string> const theirs{"Host/UptimeSeconds", "Test/Raised"};
+  replaceWatcherThatOthersUse(theirs);
+
+  mViewer->sendSignal(SIGINT);
+
+  EXPECT_EQ(mViewer->waitForEnd(), 0);
+  EXPECT_EQ(listeners(), theirs);
+  EXPECT_EQ(call("KXMemoryWatcher", "isWatching"), KXValue(true));
+}
+
+TEST_F(SharedRobot, GetsBackWhatTheWatchGaveTheWatcherAfterTheOneThatWasKilledAndNoMore) {
+  replaceWatcherThatOthersUse({"Host/UptimeSeconds"});
+  mViewer->waitForErrorText("is back");
+  EXPECT_THAT(listeners(), SizeIs(2));
+
+  mViewer->sendSignal(SIGINT);
+
+  EXPECT_EQ(mViewer->waitForEnd(), 0);
+  EXPECT_THAT(listeners(), ElementsAre("Host/UptimeSeconds"));
+  EXPECT_EQ(call("KXMemoryWatcher", "isWatching"), KXValue(true));
 }
 
 TEST_F(SharedRobot, IsWatchedOnWithAWatcherThatHung) {
