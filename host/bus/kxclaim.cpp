@@ -156,12 +156,19 @@ void KXClaim::xHear(KXBusMessage const& message) {
     mChanged.notify_all();
     return;
   }
-  KXValue const said = decodeValue(message.payload);
-  Claimant const other{.isHolder = static_cast<std::string const&>(said[0]) == kHolds,
-                       .instance = static_cast<std::string const&>(said[1]),
-                       .since = static_cast<std::string const&>(said[2]),
-                       .pid = static_cast<int>(said[3]),
-                       .host = static_cast<std::string const&>(said[4])};
+  Claimant other;
+  try {
+    KXValue const said = decodeValue(message.payload);
+    other = {.isHolder = static_cast<std::string const&>(said[0]) == kHolds,
+             .instance = static_cast<std::string const&>(said[1]),
+             .since = static_cast<std::string const&>(said[2]),
+             .pid = static_cast<int>(said[3]),
+             .host = static_cast<std::string const&>(said[4])};
+  } catch (KXError const& error) {
+    return mMalformed.tell([&] {
+      return "a claim to the name of module '" + mModule + "' cannot be read: " + messageOf(error);
+    });
+  }
   if (other.instance != mInstance) xJudge(other, message);
 }
 

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include <host/bus/kxbus.hpp>
+#include <host/bus/kxrareline.hpp>
 #include <host/bus/kxsubject.hpp>
 #include <kxerror/kxapi.hpp>
 #include <kxerror/kxerror.hpp>
@@ -94,6 +95,7 @@ class KX_API KXClaim {
   bool mIsNobodyThere = false;    // guarded by mMutex
   std::optional<KXError> mError;  // guarded by mMutex; why it is lost
   std::string mSince;             // guarded by mMutex
+  KXRareLine mMalformed{"KXClaim", "hear"};
 
   // Last: their handlers use everything above.
   std::unique_ptr<KXBusSubscription> mEvents;

@@ -4,7 +4,6 @@
 #include <chrono>
 #include <map>
 #include <mutex>
-#include <optional>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -12,8 +11,8 @@
 #include <host/bus/kxbusrules.hpp>
 #include <host/bus/kxeventtarget.hpp>
 #include <host/bus/kxpackstream.hpp>
+#include <host/bus/kxrareline.hpp>
 #include <host/bus/kxwire.hpp>
-#include <ka/log.hpp>
 #include <kxerror/kxerror.hpp>
 
 namespace KX {
@@ -23,31 +22,9 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr char const* kCategory = "KXEventReceiver";
+constexpr char const* kDeliver = "deliver";
 // While a pack takes long to handle, its sender hears so often how far it is.
 constexpr std::chrono::milliseconds kAckPause{50};
-// Of failures of one kind, one in that time is told.
-constexpr std::chrono::seconds kTellPause{10};
-
-/// Failures of one kind, of which few are told.
-class RareLine {
- public:
-  /// `text` is a function that gives what is to be told.
-  template <class Text>
-  void tell(Text const& text) {
-    ++mUntold;
-    Clock::time_point const now = Clock::now();
-    if (mToldAt && now - *mToldAt < kTellPause) return;
-    ka::log::LogStream line(ka::log::Warning, kCategory, "", "deliver", 0);
-    line << text();
-    if (mUntold > 1) line << "; so for the " << mUntold << "th time since the last line";
-    mToldAt = now;
-    mUntold = 0;
-  }
-
- private:
-  std::uint64_t mUntold = 0;
-  std::optional<Clock::time_point> mToldAt;
-};
 
 /// What arrives for one module. Ownership: shared by the receiver and the handler that runs, so
 /// that a method may withdraw its module. Threads: the bus's one thread, but for stop() and the
@@ -157,9 +134,9 @@ class Served {
   // The thread's own.
   KXEventTarget mTarget;
   KXPackReceivers mStreams;
-  RareLine mMalformed;
-  RareLine mHomeless;
-  RareLine mFailures;
+  KXRareLine mMalformed{kCategory, kDeliver};
+  KXRareLine mHomeless{kCategory, kDeliver};
+  KXRareLine mFailures{kCategory, kDeliver};
 };
 
 }  // namespace

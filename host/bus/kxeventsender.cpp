@@ -14,6 +14,7 @@
 
 #include <host/bus/kxpackstream.hpp>
 #include <host/bus/kxrandomid.hpp>
+#include <host/bus/kxrareline.hpp>
 #include <host/bus/kxwire.hpp>
 #include <ka/log.hpp>
 #include <ka/runlogged.hpp>
@@ -266,7 +267,13 @@ class KXEventSender::Impl {
 
   // The payload is the array of the names that are served (again).
   void xOnHello(KXBusMessage const& message) {
-    KXValue const names = decodeValue(message.payload);
+    KXValue names;
+    try {
+      names = decodeValue(message.payload);
+    } catch (KXError const& error) {
+      return mMalformed.tell(
+          [&] { return std::string("a hello cannot be read: ") + messageOf(error); });
+    }
     for (int i = 0; i < names.getSize(); ++i) {
       if (names[i].getType() != KXValue::TypeString) continue;
       std::shared_ptr<Destination> const to = xFind(static_cast<std::string const&>(names[i]));
@@ -391,6 +398,7 @@ class KXEventSender::Impl {
   std::atomic<bool> mIsAway{false};    ///< the connection is
   std::atomic<bool> mIsBack{false};    ///< the connection is, and the thread has not seen to it
 
+  KXRareLine mMalformed{kCategory, "hello"};
   std::thread mThread;
   std::unique_ptr<KXBusSubscription> mAcks;
   std::unique_ptr<KXBusSubscription> mHellos;
