@@ -1,6 +1,7 @@
 // Which modules have come back, or may have: whoever told them something tells it again.
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <list>
 #include <map>
@@ -9,12 +10,15 @@
 #include <string>
 
 #include <host/bus/kxbus.hpp>
+#include <host/bus/kxrareline.hpp>
 #include <host/bus/kxsubject.hpp>
 
 namespace KX {
 
-/// Listens to who is announced on a robot. A module has come back if it is announced by another
-/// instance than the last time; it may have if this process was cut off meanwhile.
+/// Listens to who is announced on a robot, again and again. A module has come back for whoever
+/// observes it if it is announced by another instance than the last time, or for the first time
+/// since he does; it may have if this process was cut off meanwhile. Once a second at most: those
+/// that come sooner are told with what is announced after that.
 /// Ownership: the bus outlives it; what observe() returned may outlive it too.
 /// Threads: any; handlers run on a thread of the bus.
 class KXReturns {
@@ -30,16 +34,23 @@ class KXReturns {
 
  private:
   using Handler = std::shared_ptr<std::function<void()>>;
+  using Clock = std::chrono::steady_clock;
+  struct Observer {
+    Handler handler;
+    std::string instance;  // announced last; empty: none yet
+  };
   struct State {
     std::mutex mutex;
-    std::multimap<std::string, Handler> handlers;  // guarded by mutex
-    std::map<std::string, std::string> instances;  // guarded by mutex; of observed modules
+    std::multimap<std::string, Observer> observers;   // guarded by mutex
+    std::map<std::string, Clock::time_point> toldAt;  // guarded by mutex; of observed modules
   };
 
   void xHear(KXBusMessage const& message);
+  std::list<Handler> xToTell(std::string const& module, std::string const& instance);
   static void xRun(std::list<Handler> const& handlers);
 
   std::shared_ptr<State> const mState = std::make_shared<State>();
+  KXRareLine mMalformed{"KXReturns", "hear"};
   std::unique_ptr<KXBusSubscription> mEvents;
   std::unique_ptr<KXBusSubscription> mAnnouncements;
 };

@@ -1,11 +1,8 @@
 // Brokers joined to one robot, and how they leave it.
 #include <host/bus/kxbuslink.hpp>
 
-#include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <functional>
-#include <mutex>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -14,99 +11,22 @@
 #include <gtest/gtest.h>
 
 #include <binding/kxproxycall.hpp>
-#include <binding/kxpublish.hpp>
 #include <host/bus/kxmemorybus.hpp>
 #include <host/launcher/kxlauncher.hpp>
 #include <host/memory/kxmemory.hpp>
 #include <kxerror/kxerror.hpp>
 #include <kxproxies/kxmemoryproxy.hpp>
 #include <memorywatcher/kxmemorywatcher.hpp>
+#include <tests/bus/side.hpp>
 
 namespace KX {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using testing::Guest;
 using ::testing::HasSubstr;
-
-bool waitUntil(std::function<bool()> const& condition) {
-  auto const end = Clock::now() + std::chrono::seconds(30);
-  while (!condition()) {
-    if (Clock::now() > end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
-}
-
-// Notes the events it is told of; park() stays until the module is taken out of service.
-class Guest : public KXModule {
- public:
-  explicit Guest(boost::shared_ptr<KXBroker> const& broker) : KXModule(broker, "Guest") {
-    publish(*this, {"onEvent"}, &Guest::onEvent);
-    publish(*this, {"park"}, &Guest::park);
-    publish(*this, {"twice"}, &Guest::twice);
-    onClosing([this] {
-      std::lock_guard const lock(mMutex);
-      mIsOver = true;
-      mWakeUp.notify_all();
-    });
-  }
-
-  void onEvent(std::string const& key, KXValue const& value, KXValue const& /*message*/) {
-    std::lock_guard const lock(mMutex);
-    mEvents.push_back(key + "=" + value.toString());
-  }
-  void park() {
-    std::unique_lock lock(mMutex);
-    mIsParked = true;
-    mWakeUp.wait(lock, [this] { return mIsOver; });
-  }
-  int twice(int const& number) {
-    ++mTwiceCount;
-    return 2 * number;
-  }
-
-  int twiceCount() const { return mTwiceCount; }
-  bool isParked() {
-    std::lock_guard const lock(mMutex);
-    return mIsParked;
-  }
-  std::vector<std::string> events() {
-    std::lock_guard const lock(mMutex);
-    return mEvents;
-  }
-
- private:
-  std::mutex mMutex;
-  std::condition_variable mWakeUp;
-  std::atomic<int> mTwiceCount{0};
-  bool mIsParked = false;            // guarded by mMutex
-  bool mIsOver = false;              // guarded by mMutex
-  std::vector<std::string> mEvents;  // guarded by mMutex
-};
-
-// One process of the robot.
-struct Side {
-  Side(KXBusNetwork& network, std::string const& user, int timeoutMs = 5000)
-      : bus(network.connect(user)),
-        broker(KXBroker::createBroker(KXBusLink::newBrokerName(*bus))),
-        link(std::make_unique<KXBusLink>(bus, broker,
-                                         KXBusOptions{.robot = "r", .timeoutMs = timeoutMs})) {}
-  ~Side() { end(); }
-  Side(Side const&) = delete;
-  Side& operator=(Side const&) = delete;
-
-  void end() {
-    if (!link) return;
-    link->leave();
-    broker->shutdown();
-    link->close();
-    link.reset();
-  }
-
-  std::shared_ptr<KXBus> const bus;
-  boost::shared_ptr<KXBroker> const broker;
-  std::unique_ptr<KXBusLink> link;
-};
+using testing::Side;
+using testing::waitUntil;
 
 struct BusLink : ::testing::Test {
   std::unique_ptr<Side> makeHost() {
@@ -212,47 +132,6 @@ TEST_F(BusLink, TellsWhatBecameOfTheEventsToAProcess) {
   }));
   EXPECT_EQ(memory->call<KXValue>("getNotificationCounts", std::string("Nobody@any.01234567")),
             KXValue::arrayOf(0, 0, 0, 0, 0));
-}
-
-TEST_F(BusLink, RenewsSubscriptionsWhenTheRobotsHostIsStartedAnew) {
-  auto host = makeHost();
-  Side side(network, "one");
-  auto const guest = KXModule::createModule<Guest>(side.broker);
-  KXMemoryProxy proxy(side.broker);
-  proxy.subscribeToEvent("e", "Guest", "onEvent");
-  store->raiseEvent("e", "before");
-  ASSERT_TRUE(waitUntil([&] { return guest->events().size() == 1; }));
-
-  store.reset();
-  host.reset();
-  host = makeHost();
-
-  ASSERT_TRUE(waitUntil([&] {
-    store->raiseEvent("e", "after");
-    return guest->events().size() > 1;
-  }));
-  EXPECT_EQ(guest->events().back(), "e=after");
-}
-
-TEST_F(BusLink, RenewsSubscriptionsAlthoughTheAnnouncementWasLost) {
-  auto host = makeHost();
-  Side side(network, "one");
-  auto const guest = KXModule::createModule<Guest>(side.broker);
-  KXMemoryProxy proxy(side.broker);
-  proxy.subscribeToEvent("e", "Guest", "onEvent");
-  store.reset();
-  host.reset();
-  network.setFaults([](KXBusTransfer const& transfer) {
-    bool const isAnnouncement = transfer.message.subject == "kx.r.@here";
-    return isAnnouncement ? KXBusFate{{}, false} : KXBusFate();
-  });
-  host = makeHost();
-  network.setFaults({});
-
-  ASSERT_TRUE(waitUntil([&] {
-    store->raiseEvent("e", "after");
-    return !guest->events().empty();
-  }));
 }
 
 TEST_F(BusLink, EndsACallInProgressByEndingItsModule) {

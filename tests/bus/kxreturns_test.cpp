@@ -1,0 +1,173 @@
+// Who hears that a module has come back, and what is told to it again.
+#include <host/bus/kxreturns.hpp>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <host/bus/kxmemorybus.hpp>
+#include <host/bus/kxwire.hpp>
+#include <host/memory/kxmemory.hpp>
+#include <kxcommon/kxtransport.hpp>
+#include <kxproxies/kxmemoryproxy.hpp>
+#include <tests/bus/side.hpp>
+#include <tests/support/logcapture.hpp>
+
+namespace KX {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using ::testing::ElementsAre;
+using testing::Guest;
+using ::testing::HasSubstr;
+using testing::Side;
+using ::testing::SizeIs;
+using ::testing::UnorderedElementsAre;
+using testing::waitUntil;
+
+// Says that a module is there, as the process that has it does now and then.
+void herald(KXBus& bus, std::string const& module, std::string const& instance) {
+  bus.publish(
+      {.subject = "kx.r.@here", .payload = encodeValue(KXValue::arrayOf(module, instance))});
+}
+std::string idOf(int number) {
+  char text[17] = "";
+  std::snprintf(text, sizeof text, "%016x", static_cast<unsigned>(number));
+  return text;
+}
+
+struct Returns : ::testing::Test {
+  std::unique_ptr<Side> makeHost() {
+    auto host = std::make_unique<Side>(network, "host");
+    store = KXModule::createModule<KXMemory>(host->broker);
+    host->link->announce({"KXMemory"});
+    return host;
+  }
+
+  KXBusNetwork network{KXBusNetwork::Pacing::Threaded};
+  boost::shared_ptr<KXMemory> store;
+};
+
+TEST_F(Returns, RenewsSubscriptionsWhenTheRobotsHostIsStartedAnew) {
+  auto host = makeHost();
+  Side side(network, "one");
+  auto const guest = KXModule::createModule<Guest>(side.broker);
+  KXMemoryProxy proxy(side.broker);
+  proxy.subscribeToEvent("e", "Guest", "onEvent");
+  store->raiseEvent("e", "before");
+  ASSERT_TRUE(waitUntil([&] { return guest->events().size() == 1; }));
+
+  store.reset();
+  host.reset();
+  host = makeHost();
+
+  ASSERT_TRUE(waitUntil([&] {
+    store->raiseEvent("e", "after");
+    return guest->events().size() > 1;
+  }));
+  EXPECT_EQ(guest->events().back(), "e=after");
+}
+
+TEST_F(Returns, RenewsSubscriptionsAlthoughTheAnnouncementWasLost) {
+  auto host = makeHost();
+  Side side(network, "one");
+  auto const guest = KXModule::createModule<Guest>(side.broker);
+  KXMemoryProxy proxy(side.broker);
+  proxy.subscribeToEvent("e", "Guest", "onEvent");
+  store.reset();
+  host.reset();
+  network.setFaults([](KXBusTransfer const& transfer) {
+    bool const isAnnouncement = transfer.message.subject == "kx.r.@here";
+    return isAnnouncement ? KXBusFate{{}, false} : KXBusFate();
+  });
+  host = makeHost();
+  network.setFaults({});
+
+  ASSERT_TRUE(waitUntil([&] {
+    store->raiseEvent("e", "after");
+    return !guest->events().empty();
+  }));
+}
+
+TEST_F(Returns, TellsOfReturnsOnceASecondAndOfTheLast) {
+  Side side(network, "one");
+  std::atomic<int> count{0};
+  auto const observation = side.broker->getTransport()->observeReturns("M", [&] { ++count; });
+  int const heraldCount = 1000;
+
+  auto const begin = Clock::now();
+  for (int i = 1; i <= heraldCount; ++i) herald(*side.bus, "M", idOf(i));
+  EXPECT_TRUE(waitUntil([&] { return count > 0; }));
+  // Who has the name goes on saying so.
+  EXPECT_TRUE(waitUntil([&] {
+    herald(*side.bus, "M", idOf(heraldCount + 1));
+    return count > 1;
+  }));
+  auto const seconds = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - begin);
+
+  EXPECT_LE(count, 1 + seconds.count());
+}
+
+TEST_F(Returns, TellsAnObserverOfTheFirstSignSinceItObserves) {
+  Side side(network, "one");
+  std::atomic<int> first{0};
+  std::atomic<int> second{0};
+  auto const transport = side.broker->getTransport();
+  auto const observation = transport->observeReturns("M", [&] { ++first; });
+  herald(*side.bus, "M", idOf(1));
+  EXPECT_TRUE(waitUntil([&] { return first == 1; }));
+  auto const another = transport->observeReturns("M", [&] { ++second; });
+
+  EXPECT_TRUE(waitUntil([&] {
+    herald(*side.bus, "M", idOf(1));
+    return second == 1;
+  }));
+
+  EXPECT_EQ(first, 1);
+}
+
+TEST_F(Returns, TellsOfNoReturnThatNoProcessAnnounces) {
+  Side side(network, "one");
+  LogCapture const log;
+  std::atomic<int> count{0};
+  auto const observation = side.broker->getTransport()->observeReturns("M", [&] { ++count; });
+  auto const other = side.broker->getTransport()->observeReturns("N", [&] { ++count; });
+
+  for (KXValue const& said :
+       {KXValue::arrayOf("M", "1"), KXValue::arrayOf("M", "0123456789abcdeg"),
+        KXValue::arrayOf("M", 17), KXValue::arrayOf(), KXValue("M"), KXValue::arrayOf("M")}) {
+    side.bus->publish({.subject = "kx.r.@here", .payload = encodeValue(said)});
+  }
+  side.bus->publish({.subject = "kx.r.@here", .payload = "\xc1"});
+  herald(*side.bus, "N", idOf(1));
+
+  EXPECT_TRUE(waitUntil([&] { return count == 1; }));
+  EXPECT_THAT(log.texts(), ElementsAre(HasSubstr("announce")));
+}
+
+TEST_F(Returns, SaysSeldomThatMessagesCannotBeRead) {
+  Side side(network, "one");
+  KXModule::createModule<Guest>(side.broker);
+  side.link->announce({"Guest"});
+  LogCapture const log;
+
+  for (int i = 0; i < 50; ++i) {
+    for (char const* subject : {"kx.r.@here", "kx.r.@claim.Guest", "kx.r.@hello"}) {
+      side.bus->publish({.subject = subject, .payload = "\xc1"});
+    }
+  }
+  log.waitFor(3);
+  side.end();
+
+  EXPECT_THAT(log.texts(),
+              UnorderedElementsAre(HasSubstr("announce"), HasSubstr("claim"), HasSubstr("hello")));
+}
+
+}  // namespace
+}  // namespace KX
