@@ -15,7 +15,6 @@ namespace {
 // Whoever ends a subscription may hold a lock, and loses nothing if the store does not answer: what
 // it still sends, nobody wants.
 constexpr int kEndingMs = 1000;
-constexpr int kAttempts = 5;
 
 // On a thread of the broker: the one that tells of the return must not wait for calls.
 class RenewalTask : public KXTask {
@@ -66,69 +65,67 @@ void KXDistantSubscriptions::xStartRenewal() {
   boost::shared_ptr<KXBroker> const broker = mBroker.lock();
   // One that has not begun sees to this return as well.
   if (!broker || mIsRenewalDue.exchange(true)) return;
-  auto const failure = [] {
-    return "cannot renew the subscriptions";
-  };
-  bool isStarted = false;
-  ka::log::runLogged("KXMemoryProxy", "renewSubscriptions", failure, [&] {
-    broker->addTask("renew subscriptions",
-                    boost::shared_ptr<KXTask>(new RenewalTask([weak = weak_from_this()] {
-                      if (auto const self = weak.lock()) self->xRenew();
-                    })));
-    isStarted = true;
-  });
+  bool const isStarted = ka::log::runLogged(
+      "KXMemoryProxy", "renewSubscriptions", "cannot renew the subscriptions", [&] {
+        broker->addTask("renew subscriptions",
+                        boost::shared_ptr<KXTask>(new RenewalTask([weak = weak_from_this()] {
+                          if (auto const self = weak.lock()) self->xRenew();
+                        })));
+      });
   if (!isStarted) mIsRenewalDue = false;
 }
 
 void KXDistantSubscriptions::xRenew() {
-  boost::shared_ptr<KXBroker> const broker = mBroker.lock();
-  if (!broker) return;
   // One at a time: a return during one is served by one more, however many they are.
   std::lock_guard const renewalLock(mRenewalMutex);
   mIsRenewalDue = false;
+  try {
+    xRenewAll();
+    mIsInTrouble = false;
+  } catch (...) {
+    xRenewLater(describeCurrentException());
+  }
+}
+
+// One that hangs has not come back yet. When it has, it is heard of, as is one that is not there:
+// whoever begins to observe is told of the first sign.
+void KXDistantSubscriptions::xRenewLater(std::string const& why) {
+  {
+    std::lock_guard const lock(mMutex);
+    xObserve();
+  }
+  if (mIsInTrouble.exchange(true)) return;
+  ka::log::LogStream(ka::log::Warning, "KXMemoryProxy", "", "renewSubscriptions", 0)
+      << "renewing the subscriptions at the store failed, it is tried again when the store is "
+         "heard of: "
+      << why;
+}
+
+void KXDistantSubscriptions::xRenewAll() {
+  boost::shared_ptr<KXBroker> const broker = mBroker.lock();
+  if (!broker) return;
   std::map<Name, Subscription> subscriptions;
   {
     std::lock_guard const lock(mMutex);
     subscriptions = mSubscriptions;
   }
-  auto const failure = [] {
-    return "renewing the subscriptions at the store failed";
-  };
-  ka::log::runLogged("KXMemoryProxy", "renewSubscriptions", failure, [&] {
-    // One that hangs has not come back yet, and nobody says when it has. A lost connection does.
-    for (int attempt = 1; !xRenewAll(*broker, subscriptions, attempt == kAttempts); ++attempt) {
-    }
-  });
-}
-
-// False if the store did not answer. Throws that instead if it is the last attempt.
-bool KXDistantSubscriptions::xRenewAll(KXBroker& broker,
-                                       std::map<Name, Subscription> const& subscriptions,
-                                       bool isLast) {
-  boost::shared_ptr<KXProxy> store;
-  try {
-    store = broker.getProxy("KXMemory", 0);
-    for (auto const& [name, subscription] : subscriptions) {
-      std::lock_guard const lock(mMutex);
-      // One that was ended meanwhile stays ended.
-      if (!mSubscriptions.contains(name)) continue;
-      try {
-        store->genericCall(subscription.method, subscription.arguments);
-      } catch (KXError const& error) {
-        // The others are not to suffer for one that the store does not want.
-        if (error.getKind() != KXError::Kind::Refused && error.getKind() != KXError::Kind::Failed) {
-          throw;
-        }
-        ka::log::LogStream(ka::log::Warning, "KXMemoryProxy", "", "renewSubscriptions", 0)
-            << "the subscription to key '" << std::get<1>(name)
-            << "' was not renewed: " << messageOf(error);
+  boost::shared_ptr<KXProxy> const store = broker->getProxy("KXMemory", 0);
+  for (auto const& [name, subscription] : subscriptions) {
+    std::lock_guard const lock(mMutex);
+    // One that was ended meanwhile stays ended.
+    if (!mSubscriptions.contains(name)) continue;
+    try {
+      store->genericCall(subscription.method, subscription.arguments);
+    } catch (KXError const& error) {
+      // The others are not to suffer for one that the store does not want.
+      if (error.getKind() != KXError::Kind::Refused && error.getKind() != KXError::Kind::Failed) {
+        throw;
       }
+      ka::log::LogStream(ka::log::Warning, "KXMemoryProxy", "", "renewSubscriptions", 0)
+          << "the subscription to key '" << std::get<1>(name)
+          << "' was not renewed: " << messageOf(error);
     }
-  } catch (KXError const& error) {
-    if (isLast || error.getKind() != KXError::Kind::TimedOut) throw;
-    return false;
   }
-  return true;
 }
 
 }  // namespace KX

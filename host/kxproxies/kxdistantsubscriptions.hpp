@@ -18,9 +18,10 @@
 namespace KX {
 
 /// Makes and ends subscriptions, and makes all of them again each time when the store has come
-/// back. Ownership: shared by its proxy and the parallel call that renews. Threads: all operations
-/// may overlap; each blocks until the store has answered, and has answered those before it: one
-/// that ends must not be overtaken by its own renewal.
+/// back: if it does not answer, when it is heard of next. Ownership: shared by its proxy and the
+/// parallel call that renews. Threads: all operations may overlap; each blocks until the store has
+/// answered, and has answered those before it: one that ends must not be overtaken by its own
+/// renewal.
 class KXDistantSubscriptions : public std::enable_shared_from_this<KXDistantSubscriptions> {
  public:
   explicit KXDistantSubscriptions(boost::shared_ptr<KXBroker> const& broker) : mBroker(broker) {}
@@ -42,10 +43,12 @@ class KXDistantSubscriptions : public std::enable_shared_from_this<KXDistantSubs
   void xObserve();
   void xStartRenewal();
   void xRenew();
-  bool xRenewAll(KXBroker& broker, std::map<Name, Subscription> const& subscriptions, bool isLast);
+  void xRenewAll();
+  void xRenewLater(std::string const& why);
 
   boost::weak_ptr<KXBroker> const mBroker;
   std::atomic<bool> mIsRenewalDue{false};
+  std::atomic<bool> mIsInTrouble{false};        ///< a line of the log said so
   std::mutex mRenewalMutex;                     ///< taken before mMutex
   std::mutex mMutex;                            // held while the store is called
   std::map<Name, Subscription> mSubscriptions;  // guarded by mMutex

@@ -42,6 +42,11 @@ std::string idOf(int number) {
   return text;
 }
 
+// The first connection is the first host's, the second that of who observes.
+bool isHostsHerald(KXBusTransfer const& transfer) {
+  return transfer.message.subject == "kx.r.@here" && transfer.from != 1;
+}
+
 struct Returns : ::testing::Test {
   std::unique_ptr<Side> makeHost() {
     auto host = std::make_unique<Side>(network, "host");
@@ -93,6 +98,67 @@ TEST_F(Returns, RenewsSubscriptionsAlthoughTheAnnouncementWasLost) {
     store->raiseEvent("e", "after");
     return !guest->events().empty();
   }));
+}
+
+// What a store says in these is said for it, always the same.
+TEST_F(Returns, RenewsSubscriptionsAtTheNextSignOfAStoreThatDidNotAnswer) {
+  auto host = makeHost();
+  Side side(network, "one", 100);
+  auto const guest = KXModule::createModule<Guest>(side.broker);
+  KXMemoryProxy proxy(side.broker);
+  proxy.subscribeToEvent("e", "Guest", "onEvent");
+  store.reset();
+  host.reset();
+  std::atomic<int> lostCount{0};
+  std::atomic<bool> isHung{true};
+  network.setFaults([&](KXBusTransfer const& transfer) {
+    bool const isCall = transfer.message.subject.find(".KXMemory.") != std::string_view::npos;
+    if (isCall && isHung) ++lostCount;
+    return isHostsHerald(transfer) || (isCall && isHung) ? KXBusFate{{}, false} : KXBusFate();
+  });
+  LogCapture const log("KXMemoryProxy");
+  host = makeHost();
+
+  herald(*side.bus, "KXMemory", idOf(1));
+  ASSERT_THAT(log.waitFor(1), SizeIs(1));
+  int const lostBefore = lostCount;
+  ASSERT_TRUE(waitUntil([&] {
+    herald(*side.bus, "KXMemory", idOf(1));
+    return lostCount > lostBefore;
+  }));
+  isHung = false;
+
+  ASSERT_TRUE(waitUntil([&] {
+    herald(*side.bus, "KXMemory", idOf(1));
+    store->raiseEvent("e", "after");
+    return !guest->events().empty();
+  }));
+  EXPECT_THAT(log.texts(), ElementsAre(HasSubstr("renewing the subscriptions")));
+  network.setFaults({});
+}
+
+TEST_F(Returns, RenewsSubscriptionsAtAStoreThatWasNotThereWhenItWasHeardOf) {
+  auto host = makeHost();
+  Side side(network, "one");
+  auto const guest = KXModule::createModule<Guest>(side.broker);
+  KXMemoryProxy proxy(side.broker);
+  proxy.subscribeToEvent("e", "Guest", "onEvent");
+  store.reset();
+  host.reset();
+  LogCapture const log("KXMemoryProxy");
+  herald(*side.bus, "KXMemory", idOf(1));
+  ASSERT_THAT(log.waitFor(1), SizeIs(1));
+  network.setFaults([](KXBusTransfer const& transfer) {
+    return isHostsHerald(transfer) ? KXBusFate{{}, false} : KXBusFate();
+  });
+  host = makeHost();
+
+  EXPECT_TRUE(waitUntil([&] {
+    herald(*side.bus, "KXMemory", idOf(1));
+    store->raiseEvent("e", "after");
+    return !guest->events().empty();
+  }));
+  network.setFaults({});
 }
 
 TEST_F(Returns, TellsOfReturnsOnceASecondAndOfTheLast) {
