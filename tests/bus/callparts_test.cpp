@@ -196,6 +196,8 @@ TEST_F(CallPartsTest, ErrorsMayHaveThemToo) {
 class CallLargePartsTest : public testing::CallTest {};
 
 TEST_F(CallLargePartsTest, MakeTwentyMegabytes) {
+  newCaller(40'000);
+
   Outcome const outcome = call("fill", 20'000'000);
 
   ASSERT_FALSE(outcome.error) << outcome.text();
