@@ -173,7 +173,12 @@ void KXNatsWatch::xLogTrouble(std::string const& text) {
 void KXNatsWatch::xUse(KXNatsConnection const& connection) {
   mConnection = connection;
   xLearnMaxPayload();
-  mIsConnected = natsConnection_Status(connection.get()) == NATS_CONN_STATUS_CONNECTED;
+  // Once more if it is lost, or back, meanwhile: this would overwrite what the library said of it.
+  natsConnStatus status{};
+  do {
+    status = natsConnection_Status(connection.get());
+    mIsConnected = status == NATS_CONN_STATUS_CONNECTED;
+  } while (natsConnection_Status(connection.get()) != status);
 }
 
 void KXNatsWatch::xLearnMaxPayload() {
