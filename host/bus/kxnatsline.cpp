@@ -9,6 +9,7 @@
 #include <nats/nats.h>
 
 #include <host/bus/kxbushandler.hpp>
+#include <ka/log.hpp>
 
 namespace KX {
 
@@ -236,8 +237,16 @@ KXNatsConnection KXNatsLine::connection() const {
 bool KXNatsLine::use(KXNatsConnection const& connection) {
   std::lock_guard const lock(mMutex);
   if (mHasEnded) return false;
+  for (KXNatsSubscribed* const each : mSubscribed) {
+    natsStatus const status = each->bind(connection.get());
+    // One that is closed has a next one, as in add().
+    if (status == NATS_OK || status == NATS_CONNECTION_CLOSED) continue;
+    ka::log::LogStream(ka::log::Warning, "KXBus", "", "subscribe", 0)
+        << "a new connection takes no subscriptions (" << natsStatus_GetText(status)
+        << "), trying another";
+    return false;
+  }
   mConnection = connection;
-  for (KXNatsSubscribed* const each : mSubscribed) each->bind(connection.get());
   return true;
 }
 

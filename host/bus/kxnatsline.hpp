@@ -8,6 +8,7 @@
 
 #include <host/bus/kxbus.hpp>
 #include <host/bus/kxbusworkers.hpp>
+#include <kxerror/kxapi.hpp>
 
 struct __natsConnection;
 
@@ -16,16 +17,17 @@ namespace KX {
 /// Shared with whoever uses it just now: it may be replaced meanwhile. Closed with the last share.
 using KXNatsConnection = std::shared_ptr<__natsConnection>;
 /// Takes over what the library has made; null stays null.
-KXNatsConnection ownedConnection(__natsConnection* connection);
+KX_API KXNatsConnection ownedConnection(__natsConnection* connection);
 
 class KXNatsSubscribed;
 
 /// The connection, and what is to be subscribed on it, also on the next one.
 /// Threads: any; binding waits for no handler.
-class KXNatsLine {
+class KX_API KXNatsLine {
  public:
   KXNatsConnection connection() const;
-  /// False, and nothing is done, after end().
+  /// False, and the connection is not used, if it does not take what is subscribed, and after
+  /// end().
   bool use(KXNatsConnection const& connection);
   /// As KXBus::subscribe(). On a connection that is closed it succeeds too: the next one is to
   /// come. Otherwise null, and `status` is the library's. `retired` and the line outlive what is
