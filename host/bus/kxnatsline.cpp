@@ -1,8 +1,10 @@
 #include <host/bus/kxnatsline.hpp>
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <cstdlib>
+#include <deque>
 #include <optional>
 #include <utility>
 
@@ -26,9 +28,38 @@ constexpr int kMaxPendingBytes = 256 * 1024 * 1024;
 /// Of one wait for a message; ending the subscription ends it too.
 constexpr std::int64_t kWaitMs = 3'600'000;
 
+/// Subscriptions that have ended. The library's reader may have found one just before, and takes
+/// its lock only then: freed at once, it would be gone under it.
+class EndedSubscriptions {
+ public:
+  static EndedSubscriptions& instance() {
+    static auto& ended =
+        *new EndedSubscriptions;  // On purpose never destroyed: the library has no end.
+    return ended;
+  }
+  void add(natsSubscription* subscription) {
+    natsSubscription_Unsubscribe(subscription);
+    auto const now = Clock::now();
+    std::lock_guard const lock(mMutex);
+    mEnded.emplace_back(now, subscription);
+    for (; now - mEnded.front().first > kKept; mEnded.pop_front()) {
+      natsSubscription_Destroy(mEnded.front().second);
+    }
+  }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  static constexpr std::chrono::seconds kKept{5};
+
+  std::mutex mMutex;
+  std::deque<std::pair<Clock::time_point, natsSubscription*>> mEnded;  // guarded by mMutex
+};
+
 struct Destroy {
   void operator()(natsMsg* message) const { natsMsg_Destroy(message); }
-  void operator()(natsSubscription* subscription) const { natsSubscription_Destroy(subscription); }
+  void operator()(natsSubscription* subscription) const {
+    EndedSubscriptions::instance().add(subscription);
+  }
 };
 using Message = std::unique_ptr<natsMsg, Destroy>;
 using NatsSubscription = std::unique_ptr<natsSubscription, Destroy>;
