@@ -21,6 +21,7 @@
 #include <tests/support/testhost.hpp>
 
 #include <gtest/gtest.h>
+#include <tests/support/waituntil.hpp>
 
 namespace KX::testing {
 
@@ -28,16 +29,6 @@ using Clock = std::chrono::steady_clock;
 
 inline std::int64_t msSince(Clock::time_point begin) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin).count();
-}
-
-/// Waits until the condition holds; false after 30 s.
-inline bool waitUntil(std::function<bool()> const& condition) {
-  auto const end = Clock::now() + std::chrono::seconds(30);
-  while (!condition()) {
-    if (Clock::now() > end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
 }
 
 /// Bytes of which no part is like its neighbour.

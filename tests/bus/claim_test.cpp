@@ -22,6 +22,7 @@
 #include <tests/bus/natsserver.hpp>
 #include <tests/support/logcapture.hpp>
 #include <tests/support/sanitized.hpp>
+#include <tests/support/waituntil.hpp>
 
 namespace KX {
 namespace {
@@ -59,16 +60,6 @@ struct Process {
   KXError::Kind kind{};
   std::unique_ptr<KXClaim> claim;
 };
-
-template <class Condition>
-bool becomesTrue(Condition condition) {
-  auto const end = steady_clock::now() + 30s;
-  while (!condition()) {
-    if (steady_clock::now() > end) return false;
-    std::this_thread::sleep_for(1ms);
-  }
-  return true;
-}
 
 TEST(Claim, IsGrantedWhereNobodyHasTheName) {
   KXBusNetwork network(KXBusNetwork::Pacing::Threaded);
@@ -174,7 +165,7 @@ TEST(Claim, OfOneWhoDoesNotAnswerIsTakenOverAndHeWithdrawsOnHisReturn) {
 
     EXPECT_LT(steady_clock::now() - start, 3s);
     EXPECT_TRUE(first.claim->isHeld());
-    EXPECT_TRUE(becomesTrue([&] { return first.withdrawals == 1; }));
+    EXPECT_TRUE(testing::waitUntil([&] { return first.withdrawals == 1; }));
     EXPECT_FALSE(first.claim->isHeld());
     EXPECT_TRUE(second.claim->isHeld());
     EXPECT_EQ(second.withdrawals, 0);
@@ -236,7 +227,7 @@ TEST(Claim, OfOneWhoWasAwayIsLostToWhoeverTookItMeanwhile) {
 
   network.mend(*first.bus);
 
-  EXPECT_TRUE(becomesTrue([&] { return first.withdrawals == 1; }));
+  EXPECT_TRUE(testing::waitUntil([&] { return first.withdrawals == 1; }));
   EXPECT_TRUE(second.claim->isHeld());
   EXPECT_EQ(log.lines().size(), 1U);
 }
@@ -270,7 +261,7 @@ TEST(Claim, OfTwoWhoHoldItAfterACutTheLaterOneKeepsIt) {
   ASSERT_TRUE(first.claim->isHeld());
   network.mend(*second.bus);
 
-  EXPECT_TRUE(becomesTrue([&] { return first.withdrawals == 1; }));
+  EXPECT_TRUE(testing::waitUntil([&] { return first.withdrawals == 1; }));
   EXPECT_TRUE(second.claim->isHeld());
   EXPECT_EQ(log.lines().size(), 1U);
 }
@@ -349,7 +340,7 @@ TEST(Claim, OverARealServerIsRefusedTakenOverAndKept) {
 
   server.kill();
   server.start();
-  ASSERT_TRUE(becomesTrue([&] { return first.bus->isConnected(); }));
+  ASSERT_TRUE(testing::waitUntil([&] { return first.bus->isConnected(); }));
   Process third(server, "a");
   EXPECT_THAT(third.tryToAcquire(), HasSubstr("already on robot"));
   EXPECT_TRUE(first.claim->isHeld());

@@ -23,7 +23,7 @@
 namespace KX {
 namespace {
 
-using KX::testing::eventually;
+using KX::testing::waitUntil;
 using KX::testing::Gate;
 using KX::testing::Listener;
 using KX::testing::numbered;
@@ -49,7 +49,7 @@ class Events : public ::testing::Test {
     receiver->serve("Listener");
   }
   bool isDelivered(std::uint64_t count) {
-    return eventually([&] {
+    return waitUntil([&] {
       auto const counts = sender->getCounts("Listener");
       return counts.delivered == count && counts.waiting == 0;
     });
@@ -97,7 +97,7 @@ TEST_F(Events, ToAModuleThatNobodyListensForAnyMoreAreRefusedInTheEnd) {
     return KXError::Kind::Failed;
   };
 
-  EXPECT_TRUE(eventually([&] { return kindOfNotify() == KXError::Kind::NotFound; }));
+  EXPECT_TRUE(waitUntil([&] { return kindOfNotify() == KXError::Kind::NotFound; }));
 
   EXPECT_EQ(sender->getCounts("Listener").posted, 0u);
   serve();
@@ -135,7 +135,7 @@ TEST_F(Events, ReachMethodsOfOtherTypesAndScripts) {
                  {{"any", KXValue::arrayOf("a", 1, true)}, {"thing", KXValue::arrayOf()}});
 
   EXPECT_THAT(listener->waitFor(1), ElementsAre(7));
-  EXPECT_TRUE(eventually([&] { return callCount == 2; }));
+  EXPECT_TRUE(waitUntil([&] { return callCount == 2; }));
   EXPECT_THAT(calls, ElementsAre(R"(any["a",1,true])", "thing[]"));
 }
 
@@ -147,8 +147,7 @@ TEST_F(Events, ReachTheModuleOfOneBroker) {
   sender->notify("Listener@any.99999999", {numbered(2)});
 
   EXPECT_THAT(listener->waitFor(1), ElementsAre(1));
-  EXPECT_TRUE(
-      eventually([&] { return sender->getCounts("Listener@any.0123abcd").delivered == 1; }));
+  EXPECT_TRUE(waitUntil([&] { return sender->getCounts("Listener@any.0123abcd").delivered == 1; }));
   EXPECT_EQ(sender->getCounts("Listener@any.99999999").waiting, 1u);
 }
 
@@ -250,7 +249,7 @@ TEST_F(Events, ThatWereNotHandledGoToTheNextReceiver) {
 
   EXPECT_EQ(receiver->getCounts("Listener").handled, 2u);
   std::jthread end([&] { receiver->withdraw("Listener"); });
-  EXPECT_TRUE(eventually([&] { return receiver->getCounts("Listener").handled == 0; }));
+  EXPECT_TRUE(waitUntil([&] { return receiver->getCounts("Listener").handled == 0; }));
   gate.open();
   end.join();
   EXPECT_EQ(listener->numbers(), numbersTo(3));
@@ -307,7 +306,7 @@ TEST_F(Events, ForAModuleThatIsNotThereAreDroppedAndToldOnce) {
   serve();
   receiver->serve("Later");
   sender->notify("Later", numberedFrom(1, 100));
-  ASSERT_TRUE(eventually([&] { return sender->getCounts("Later").waiting == 0; }));
+  ASSERT_TRUE(waitUntil([&] { return sender->getCounts("Later").waiting == 0; }));
 
   EXPECT_EQ(receiver->getCounts("Later").unhandled, 100u);
   EXPECT_EQ(receiver->getCounts("Later").handled, 0u);
@@ -321,7 +320,7 @@ TEST_F(Events, FindAModuleThatCameLaterOrAgain) {
   serve();
   receiver->serve("Later");
   sender->notify("Later", {numbered(1)});
-  ASSERT_TRUE(eventually([&] { return receiver->getCounts("Later").unhandled == 1; }));
+  ASSERT_TRUE(waitUntil([&] { return receiver->getCounts("Later").unhandled == 1; }));
 
   for (int round = 0; round < 3; ++round) {
     auto later = KXModule::createModule<Listener>(host.getBroker(), std::string("Later"));
@@ -329,7 +328,7 @@ TEST_F(Events, FindAModuleThatCameLaterOrAgain) {
     EXPECT_THAT(later->waitFor(1), ElementsAre(2));
     later->exit();
   }
-  ASSERT_TRUE(eventually([&] { return sender->getCounts("Later").waiting == 0; }));
+  ASSERT_TRUE(waitUntil([&] { return sender->getCounts("Later").waiting == 0; }));
   EXPECT_EQ(sender->getCounts("Later").unhandled, 1u);
   EXPECT_EQ(sender->getCounts("Later").delivered, 3u);
 }
@@ -344,7 +343,7 @@ TEST_F(Events, MayEndTheirReceiver) {
   serve();
   sender->notify("Listener", numberedFrom(1, 5));
 
-  EXPECT_TRUE(eventually([&] { return isOver.load(); }));
+  EXPECT_TRUE(waitUntil([&] { return isOver.load(); }));
   EXPECT_EQ(listener->waitFor(2), numbersTo(2));
   EXPECT_EQ(sender->getCounts("Listener").waiting, 5u);
 }
@@ -378,11 +377,10 @@ TEST_F(Events, BeyondTheBoundAreDroppedCountedAndToldOnce) {
   serve();
 
   ASSERT_TRUE(isDelivered(counts.waiting));
-  EXPECT_TRUE(
-      eventually([&] { return receiver->getCounts("Listener").dropped == counts.dropped; }));
+  EXPECT_TRUE(waitUntil([&] { return receiver->getCounts("Listener").dropped == counts.dropped; }));
   EXPECT_EQ(listener->numbers().size(), counts.waiting);
   EXPECT_EQ(listener->numbers().back(), 5000);
-  EXPECT_TRUE(eventually([&] { return !logged("KXEventSender").empty(); }));
+  EXPECT_TRUE(waitUntil([&] { return !logged("KXEventSender").empty(); }));
   EXPECT_THAT(logged("KXEventSender"),
               ElementsAre(HasSubstr(std::to_string(counts.dropped) +
                                     " notifications to module 'Listener' were dropped")));
@@ -395,7 +393,7 @@ TEST_F(Events, TooLargeForAMessageAreDroppedAndNothingElse) {
   EXPECT_THAT(listener->waitFor(2), ElementsAre(1, 3));
   EXPECT_TRUE(isDelivered(2));
   EXPECT_EQ(sender->getCounts("Listener").dropped, 1u);
-  EXPECT_TRUE(eventually([&] { return receiver->getCounts("Listener").dropped == 1; }));
+  EXPECT_TRUE(waitUntil([&] { return receiver->getCounts("Listener").dropped == 1; }));
 }
 
 TEST_F(Events, OfAForgottenModuleAreGone) {
@@ -472,7 +470,7 @@ TEST_F(HostileEvents, ThatAreNoPacksAreIgnoredAndToldOnce) {
   publish("0123456789abcdef.1.1.1.1", pack(2));
 
   EXPECT_THAT(listener->waitFor(1), ElementsAre(2));
-  EXPECT_TRUE(eventually([&] { return ackCount == 1; }));
+  EXPECT_TRUE(waitUntil([&] { return ackCount == 1; }));
   EXPECT_THAT(acks, ElementsAre("0123456789abcdef.2.0"));
   EXPECT_THAT(logged("KXEventReceiver"), ElementsAre("what came for module 'Listener' is no pack"));
 }
@@ -484,7 +482,7 @@ TEST_F(HostileEvents, ThatCannotBeReadAreGivenUp) {
   publish("0123456789abcdef.4000000003.1.4000000003.1", pack(3));
 
   EXPECT_THAT(listener->waitFor(1), ElementsAre(3));
-  EXPECT_TRUE(eventually([&] { return ackCount == 4; }));
+  EXPECT_TRUE(waitUntil([&] { return ackCount == 4; }));
   EXPECT_EQ(receiver->getCounts("Listener").unhandled, 4'000'000'002u);
   EXPECT_EQ(unhandled, "1.4000000002");
   EXPECT_EQ(logged("KXEventReceiver").size(), 1u);
@@ -500,9 +498,9 @@ TEST_F(HostileEvents, MakeNobodyACaller) {
   publish("0123456789abcdef.1.1.1.1", pack(1), "kx.r.KXMemory.removeData");
   publish("0123456789abcdef.2.1.2.2", pack(2));
 
-  EXPECT_TRUE(eventually([&] { return ackCount == 1; }));
+  EXPECT_TRUE(waitUntil([&] { return ackCount == 1; }));
   there->publish({.subject = "kx.r.last"});  // on the way that its answers go
-  EXPECT_TRUE(eventually([&] { return isLast.load(); }));
+  EXPECT_TRUE(waitUntil([&] { return isLast.load(); }));
   EXPECT_EQ(callCount, 0);
 }
 

@@ -38,7 +38,7 @@ namespace {
 using namespace std::chrono_literals;
 using KX::testing::ChildProcess;
 using KX::testing::CutProxy;
-using KX::testing::eventually;
+using KX::testing::waitUntil;
 using KX::testing::NatsServer;
 using KX::testing::ParkingGate;
 using Clock = std::chrono::steady_clock;
@@ -173,7 +173,7 @@ class Faults : public ::testing::Test {
   void fetch() { mLedger.take(call(*watcher, kWatcher, "getData")); }
   /// Fetches until the number has come.
   bool isAt(int number) {
-    return eventually([&] {
+    return waitUntil([&] {
       fetch();
       return mLedger.last >= number;
     });
@@ -181,7 +181,7 @@ class Faults : public ::testing::Test {
   /// Fetches until some batches more have come.
   bool isSampling() {
     std::size_t const enough = mLedger.timesUs.size() + 5;
-    return eventually([&] {
+    return waitUntil([&] {
       fetch();
       return mLedger.timesUs.size() >= enough;
     });
@@ -194,7 +194,7 @@ class Faults : public ::testing::Test {
     auto const transport = store->getBroker()->getTransport();
     std::string const address = std::string(kWatcher) + "@" + watcher->getBroker()->getName();
     KXNotificationCounts counts;
-    EXPECT_TRUE(eventually([&] {
+    EXPECT_TRUE(waitUntil([&] {
       counts = transport->notificationCounts(address);
       return counts.waiting == 0;
     }));
@@ -338,7 +338,7 @@ TEST_F(Faults, TwoWhoFetchInTurnGetEachSampleOnce) {
   // A call that meets no connection fails before its first try, and took nothing out.
   auto const untilConnected = [](auto const& step) {
     KXValue result;
-    EXPECT_TRUE(eventually([&] {
+    EXPECT_TRUE(waitUntil([&] {
       try {
         result = step();
         return true;
@@ -350,7 +350,7 @@ TEST_F(Faults, TwoWhoFetchInTurnGetEachSampleOnce) {
     return result;
   };
   auto const fetchInTurn = [&](int number) {
-    return eventually([&] {
+    return waitUntil([&] {
       for (KXHost* client : {&one, &other}) {
         mLedger.take(call(*client, kWatcher, "getData", {}, 30'000));
       }
@@ -384,7 +384,7 @@ TEST_F(Faults, AStoreThatStartsAnewHasItsSubscribersBack) {
   // The subscription comes back some time after the store: who raises meanwhile is not heard.
   mLedger = {};
   int number = 0;
-  EXPECT_TRUE(eventually([&] {
+  EXPECT_TRUE(waitUntil([&] {
     call(*store, "KXMemory", "raiseEvent", {"number", ++number});
     fetch();
     return mLedger.last > 0;
@@ -405,7 +405,7 @@ TEST_F(Faults, AnEventAndTheEndOfItsSubscriptionDoNotHoldEachOtherUp) {
     // What was on its way made an entry of its own, which would pass for the one to be added.
     auto const transport = store->getBroker()->getTransport();
     std::string const address = std::string(kWatcher) + "@" + watcher->getBroker()->getName();
-    EXPECT_TRUE(eventually([&] { return transport->notificationCounts(address).waiting == 0; }));
+    EXPECT_TRUE(waitUntil([&] { return transport->notificationCounts(address).waiting == 0; }));
     fetch();
     call(*watcher, kWatcher, "removeAllListeners");
     EXPECT_LT(timeOf([&] { call(*watcher, kWatcher, "addListener", {"number"}); }), kSoon);
@@ -455,7 +455,7 @@ TEST_F(Processes, AWatcherThatIsKilledFailsTheFetchAndItsNameIsFree) {
     });
     std::optional<KXError::Kind> kind;
     Clock::duration worst{0};
-    EXPECT_TRUE(eventually([&] {
+    EXPECT_TRUE(waitUntil([&] {
       auto const asked = Clock::now();
       try {
         call(kWatcher, "getData");
@@ -487,7 +487,7 @@ TEST_F(Processes, AHostThatIsKilledAndStartedAgainIsSampledAgain) {
     host = startHost();
 
     Ledger ledger;
-    EXPECT_TRUE(eventually([&] {
+    EXPECT_TRUE(waitUntil([&] {
       call("KXMemory", "raiseEvent", {"number", round});
       ledger.take(call(kWatcher, "getData"));
       return ledger.last == round;
@@ -587,11 +587,11 @@ TEST_F(Meetings, CallsEndWithTheirCallee) {
       }
     });
   }
-  EXPECT_TRUE(eventually([&] { return answered > 100; }));
+  EXPECT_TRUE(waitUntil([&] { return answered > 100; }));
 
   EXPECT_LT(timeOf([&] { callee.reset(); }), kSoon);
 
-  EXPECT_TRUE(eventually([&] { return errors > 100; }));
+  EXPECT_TRUE(waitUntil([&] { return errors > 100; }));
   EXPECT_LT(timeOf([&] { callers.clear(); }), kSoon);
   EXPECT_EQ(wrongKinds, 0);
   EXPECT_EQ(slow->echoed, answered);  // none ran whose caller was told that it did not

@@ -17,11 +17,11 @@
 namespace KX {
 namespace {
 
-using testing::eventually;
 using testing::Listener;
 using testing::NatsServer;
 using testing::replaced;
 using testing::TemporaryDirectory;
+using testing::waitUntil;
 
 class Site : public ::testing::Test {
  protected:
@@ -44,7 +44,7 @@ class Site : public ::testing::Test {
     text = replaced(text, "listen: \"0.0.0.0:4222\"\n", "");
     mHub = std::make_unique<NatsServer>(replaced(text, "0.0.0.0:7422", "127.0.0.1:-1"));
     std::string const begin = "leafnode connections on 127.0.0.1:";
-    ASSERT_TRUE(eventually([&] { return mHub->logText().find(begin) != std::string::npos; }));
+    ASSERT_TRUE(waitUntil([&] { return mHub->logText().find(begin) != std::string::npos; }));
     std::string const log = mHub->logText();
     auto const at = log.find(begin) + begin.size();
     mHubPort = log.substr(at, log.find('\n', at) - at);
@@ -52,7 +52,7 @@ class Site : public ::testing::Test {
   }
   void awaitLeaf() {
     ++mLeaves;
-    ASSERT_TRUE(eventually([&] {
+    ASSERT_TRUE(waitUntil([&] {
       std::string const log = mSite->logText();
       int count = 0;
       for (auto at = log.find("Leafnode connection created"); at != std::string::npos;
@@ -72,7 +72,7 @@ class Site : public ::testing::Test {
 
   /// The hub learns what the site listens to a moment after the two are connected.
   void awaitStore(KXHost const& viewer) {
-    ASSERT_TRUE(eventually([&] {
+    ASSERT_TRUE(waitUntil([&] {
       try {
         call(viewer, "getKeys", {""});
         return true;

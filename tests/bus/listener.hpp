@@ -17,19 +17,9 @@
 #include <kxcommon/kxbroker.hpp>
 #include <kxcommon/kxmodule.hpp>
 #include <kxvalue/kxvalue.hpp>
+#include <tests/support/waituntil.hpp>
 
 namespace KX::testing {
-
-/// Waits until it holds; false after 30 s.
-template <class Condition>
-bool eventually(Condition const& condition) {
-  auto const end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
-}
 
 /// Threads: any may ask; the hook is set before events come, and called without a lock.
 class Listener : public KXModule {

@@ -24,7 +24,7 @@ namespace KX {
 namespace {
 
 using KX::testing::CutProxy;
-using KX::testing::eventually;
+using KX::testing::waitUntil;
 using KX::testing::Listener;
 using KX::testing::NatsServer;
 using KX::testing::numberedFrom;
@@ -77,13 +77,13 @@ class NatsEvents : public ::testing::Test {
     });
   }
   bool isAt(int number) {
-    return eventually([&] { return listener->lastNumber >= number; });
+    return waitUntil([&] { return listener->lastNumber >= number; });
   }
   /// All arrived once and in order, and both ends say so.
   void expectAll(int last) {
     mPoster.join();
     auto const posted = static_cast<std::uint64_t>(last);
-    EXPECT_TRUE(eventually([&] { return sender->getCounts("Listener").waiting == 0; }));
+    EXPECT_TRUE(waitUntil([&] { return sender->getCounts("Listener").waiting == 0; }));
     KXNotificationCounts const counts = sender->getCounts("Listener");
     EXPECT_EQ(counts.posted, posted);
     EXPECT_EQ(counts.delivered, posted);
@@ -102,7 +102,7 @@ class NatsEvents : public ::testing::Test {
     for (int i = 1; i <= times; ++i) {
       ASSERT_TRUE(isAt(last / (times + 1) * i));
       server.kill();
-      ASSERT_TRUE(eventually([&] { return !here->isConnected() && !there->isConnected(); }));
+      ASSERT_TRUE(waitUntil([&] { return !here->isConnected() && !there->isConnected(); }));
       server.start();
     }
     expectAll(last);
@@ -113,7 +113,7 @@ class NatsEvents : public ::testing::Test {
     for (int i = 1; i <= times; ++i) {
       ASSERT_TRUE(isAt(last / (times + 1) * i));
       proxy.cut();
-      ASSERT_TRUE(eventually([&] { return !bus.isConnected(); }));
+      ASSERT_TRUE(waitUntil([&] { return !bus.isConnected(); }));
       proxy.resume();
     }
     expectAll(last);
@@ -219,7 +219,7 @@ TEST_F(StressNatsEvents, SurviveCutsOfEitherSide) {
     CutProxy& proxy = i % 2 == 0 ? hereProxy : thereProxy;
     proxy.cut();
     KXBus const& bus = i % 2 == 0 ? *here : *there;
-    ASSERT_TRUE(eventually([&] { return !bus.isConnected(); }));
+    ASSERT_TRUE(waitUntil([&] { return !bus.isConnected(); }));
     proxy.resume();
   }
   expectAll(kLast);

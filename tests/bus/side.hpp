@@ -20,19 +20,9 @@
 #include <kxcommon/kxbroker.hpp>
 #include <kxcommon/kxmodule.hpp>
 #include <kxvalue/kxvalue.hpp>
+#include <tests/support/waituntil.hpp>
 
 namespace KX::testing {
-
-/// False after 30 s.
-inline bool waitUntil(std::function<bool()> const& condition) {
-  using Clock = std::chrono::steady_clock;
-  auto const end = Clock::now() + std::chrono::seconds(30);
-  while (!condition()) {
-    if (Clock::now() > end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
-}
 
 /// Notes the events it is told of; park() stays until the module is taken out of service.
 class Guest : public KXModule {

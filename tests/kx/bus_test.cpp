@@ -13,6 +13,7 @@
 #include <nlohmann/json.hpp>
 
 #include <kxerror/kxerror.hpp>
+#include <tests/support/waituntil.hpp>
 
 #include "robot.hpp"
 #include "tool.hpp"
@@ -49,16 +50,6 @@ std::size_t socketsOf(pid_t pid) {
     if (target.starts_with("socket:")) ++count;
   }
   return count;
-}
-
-template <class Condition>
-bool becomesTrue(Condition condition) {
-  auto const end = std::chrono::steady_clock::now() + 30s;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    std::this_thread::sleep_for(5ms);
-  }
-  return true;
 }
 
 TEST_F(Robot, IsServedUntilASignalEndsIt) {

@@ -80,7 +80,7 @@ class SharedRobot : public Robot {
     // Samples come too: how soon depends on when each process is back.
     std::size_t const printed = mViewer->getOutput().size();
     int last = 17;
-    EXPECT_TRUE(eventually([&] {
+    EXPECT_TRUE(waitUntil([&] {
       call("KXMemory", "raiseEvent", {"Test/Raised", ++last});
       mViewer->waitForOutputText("\"value\":" + std::to_string(last) + "}");
       return mViewer->getOutput().find("Host/UptimeSeconds", printed) != std::string::npos;
@@ -172,7 +172,7 @@ TEST_F(SharedRobot, IsWatchedOnAfterItsServerWasAway) {
   mServer.start();
   mViewer->waitForErrorText("is back");
   // This process comes back in its own time.
-  EXPECT_TRUE(eventually([&] {
+  EXPECT_TRUE(waitUntil([&] {
     try {
       return listeners().size() == 2;
     } catch (KXError const&) {
