@@ -23,12 +23,12 @@
 namespace KX {
 namespace {
 
-using KX::testing::waitUntil;
 using KX::testing::Gate;
 using KX::testing::Listener;
 using KX::testing::numbered;
 using KX::testing::numberedFrom;
 using KX::testing::TestHost;
+using KX::testing::waitUntil;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;

@@ -38,9 +38,9 @@ namespace {
 using namespace std::chrono_literals;
 using KX::testing::ChildProcess;
 using KX::testing::CutProxy;
-using KX::testing::waitUntil;
 using KX::testing::NatsServer;
 using KX::testing::ParkingGate;
+using KX::testing::waitUntil;
 using Clock = std::chrono::steady_clock;
 using Values = std::vector<KXValue>;
 

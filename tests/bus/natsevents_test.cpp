@@ -24,11 +24,11 @@ namespace KX {
 namespace {
 
 using KX::testing::CutProxy;
-using KX::testing::waitUntil;
 using KX::testing::Listener;
 using KX::testing::NatsServer;
 using KX::testing::numberedFrom;
 using KX::testing::TestHost;
+using KX::testing::waitUntil;
 using Clock = std::chrono::steady_clock;
 
 /// A module that has to get the numbers from 1 on, each once and in order.
