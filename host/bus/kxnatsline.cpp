@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <deque>
+#include <map>
 #include <optional>
 #include <utility>
 
@@ -28,41 +29,67 @@ constexpr int kMaxPendingBytes = 256 * 1024 * 1024;
 /// Of one wait for a message; ending the subscription ends it too.
 constexpr std::int64_t kWaitMs = 3'600'000;
 
-/// Subscriptions that have ended. The library's reader may have found one just before, and takes
-/// its lock only then: freed at once, it would be gone under it.
+/// Subscriptions that have ended on connections that have not. The library's reader may have found
+/// one just before, and takes its lock only then: freed at once, it would be gone under it.
 class EndedSubscriptions {
  public:
   static EndedSubscriptions& instance() {
-    static auto& ended =
-        *new EndedSubscriptions;  // On purpose never destroyed: the library has no end.
+    static auto& ended = *new EndedSubscriptions;  // On purpose never destroyed: as the library.
     return ended;
   }
-  void add(natsSubscription* subscription) {
+  void begin(natsConnection* connection) {
+    std::lock_guard const lock(mMutex);
+    mConnections[connection];
+  }
+  void add(natsConnection* connection, natsSubscription* subscription) {
     natsSubscription_Unsubscribe(subscription);
     auto const now = Clock::now();
-    std::lock_guard const lock(mMutex);
-    mEnded.emplace_back(now, subscription);
-    for (; now - mEnded.front().first > kKept; mEnded.pop_front()) {
-      natsSubscription_Destroy(mEnded.front().second);
+    Ended past;
+    {
+      std::lock_guard const lock(mMutex);
+      auto const found = mConnections.find(connection);
+      Ended& ended = found == mConnections.end() ? past : found->second;
+      ended.emplace_back(now, subscription);
+      for (; &ended != &past && now - ended.front().first > kKept; ended.pop_front()) {
+        past.push_back(ended.front());
+      }
     }
+    destroy(past);
+  }
+  /// It is closed, and its reader has ended.
+  void end(natsConnection* connection) {
+    Ended past;
+    {
+      std::lock_guard const lock(mMutex);
+      past = std::move(mConnections.extract(connection).mapped());
+    }
+    destroy(past);
   }
 
  private:
   using Clock = std::chrono::steady_clock;
+  using Ended = std::deque<std::pair<Clock::time_point, natsSubscription*>>;
   static constexpr std::chrono::seconds kKept{5};
 
+  static void destroy(Ended const& past) {
+    for (auto const& [time, subscription] : past) natsSubscription_Destroy(subscription);
+  }
+
   std::mutex mMutex;
-  std::deque<std::pair<Clock::time_point, natsSubscription*>> mEnded;  // guarded by mMutex
+  std::map<natsConnection*, Ended> mConnections;  // guarded by mMutex
 };
 
 struct Destroy {
   void operator()(natsMsg* message) const { natsMsg_Destroy(message); }
+};
+struct End {
+  natsConnection* connection = nullptr;
   void operator()(natsSubscription* subscription) const {
-    EndedSubscriptions::instance().add(subscription);
+    EndedSubscriptions::instance().add(connection, subscription);
   }
 };
 using Message = std::unique_ptr<natsMsg, Destroy>;
-using NatsSubscription = std::unique_ptr<natsSubscription, Destroy>;
+using NatsSubscription = std::unique_ptr<natsSubscription, End>;
 
 KXBusHeaders headersOf(natsMsg* message) {
   KXBusHeaders headers;
@@ -136,7 +163,7 @@ class OrderedSubscription : public KXNatsSubscribed {
             ? natsConnection_Subscribe(&made, connection, subject, onMessage, closure.get())
             : natsConnection_QueueSubscribe(&made, connection, subject, mWanted.queue.c_str(),
                                             onMessage, closure.get());
-    mSubscription.reset(made);
+    mSubscription = NatsSubscription(made, End{connection});
     if (status != NATS_OK) return status;
     natsSubscription_SetOnCompleteCB(made, onComplete, closure.release());
     natsSubscription_SetPendingLimits(made, -1, kMaxPendingBytes);
@@ -192,7 +219,7 @@ class ParallelSubscription : public KXNatsSubscribed {
             : natsConnection_QueueSubscribeSync(&made, connection, subject, mWanted.queue.c_str());
     if (status != NATS_OK) return status;
     natsSubscription_SetPendingLimits(made, -1, kMaxPendingBytes);
-    mSource->use(NatsSubscription(made));
+    mSource->use(NatsSubscription(made, End{connection}));
     if (!mIsStarted) mWorkers->start();
     mIsStarted = true;
     return status;
@@ -257,7 +284,13 @@ class LineSubscription : public KXBusSubscription {
 }  // namespace
 
 KXNatsConnection ownedConnection(natsConnection* connection) {
-  return {connection, natsConnection_Destroy};
+  if (connection == nullptr) return nullptr;
+  EndedSubscriptions::instance().begin(connection);
+  return {connection, [](natsConnection* ended) {
+            natsConnection_Close(ended);
+            EndedSubscriptions::instance().end(ended);
+            natsConnection_Destroy(ended);
+          }};
 }
 
 KXNatsConnection KXNatsLine::connection() const {
