@@ -11,6 +11,7 @@
 
 #include <boost/smart_ptr/make_shared.hpp>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <host/memory/kxmemory.hpp>
@@ -307,8 +308,10 @@ TEST_F(DistantStore, IsToldThemWhenItIsHeardOfNextWhereItDidNotAnswerInTime) {
   }
 
   client->shutdown();  // waits for the renewal
-  EXPECT_EQ(namesOf(transport->getCalls(), before),
-            std::vector<std::string>(3, "subscribeToEvent e"));
+  // A sign that came just then may have had it told once more.
+  auto const names = namesOf(transport->getCalls(), before);
+  EXPECT_GE(names.size(), 3U);
+  EXPECT_THAT(names, ::testing::Each("subscribeToEvent e"));
 }
 
 TEST_F(DistantStore, IsToldNothingByAProxyThatIsGone) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <functional>
+#include <list>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -80,21 +81,21 @@ class FakeTransport : public KXTransport {
   std::shared_ptr<void> observeReturns(std::string const& /*module*/,
                                        std::function<void()> handler) override {
     std::lock_guard<std::mutex> const lock(mMutex);
-    mOnReturn = std::move(handler);
-    return std::shared_ptr<void>(this, [](void* self) {
+    auto const entry = mOnReturn.insert(mOnReturn.end(), std::move(handler));
+    return std::shared_ptr<void>(this, [entry](void* self) {
       auto* const transport = static_cast<FakeTransport*>(self);
       std::lock_guard<std::mutex> const transportLock(transport->mMutex);
-      transport->mOnReturn = nullptr;
+      transport->mOnReturn.erase(entry);
     });
   }
   /// As if the module had come back; nothing if nobody observes.
   void returnModule() {
-    std::function<void()> handler;
+    std::list<std::function<void()>> handlers;
     {
       std::lock_guard<std::mutex> const lock(mMutex);
-      handler = mOnReturn;
+      handlers = mOnReturn;
     }
-    if (handler) handler();
+    for (auto const& handler : handlers) handler();
   }
   KXModuleInfo describe(std::string const& module) override {
     return mTarget->getProxy(module, 0)->describe();
@@ -113,8 +114,8 @@ class FakeTransport : public KXTransport {
   boost::shared_ptr<KXBroker> const mTarget;
   Hook mHook;
   mutable std::mutex mMutex;
-  std::vector<Call> mCalls;         // guarded by mMutex
-  std::function<void()> mOnReturn;  // guarded by mMutex
+  std::vector<Call> mCalls;                    // guarded by mMutex
+  std::list<std::function<void()>> mOnReturn;  // guarded by mMutex
 };
 
 }  // namespace KX::testing
