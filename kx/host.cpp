@@ -2,9 +2,7 @@
 // user's own.
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
-#include <csignal>
 #include <string>
 
 #include <fmt/format.h>
@@ -18,17 +16,11 @@
 namespace KX::tool {
 
 int host(KXHostOptions const& options, KXStop const& stop) {
-  // A host that nobody reaches is of no use: whoever runs it as a service starts it again.
-  std::atomic<bool> hasLostName{false};
-  auto const onNameLost = [&hasLostName] {
-    hasLostName = true;
-    ::kill(::getpid(), SIGTERM);
-  };
   KXHost host({.name = "kx",
                .withVsm = options.withCycle,
                .bus = options.bus,
                .announced = KXHost::Announced::Everything,
-               .onNameLost = onNameLost});
+               .endsWithItsNames = true});
   host.loadModule(findLibrary("kxhostsensors"));
   for (std::string const& library : options.libraries) host.loadModule(findLibrary(library));
   host.announce();
@@ -39,7 +31,7 @@ int host(KXHostOptions const& options, KXStop const& stop) {
                   options.bus.url, ::getpid())));
   stop.waitUntil(std::chrono::steady_clock::time_point::max());
   host.shutdown();
-  return hasLostName ? kFailed : kOk;
+  return host.hasLostName() ? kFailed : kOk;
 }
 
 }  // namespace KX::tool

@@ -3,13 +3,11 @@
 #include <unistd.h>
 
 #include <exception>
-#include <initializer_list>
 #include <map>
 #include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include <fmt/format.h>
@@ -67,7 +65,8 @@ process has one of these names, that is an error.
 )";
 
 constexpr char const* kBusFooter = R"(
-Options override the environment; an empty one is none. Passwords and tokens stand in files of one line.
+Options override the environment; an empty one is none. Passwords and tokens stand in files of one
+line.
 )";
 
 struct Arguments {
@@ -210,13 +209,11 @@ int run(int argc, char** argv, KXOutput& output, KXStop const& stop) {
   CLI::App* const hostVerb = addHost(app, arguments);
   CLI::App* const robotsVerb = addRobots(app, arguments);
   std::map<CLI::App const*, std::unique_ptr<KXBusArguments>> buses;
-  using Means = KXBusArguments::Means;
-  for (auto const& [verb, means] :
-       std::initializer_list<std::pair<CLI::App*, Means>>{{watchVerb, Means::Robot},
-                                                          {listVerb, Means::Robot},
-                                                          {describeVerb, Means::Robot},
-                                                          {hostVerb, Means::Host},
-                                                          {robotsVerb, Means::WholeBus}}) {
+  for (CLI::App* verb : {watchVerb, listVerb, describeVerb, hostVerb, robotsVerb}) {
+    using Means = KXBusArguments::Means;
+    auto const means = verb == hostVerb     ? Means::Host
+                       : verb == robotsVerb ? Means::WholeBus
+                                            : Means::Robot;
     buses[verb] = std::make_unique<KXBusArguments>(*verb, means);
     verb->allow_extras();
     verb->footer(verb->get_footer() + kBusFooter + kFooter);

@@ -41,17 +41,19 @@ class EndedSubscriptions {
     std::lock_guard const lock(mMutex);
     mConnections[connection];
   }
+  /// It is unsubscribed, or its connection is closed.
   void add(natsConnection* connection, natsSubscription* subscription) {
-    natsSubscription_Unsubscribe(subscription);
     auto const now = Clock::now();
     Ended past;
     {
       std::lock_guard const lock(mMutex);
       auto const found = mConnections.find(connection);
-      Ended& ended = found == mConnections.end() ? past : found->second;
-      ended.emplace_back(now, subscription);
-      for (; &ended != &past && now - ended.front().first > kKept; ended.pop_front()) {
-        past.push_back(ended.front());
+      if (found == mConnections.end()) {
+        past.emplace_back(now, subscription);
+      } else {
+        Ended& ended = found->second;
+        ended.emplace_back(now, subscription);
+        for (; now - ended.front().first > kKept; ended.pop_front()) past.push_back(ended.front());
       }
     }
     destroy(past);

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <chrono>
 #include <map>
-#include <new>
 #include <utility>
 
 #include <host/bus/kxbusrules.hpp>

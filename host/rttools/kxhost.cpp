@@ -1,6 +1,10 @@
 #include <host/rttools/kxhost.hpp>
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <atomic>
+#include <csignal>
 #include <utility>
 #include <vector>
 
@@ -22,7 +26,11 @@ struct KXHost::Impl {
     }
     std::shared_ptr<KXBus> const bus = connectNats(*options.bus);
     broker = KXBroker::createBroker(KXBusLink::newBrokerName(*bus));
-    link = std::make_unique<KXBusLink>(bus, broker, *options.bus, options.onNameLost);
+    link = std::make_unique<KXBusLink>(bus, broker, *options.bus,
+                                       [this, endsProcess = options.endsWithItsNames] {
+                                         hasLostName = true;
+                                         if (endsProcess) ::kill(::getpid(), SIGTERM);
+                                       });
   }
   // Here and not in ~KXHost, so that it also runs when KXHost's constructor fails half-way.
   ~Impl() { shutdown(); }
@@ -52,6 +60,7 @@ struct KXHost::Impl {
   }
 
   Announced const announced;
+  std::atomic<bool> hasLostName{false};
   std::vector<std::string> done;  // the modules that were announced
   boost::shared_ptr<KXBroker> broker;
   std::unique_ptr<KXBusLink> link;  // null without a bus
@@ -79,6 +88,10 @@ void KXHost::loadModule(std::string const& path) {
 
 void KXHost::announce() {
   mImpl->announce();
+}
+
+bool KXHost::hasLostName() const noexcept {
+  return mImpl->hasLostName;
 }
 
 void KXHost::shutdown() {

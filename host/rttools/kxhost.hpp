@@ -1,7 +1,6 @@
 // A host in this process, without any robot: what tools, tests and stand-alone processes build on.
 #pragma once
 
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -46,9 +45,9 @@ class KX_API KXHost {
     bool withVsm = false;               ///< run the 10 ms hardware cycle
     std::optional<KXBusOptions> bus{};  ///< join a robot; without, nothing opens a socket
     Announced announced = Announced::Nothing;
-    /// Another process has taken an announced name, since this one did not answer: the module is
-    /// reached here no more. Called for each name, by a thread of the broker.
-    std::function<void()> onNameLost{};
+    /// Send this process SIGTERM when another has taken an announced name, since this one did not
+    /// answer: a service that nobody reaches is to end, and may be started again.
+    bool endsWithItsNames = false;
   };
 
   /// KXError if there is no way to the bus.
@@ -68,6 +67,9 @@ class KX_API KXHost {
   /// Announces what was published since the last time and is to be, as the options say. KXError,
   /// and none is announced, if another process of the robot has one of the names, and says which.
   void announce();
+
+  /// Has another process taken a name that was announced?
+  bool hasLostName() const noexcept;
 
   /// Shuts the broker down, last module first, then calls each library's `_closeModule`. The
   /// libraries stay loaded. Does nothing the second time.

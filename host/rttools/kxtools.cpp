@@ -1,14 +1,11 @@
 #include <rttools/kxtools.hpp>
 
-#include <atomic>
 #include <csignal>
 #include <cstdio>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include <unistd.h>
@@ -138,14 +135,13 @@ std::optional<int> parse(std::string const& name, int argc, char** argv, Options
 }
 
 // Without a bus a host of its own, with one a part of the robot's.
-std::unique_ptr<KXHost> makeHost(std::string const& name, Options const& options,
-                                 std::function<void()> onNameLost) {
+std::unique_ptr<KXHost> makeHost(std::string const& name, Options const& options) {
   return std::make_unique<KXHost>(KXHost::Options{.name = name,
                                                   .withStore = !options.bus,
                                                   .withVsm = false,
                                                   .bus = options.bus,
                                                   .announced = KXHost::Announced::OwnModules,
-                                                  .onNameLost = std::move(onNameLost)});
+                                                  .endsWithItsNames = true});
 }
 
 void makeModules(KXHost& host, Options const& options, Create const& create) {
@@ -187,16 +183,10 @@ int KXTools::mainFunction(std::string const& name, int argc, char** argv, Create
   // Whoever reads stderr may go away; the service stays.
   std::signal(SIGPIPE, SIG_IGN);
 
-  // A process that nobody reaches is of no use: whoever runs it as a service starts it again.
-  std::atomic<bool> hasLostName{false};
-  auto const onNameLost = [&hasLostName] {
-    hasLostName = true;
-    ::kill(::getpid(), SIGTERM);
-  };
   std::unique_ptr<KXHost> host;
   char const* failed = "cannot join the robot: ";
   try {
-    host = makeHost(name, options, onNameLost);
+    host = makeHost(name, options);
     failed = "cannot make the module: ";
     makeModules(*host, options, create);
     failed = "cannot serve the module: ";
@@ -212,7 +202,7 @@ int KXTools::mainFunction(std::string const& name, int argc, char** argv, Create
   int signal = 0;
   ::sigwait(&endSignals, &signal);
   host->shutdown();
-  return hasLostName ? kFailed : kOk;
+  return host->hasLostName() ? kFailed : kOk;
 }
 
 }  // namespace KX
