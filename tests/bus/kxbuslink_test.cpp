@@ -28,17 +28,7 @@ using ::testing::HasSubstr;
 using testing::Side;
 using testing::waitUntil;
 
-struct BusLink : ::testing::Test {
-  std::unique_ptr<Side> makeHost() {
-    auto host = std::make_unique<Side>(network, "host");
-    store = KXModule::createModule<KXMemory>(host->broker);
-    host->link->announce({"KXMemory"});
-    return host;
-  }
-
-  KXBusNetwork network{KXBusNetwork::Pacing::Threaded};
-  boost::shared_ptr<KXMemory> store;
-};
+using BusLink = testing::RobotTest;
 
 TEST_F(BusLink, ReachesAnAnnouncedModuleByItsPlainName) {
   Side there(network, "there");
@@ -218,6 +208,30 @@ TEST_F(BusLink, ServesNothingWhereAnnouncingFails) {
   EXPECT_THROW(here.broker->getProxy("Guest", 0), KXError);
   EXPECT_NO_THROW(there.link->announce({"Guest"}));
   EXPECT_EQ(here.broker->getProxy("Guest", 0)->call<int>("twice", 1), 2);
+}
+
+// Two are under way to one who was cut off, as many as find room wait.
+TEST_F(BusLink, DropsEventsBeyondTheBacklog) {
+  for (auto const& [backlogMb, isEnough] : {std::pair(1, false), std::pair(8, true)}) {
+    SCOPED_TRACE(backlogMb);
+    auto const host = makeHost({.robot = "r", .backlogMb = backlogMb});
+    Side side(network, "one");
+    auto const guest = KXModule::createModule<Guest>(side.broker);
+    KXMemoryProxy proxy(side.broker);
+    proxy.subscribeToEvent("e", "Guest", "onEvent");
+    network.cut(*side.bus);
+
+    for (int i = 0; i < 10; ++i) store->raiseEvent("e", std::string(500'000, 'x'));
+
+    KXValue counts;
+    std::string const address = "Guest@" + side.broker->getName();
+    ASSERT_TRUE(waitUntil([&] {
+      counts = store->getNotificationCounts(address);
+      return static_cast<int>(counts[0]) == 10;
+    }));
+    EXPECT_EQ(static_cast<int>(counts[2]) == 0, isEnough) << counts.toString(1);
+    store.reset();
+  }
 }
 
 TEST_F(BusLink, MayBeToldToEndAgain) {

@@ -47,16 +47,20 @@ bool isHostsHerald(KXBusTransfer const& transfer) {
   return transfer.message.subject == "kx.r.@here" && transfer.from != 1;
 }
 
-struct Returns : ::testing::Test {
-  std::unique_ptr<Side> makeHost() {
-    auto host = std::make_unique<Side>(network, "host");
-    store = KXModule::createModule<KXMemory>(host->broker);
-    host->link->announce({"KXMemory"});
-    return host;
-  }
-
-  KXBusNetwork network{KXBusNetwork::Pacing::Threaded};
-  boost::shared_ptr<KXMemory> store;
+struct Returns : testing::RobotTest {
+  // A guest that was subscribed to the event "e" at a store that has gone.
+  struct Orphan {
+    explicit Orphan(Returns& test, int timeoutMs = 5000)
+        : host(test.makeHost()), side(test.network, "one", timeoutMs), proxy(side.broker) {
+      proxy.subscribeToEvent("e", "Guest", "onEvent");
+      test.store.reset();
+      host.reset();
+    }
+    std::unique_ptr<Side> host;
+    Side side;
+    boost::shared_ptr<Guest> const guest = KXModule::createModule<Guest>(side.broker);
+    KXMemoryProxy proxy;
+  };
 };
 
 TEST_F(Returns, RenewsSubscriptionsWhenTheRobotsHostIsStartedAnew) {
@@ -80,35 +84,23 @@ TEST_F(Returns, RenewsSubscriptionsWhenTheRobotsHostIsStartedAnew) {
 }
 
 TEST_F(Returns, RenewsSubscriptionsAlthoughTheAnnouncementWasLost) {
-  auto host = makeHost();
-  Side side(network, "one");
-  auto const guest = KXModule::createModule<Guest>(side.broker);
-  KXMemoryProxy proxy(side.broker);
-  proxy.subscribeToEvent("e", "Guest", "onEvent");
-  store.reset();
-  host.reset();
+  Orphan const orphan(*this);
   network.setFaults([](KXBusTransfer const& transfer) {
     bool const isAnnouncement = transfer.message.subject == "kx.r.@here";
     return isAnnouncement ? KXBusFate{{}, false} : KXBusFate();
   });
-  host = makeHost();
+  auto const host = makeHost();
   network.setFaults({});
 
   ASSERT_TRUE(waitUntil([&] {
     store->raiseEvent("e", "after");
-    return !guest->events().empty();
+    return !orphan.guest->events().empty();
   }));
 }
 
 // What a store says in these is said for it, always the same.
 TEST_F(Returns, RenewsSubscriptionsAtTheNextSignOfAStoreThatDidNotAnswer) {
-  auto host = makeHost();
-  Side side(network, "one", 100);
-  auto const guest = KXModule::createModule<Guest>(side.broker);
-  KXMemoryProxy proxy(side.broker);
-  proxy.subscribeToEvent("e", "Guest", "onEvent");
-  store.reset();
-  host.reset();
+  Orphan const orphan(*this, 100);
   std::atomic<int> lostCount{0};
   std::atomic<bool> isHung{true};
   network.setFaults([&](KXBusTransfer const& transfer) {
@@ -117,46 +109,40 @@ TEST_F(Returns, RenewsSubscriptionsAtTheNextSignOfAStoreThatDidNotAnswer) {
     return isHostsHerald(transfer) || (isCall && isHung) ? KXBusFate{{}, false} : KXBusFate();
   });
   LogCapture const log("KXMemoryProxy");
-  host = makeHost();
+  auto const host = makeHost();
 
-  herald(*side.bus, "KXMemory", idOf(1));
+  herald(*orphan.side.bus, "KXMemory", idOf(1));
   ASSERT_THAT(log.waitFor(1), SizeIs(1));
   int const lostBefore = lostCount;
   ASSERT_TRUE(waitUntil([&] {
-    herald(*side.bus, "KXMemory", idOf(1));
+    herald(*orphan.side.bus, "KXMemory", idOf(1));
     return lostCount > lostBefore;
   }));
   isHung = false;
 
   ASSERT_TRUE(waitUntil([&] {
-    herald(*side.bus, "KXMemory", idOf(1));
+    herald(*orphan.side.bus, "KXMemory", idOf(1));
     store->raiseEvent("e", "after");
-    return !guest->events().empty();
+    return !orphan.guest->events().empty();
   }));
   EXPECT_THAT(log.texts(), ElementsAre(HasSubstr("renewing the subscriptions")));
   network.setFaults({});
 }
 
 TEST_F(Returns, RenewsSubscriptionsAtAStoreThatWasNotThereWhenItWasHeardOf) {
-  auto host = makeHost();
-  Side side(network, "one");
-  auto const guest = KXModule::createModule<Guest>(side.broker);
-  KXMemoryProxy proxy(side.broker);
-  proxy.subscribeToEvent("e", "Guest", "onEvent");
-  store.reset();
-  host.reset();
+  Orphan const orphan(*this);
   LogCapture const log("KXMemoryProxy");
-  herald(*side.bus, "KXMemory", idOf(1));
+  herald(*orphan.side.bus, "KXMemory", idOf(1));
   ASSERT_THAT(log.waitFor(1), SizeIs(1));
   network.setFaults([](KXBusTransfer const& transfer) {
     return isHostsHerald(transfer) ? KXBusFate{{}, false} : KXBusFate();
   });
-  host = makeHost();
+  auto const host = makeHost();
 
   EXPECT_TRUE(waitUntil([&] {
-    herald(*side.bus, "KXMemory", idOf(1));
+    herald(*orphan.side.bus, "KXMemory", idOf(1));
     store->raiseEvent("e", "after");
-    return !guest->events().empty();
+    return !orphan.guest->events().empty();
   }));
   network.setFaults({});
 }

@@ -18,6 +18,7 @@
 #include <host/bus/kxnatsbus.hpp>
 #include <kxerror/kxerror.hpp>
 #include <tests/bus/natsserver.hpp>
+#include <tests/support/logcapture.hpp>
 
 namespace KX {
 namespace {
@@ -205,9 +206,12 @@ TEST(ServiceOverARealServer, Answers) {
 }
 
 TEST_F(Service, SaysNothingToWhoeverWantsNoAnswer) {
+  LogCapture const log("KXBus");  // an answer to nowhere would fail
+
   mBus->publish({.subject = "$SRV.PING"});
 
   expectHead(answerTo("$SRV.PING"), "ping_response");
+  EXPECT_THAT(log.lines(), IsEmpty());
 }
 
 TEST_F(Service, IsGoneAtItsEnd) {

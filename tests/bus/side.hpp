@@ -12,11 +12,13 @@
 #include <thread>
 #include <vector>
 
+#include <gtest/gtest.h>
 #include <boost/smart_ptr/shared_ptr.hpp>
 
 #include <binding/kxpublish.hpp>
 #include <host/bus/kxbuslink.hpp>
 #include <host/bus/kxmemorybus.hpp>
+#include <host/memory/kxmemory.hpp>
 #include <kxcommon/kxbroker.hpp>
 #include <kxcommon/kxmodule.hpp>
 #include <kxvalue/kxvalue.hpp>
@@ -74,10 +76,11 @@ class Guest : public KXModule {
 /// One process of the robot.
 struct Side {
   Side(KXBusNetwork& network, std::string const& user, int timeoutMs = 5000)
+      : Side(network, user, KXBusOptions{.robot = "r", .timeoutMs = timeoutMs}) {}
+  Side(KXBusNetwork& network, std::string const& user, KXBusOptions const& options)
       : bus(network.connect(user)),
         broker(KXBroker::createBroker(KXBusLink::newBrokerName(*bus))),
-        link(std::make_unique<KXBusLink>(bus, broker,
-                                         KXBusOptions{.robot = "r", .timeoutMs = timeoutMs})) {}
+        link(std::make_unique<KXBusLink>(bus, broker, options)) {}
   ~Side() { end(); }
   Side(Side const&) = delete;
   Side& operator=(Side const&) = delete;
@@ -93,6 +96,19 @@ struct Side {
   std::shared_ptr<KXBus> const bus;
   boost::shared_ptr<KXBroker> const broker;
   std::unique_ptr<KXBusLink> link;
+};
+
+/// A robot, whose host may come and go.
+struct RobotTest : ::testing::Test {
+  std::unique_ptr<Side> makeHost(KXBusOptions const& options = {.robot = "r"}) {
+    auto host = std::make_unique<Side>(network, "host", options);
+    store = KXModule::createModule<KXMemory>(host->broker);
+    host->link->announce({"KXMemory"});
+    return host;
+  }
+
+  KXBusNetwork network{KXBusNetwork::Pacing::Threaded};
+  boost::shared_ptr<KXMemory> store;
 };
 
 }  // namespace KX::testing
