@@ -44,6 +44,12 @@ struct KXMemoryWatcherForTest {
   static boost::shared_ptr<KXMutex> eventMutex(KXMemoryWatcher& watcher) {
     return watcher.mEventMutex;
   }
+  static boost::shared_ptr<KXMutex> controlMutex(KXMemoryWatcher& watcher) {
+    return watcher.mControlMutex;
+  }
+  static boost::shared_ptr<KXMutex> pacingMutex(KXMemoryWatcher& watcher) {
+    return watcher.mPacingMutex;
+  }
 
   /// One update cycle over one table, on the caller's thread.
   static void updateData(KXMemoryWatcher& watcher) { watcher.xUpdateValues(watcher.mDataItems); }

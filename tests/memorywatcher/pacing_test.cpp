@@ -2,14 +2,17 @@
 
 #include <atomic>
 #include <chrono>
+#include <memory>
 #include <string>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include <tests/memorywatcher/allocations.hpp>
 #include <tests/memorywatcher/watcherfixture.hpp>
+#include <tests/support/waituntil.hpp>
 
 namespace KX {
 namespace {
@@ -226,7 +229,26 @@ TEST_F(TimedControl, LoopLeavesWhenTheModuleCloses) {
 
 class CycleControl : public CycleWatcherTest {
  protected:
-  // Raises one cycle and waits until the loop has done what it has to do for it.
+  // Starts, and keeps the loop in its first read: the gate is the test's.
+  void startAndKeepLoop(int periodMs) {
+    mMemory->block("getListData");
+    call("startWatching", periodMs);
+    ASSERT_TRUE(mMemory->waitUntilParked());
+  }
+  // Stands at the gate in the loop's place: it opens with the last of these cycles, not before.
+  void expectOpeningAfter(int cycles) {
+    KXCycleGate& gate = ForTest::cycleGate(*mWatcher);
+    Caller waiting([&gate] { gate.lock(); });
+    if (cycles > 0) {
+      mVsm->cycle(cycles - 1);
+      EXPECT_TRUE(waiting.isParked());
+      mVsm->cycle();
+    }
+    bool const hasOpened = testing::waitUntil([&] { return waiting.isDone(); });
+    EXPECT_TRUE(hasOpened);
+    if (!hasOpened) gate.unlock();
+  }
+  // The loop reads once for each opening.
   void cycleAndExpectReads(int cycles, int reads) {
     mVsm->cycle(cycles);
     ASSERT_TRUE(mMemory->waitForCalls("getListData", reads));
@@ -235,14 +257,17 @@ class CycleControl : public CycleWatcherTest {
 };
 
 TEST_F(CycleControl, GateOpensOnEveryFifthCycleAtFiftyMs) {
+  startAndKeepLoop(50);
+
+  for (int i = 0; i < 3; ++i) expectOpeningAfter(5);
+  mMemory->release("getListData");
+}
+
+TEST_F(CycleControl, LoopReadsOnceForEachOpeningOfTheGate) {
   call("startWatching", 50);
   ASSERT_TRUE(mMemory->waitForCalls("getListData", 1));
 
-  cycleAndExpectReads(4, 1);
-  cycleAndExpectReads(1, 2);
-  cycleAndExpectReads(4, 2);
-  cycleAndExpectReads(1, 3);
-  cycleAndExpectReads(5, 4);
+  for (int reads = 2; reads <= 4; ++reads) cycleAndExpectReads(5, reads);
 }
 
 TEST_F(CycleControl, CountRunsFromOneToTheCyclesOfAPeriod) {
@@ -256,14 +281,32 @@ TEST_F(CycleControl, CountRunsFromOneToTheCyclesOfAPeriod) {
 
 // It runs on the hardware cycle's own thread.
 TEST_F(CycleControl, CallbackAllocatesAndLogsNothing) {
-  call("startWatching", 20);
-  ASSERT_TRUE(mMemory->waitForCalls("getListData", 1));
-  std::int64_t const count = Allocations::count();
+  startAndKeepLoop(20);
+  auto const allocationsOf = [](auto& signal) {
+    std::int64_t const before = Allocations::count();
+    for (int cycle = 0; cycle < 100; ++cycle) signal();
+    return Allocations::count() - before;
+  };
+  std::remove_reference_t<decltype(mVsm->cycleSignal())> signalAlone;
+  signalAlone.connect([] {});
 
-  for (int cycle = 0; cycle < 100; ++cycle) ForTest::onVsmUpdate(*mWatcher);
-
-  EXPECT_EQ(Allocations::count(), count);
+  EXPECT_EQ(allocationsOf(mVsm->cycleSignal()), allocationsOf(signalAlone));
   EXPECT_TRUE(mLog.lines().empty());
+  mMemory->release("getListData");
+}
+
+TEST_F(CycleControl, CallbackWaitsForNoLock) {
+  startAndKeepLoop(20);
+  std::unique_ptr<Caller> cycles;  // ends after the locks
+  KXCriticalSection const control(ForTest::controlMutex(*mWatcher));
+  KXCriticalSection const pacing(ForTest::pacingMutex(*mWatcher));
+  KXCriticalSection const data(dataMutex());
+  KXCriticalSection const events(eventMutex());
+
+  cycles = std::make_unique<Caller>([this] { mVsm->cycle(5); });
+
+  EXPECT_FALSE(cycles->isParked());  // over
+  mMemory->release("getListData");
 }
 
 TEST_F(CycleControl, GateOpensOnEveryCycleAtTenMs) {
@@ -274,15 +317,15 @@ TEST_F(CycleControl, GateOpensOnEveryCycleAtTenMs) {
 }
 
 TEST_F(CycleControl, NewPeriodCountsFromTheNextCycleOn) {
-  call("startWatching", 50);
-  ASSERT_TRUE(mMemory->waitForCalls("getListData", 1));
+  startAndKeepLoop(50);
   mVsm->cycle(3);
 
   call("setPeriodMs", 20);  // the fourth cycle is past the second already
 
-  cycleAndExpectReads(1, 2);
-  cycleAndExpectReads(1, 2);
-  cycleAndExpectReads(1, 3);
+  expectOpeningAfter(1);
+  expectOpeningAfter(2);
+  expectOpeningAfter(2);
+  mMemory->release("getListData");
 }
 
 TEST_F(CycleControl, OverduePeriodsCoalesceIntoOneCycle) {
@@ -306,12 +349,13 @@ TEST_F(CycleControl, AfterAnOverrunTheRhythmOfTheGateGoesOn) {
   mMemory->block("getListData");
   mVsm->cycle(3);
   ASSERT_TRUE(mMemory->waitUntilParked());
-  mVsm->cycle(7);  // gate opens at 3 and 6, one cycle of the next period has passed
-  mMemory->release("getListData");
-  ASSERT_TRUE(mMemory->waitForCalls("getListData", 3));
 
-  cycleAndExpectReads(1, 3);
-  cycleAndExpectReads(1, 4);
+  mVsm->cycle(7);  // gate opens at 3 and 6, one cycle of the next period has passed
+
+  expectOpeningAfter(0);  // the two as one
+  expectOpeningAfter(2);
+  expectOpeningAfter(3);
+  mMemory->release("getListData");
 }
 
 TEST_F(CycleControl, LoopDoesNotAskWhetherTheModuleCloses) {

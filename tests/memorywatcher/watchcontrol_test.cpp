@@ -76,10 +76,12 @@ TYPED_TEST(WatchControl, StopWhileIdleDoesNothing) {
 TYPED_TEST(WatchControl, StopEndsTheCycles) {
   this->call("startWatching", 10);
   ASSERT_TRUE(this->mMemory->waitForCalls("getListData", 1));
+  int const loop = KXMemoryWatcherForTest::mainThreadTaskId(*this->mWatcher);
 
   this->call("stopWatching");
 
   EXPECT_FALSE(this->client()->template call<bool>("isWatching"));
+  EXPECT_FALSE(this->client()->isRunning(loop));
   EXPECT_EQ(KXMemoryWatcherForTest::mainThreadTaskId(*this->mWatcher), 0);
   EXPECT_EQ(KXMemoryWatcherForTest::cycleCount(*this->mWatcher), 1);
   std::size_t const reads = this->mMemory->getCalls("getListData").size();
