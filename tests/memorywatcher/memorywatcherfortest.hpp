@@ -61,7 +61,6 @@ struct KXMemoryWatcherForTest {
   static int cyclesPerPeriod(KXMemoryWatcher& watcher) { return watcher.mCyclesPerPeriod; }
   static bool usesTimedSleep(KXMemoryWatcher& watcher) { return watcher.mUseTimedSleep; }
   static bool isStarting(KXMemoryWatcher& watcher) { return watcher.mIsStarting; }
-  static void onVsmUpdate(KXMemoryWatcher& watcher) { watcher.xOnVSMUpdate(); }
   static int cycleCount(KXMemoryWatcher& watcher) { return watcher.mCycleCount; }
   static boost::posix_time::ptime nextWakeTime(KXMemoryWatcher& watcher) {
     KXCriticalSection const lock(watcher.mPacingMutex);
