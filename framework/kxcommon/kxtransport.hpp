@@ -63,10 +63,11 @@ class KX_API KXTransport {
   virtual void find(std::string const& module) = 0;
   /// Has the handler called each time when the module has come back, or may have while nobody could
   /// tell: as a new one it knows nothing of what the former was told. The first sign of the module
-  /// counts as well. On a thread of the transport, which must not be kept; until the result is
-  /// destroyed.
+  /// counts as well. A handler that returns false is called again at the next sign of the module,
+  /// with no new one as well. On a thread of the transport, which must not be kept; until the
+  /// result is destroyed.
   [[nodiscard]] virtual std::shared_ptr<void> observeReturns(std::string const& module,
-                                                             std::function<void()> handler) = 0;
+                                                             std::function<bool()> handler) = 0;
   /// What the module says of itself. KXError as find().
   virtual KXModuleInfo describe(std::string const& module) = 0;
 };

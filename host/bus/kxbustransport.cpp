@@ -64,7 +64,7 @@ void KXBusTransport::find(std::string const& module) {
 }
 
 std::shared_ptr<void> KXBusTransport::observeReturns(std::string const& module,
-                                                     std::function<void()> handler) {
+                                                     std::function<bool()> handler) {
   return mReturns.observe(module, std::move(handler));
 }
 

@@ -39,7 +39,7 @@ class KXBusTransport : public KXTransport {
   void forget(std::string const& module) override;
   void find(std::string const& module) override;
   std::shared_ptr<void> observeReturns(std::string const& module,
-                                       std::function<void()> handler) override;
+                                       std::function<bool()> handler) override;
   KXModuleInfo describe(std::string const& module) override;
 
   /// The receiver is used no more when this returns.

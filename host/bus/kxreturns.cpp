@@ -17,14 +17,12 @@ constexpr std::chrono::seconds kPause{1};
 KXReturns::KXReturns(KXBus& bus, KXSubjects const& subjects)
     : mEvents(bus.observe([this](KXBusEvent const& event) {
         if (event.kind != KXBusEvent::Kind::Back) return;
-        std::list<Handler> handlers;
+        Observers observers;
         {
           std::lock_guard const lock(mState->mutex);
-          for (auto const& [module, observer] : mState->observers) {
-            handlers.push_back(observer.handler);
-          }
+          for (auto const& [module, observer] : mState->observers) observers.push_back(observer);
         }
-        xRun(handlers);
+        xTell(observers, "");
       })),
       mAnnouncements(bus.subscribe(subjects.here(), "", 1,
                                    [this](KXBusMessage const& message) { xHear(message); })) {}
@@ -36,11 +34,11 @@ void KXReturns::announce(KXBus& bus, KXSubjects const& subjects, std::string con
   bus.publish({.subject = subject, .payload = payload});
 }
 
-std::shared_ptr<void> KXReturns::observe(std::string const& module, std::function<void()> handler) {
-  auto const shared = std::make_shared<std::function<void()>>(std::move(handler));
+std::shared_ptr<void> KXReturns::observe(std::string const& module, std::function<bool()> handler) {
+  auto const observer = std::make_shared<Observer>(Observer{std::move(handler)});
   std::lock_guard const lock(mState->mutex);
-  auto const entry = mState->observers.emplace(module, Observer{shared, ""});
-  return {shared.get(), [state = mState, entry](void*) {
+  auto const entry = mState->observers.emplace(module, observer);
+  return {observer.get(), [state = mState, entry](void*) {
             std::lock_guard const stateLock(state->mutex);
             std::string const name = entry->first;
             state->observers.erase(entry);
@@ -62,28 +60,35 @@ void KXReturns::xHear(KXBusMessage const& message) {
   if (!isId(instance)) {
     return mMalformed.tell([] { return "what was announced has no instance"; });
   }
-  xRun(xToTell(module, instance));
+  xTell(xToTell(module, instance), instance);
 }
 
-std::list<KXReturns::Handler> KXReturns::xToTell(std::string const& module,
-                                                 std::string const& instance) {
+KXReturns::Observers KXReturns::xToTell(std::string const& module, std::string const& instance) {
   std::lock_guard const lock(mState->mutex);
   auto const [begin, end] = mState->observers.equal_range(module);
   Clock::time_point const now = Clock::now();
   auto const told = mState->toldAt.find(module);
   // What comes too soon is not lost: whoever has the module goes on saying so.
   if (told != mState->toldAt.end() && now - told->second < kPause) return {};
-  std::list<Handler> handlers;
+  Observers observers;
   for (auto entry = begin; entry != end; ++entry) {
-    if (std::exchange(entry->second.instance, instance) == instance) continue;
-    handlers.push_back(entry->second.handler);
+    if (entry->second->instance != instance) observers.push_back(entry->second);
   }
-  if (!handlers.empty()) mState->toldAt[module] = now;
-  return handlers;
+  if (!observers.empty()) mState->toldAt[module] = now;
+  return observers;
 }
 
-void KXReturns::xRun(std::list<Handler> const& handlers) {
-  for (Handler const& handler : handlers) (*handler)();
+// Behind the call: one that fails leaves the next sign to be news.
+void KXReturns::xTell(Observers const& observers, std::string const& instance) {
+  for (auto const& observer : observers) {
+    bool const hasBegun = observer->handler();
+    std::lock_guard const lock(mState->mutex);
+    if (!hasBegun) {
+      observer->instance.clear();
+    } else if (!instance.empty()) {
+      observer->instance = instance;
+    }
+  }
 }
 
 }  // namespace KX

@@ -30,24 +30,24 @@ class KXReturns {
                        std::string const& instance);
 
   /// As KXTransport::observeReturns().
-  std::shared_ptr<void> observe(std::string const& module, std::function<void()> handler);
+  std::shared_ptr<void> observe(std::string const& module, std::function<bool()> handler);
 
  private:
-  using Handler = std::shared_ptr<std::function<void()>>;
   using Clock = std::chrono::steady_clock;
   struct Observer {
-    Handler handler;
-    std::string instance;  // announced last; empty: none yet
+    std::function<bool()> handler;
+    std::string instance{};  // that it was told of last; empty: none; guarded by the state's mutex
   };
+  using Observers = std::list<std::shared_ptr<Observer>>;
   struct State {
     std::mutex mutex;
-    std::multimap<std::string, Observer> observers;   // guarded by mutex
+    std::multimap<std::string, std::shared_ptr<Observer>> observers;  // guarded by mutex
     std::map<std::string, Clock::time_point> toldAt;  // guarded by mutex; of observed modules
   };
 
   void xHear(KXBusMessage const& message);
-  std::list<Handler> xToTell(std::string const& module, std::string const& instance);
-  static void xRun(std::list<Handler> const& handlers);
+  Observers xToTell(std::string const& module, std::string const& instance);
+  void xTell(Observers const& observers, std::string const& instance);
 
   std::shared_ptr<State> const mState = std::make_shared<State>();
   KXRareLine mMalformed{"KXReturns", "hear"};

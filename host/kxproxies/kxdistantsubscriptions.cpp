@@ -57,14 +57,16 @@ void KXDistantSubscriptions::xObserve() {
   boost::shared_ptr<KXTransport> const transport = broker ? broker->getTransport() : nullptr;
   if (!transport) return;
   mReturns = transport->observeReturns("KXMemory", [weak = weak_from_this()] {
-    if (auto const self = weak.lock()) self->xStartRenewal();
+    auto const self = weak.lock();
+    return !self || self->xStartRenewal();
   });
 }
 
-void KXDistantSubscriptions::xStartRenewal() {
+// False if it cannot be started now.
+bool KXDistantSubscriptions::xStartRenewal() {
   boost::shared_ptr<KXBroker> const broker = mBroker.lock();
   // One that has not begun sees to this return as well.
-  if (!broker || mIsRenewalDue.exchange(true)) return;
+  if (!broker || mIsRenewalDue.exchange(true)) return true;
   bool const isStarted = ka::log::runLogged(
       "KXMemoryProxy", "renewSubscriptions", "cannot renew the subscriptions", [&] {
         broker->addTask("renew subscriptions",
@@ -73,6 +75,7 @@ void KXDistantSubscriptions::xStartRenewal() {
                         })));
       });
   if (!isStarted) mIsRenewalDue = false;
+  return isStarted;
 }
 
 void KXDistantSubscriptions::xRenew() {
@@ -83,13 +86,13 @@ void KXDistantSubscriptions::xRenew() {
     xRenewAll();
     mIsInTrouble = false;
   } catch (...) {
-    xRenewLater(describeCurrentException());
+    xRenewLater();
   }
 }
 
 // One that hangs has not come back yet. When it has, it is heard of, as is one that is not there:
 // whoever begins to observe is told of the first sign.
-void KXDistantSubscriptions::xRenewLater(std::string const& why) {
+void KXDistantSubscriptions::xRenewLater() {
   {
     std::lock_guard const lock(mMutex);
     xObserve();
@@ -98,7 +101,7 @@ void KXDistantSubscriptions::xRenewLater(std::string const& why) {
   ka::log::LogStream(ka::log::Warning, "KXMemoryProxy", "", "renewSubscriptions", 0)
       << "renewing the subscriptions at the store failed, it is tried again when the store is "
          "heard of: "
-      << why;
+      << describeCurrentException();
 }
 
 void KXDistantSubscriptions::xRenewAll() {

@@ -41,10 +41,10 @@ class KXDistantSubscriptions : public std::enable_shared_from_this<KXDistantSubs
 
   static Name xName(std::string const& method, KXValue const& arguments);
   void xObserve();
-  void xStartRenewal();
+  bool xStartRenewal();
   void xRenew();
   void xRenewAll();
-  void xRenewLater(std::string const& why);
+  void xRenewLater();
 
   boost::weak_ptr<KXBroker> const mBroker;
   std::atomic<bool> mIsRenewalDue{false};

@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <thread>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -150,7 +151,8 @@ TEST_F(Returns, RenewsSubscriptionsAtAStoreThatWasNotThereWhenItWasHeardOf) {
 TEST_F(Returns, TellsOfReturnsOnceASecondAndOfTheLast) {
   Side side(network, "one");
   std::atomic<int> count{0};
-  auto const observation = side.broker->getTransport()->observeReturns("M", [&] { ++count; });
+  auto const observation =
+      side.broker->getTransport()->observeReturns("M", [&] { return ++count > 0; });
   int const heraldCount = 1000;
 
   auto const begin = Clock::now();
@@ -171,10 +173,10 @@ TEST_F(Returns, TellsAnObserverOfTheFirstSignSinceItObserves) {
   std::atomic<int> first{0};
   std::atomic<int> second{0};
   auto const transport = side.broker->getTransport();
-  auto const observation = transport->observeReturns("M", [&] { ++first; });
+  auto const observation = transport->observeReturns("M", [&] { return ++first > 0; });
   herald(*side.bus, "M", idOf(1));
   EXPECT_TRUE(waitUntil([&] { return first == 1; }));
-  auto const another = transport->observeReturns("M", [&] { ++second; });
+  auto const another = transport->observeReturns("M", [&] { return ++second > 0; });
 
   EXPECT_TRUE(waitUntil([&] {
     herald(*side.bus, "M", idOf(1));
@@ -184,12 +186,36 @@ TEST_F(Returns, TellsAnObserverOfTheFirstSignSinceItObserves) {
   EXPECT_EQ(first, 1);
 }
 
+TEST_F(Returns, TellsAnObserverThatCouldNotBeginOfTheNextSign) {
+  Side side(network, "one");
+  std::atomic<int> count{0};
+  auto const observation =
+      side.broker->getTransport()->observeReturns("M", [&] { return ++count > 2; });
+  auto const sees = [&](int calls) {
+    return waitUntil([&] {
+      herald(*side.bus, "M", idOf(1));
+      return count == calls;
+    });
+  };
+
+  EXPECT_TRUE(sees(1));
+  EXPECT_TRUE(sees(2));
+  EXPECT_TRUE(sees(3));  // this one begins
+  for (int i = 0; i < 15; ++i) {
+    herald(*side.bus, "M", idOf(1));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+
+  EXPECT_EQ(count, 3);
+}
+
 TEST_F(Returns, TellsOfNoReturnThatNoProcessAnnounces) {
   Side side(network, "one");
   LogCapture const log;
   std::atomic<int> count{0};
-  auto const observation = side.broker->getTransport()->observeReturns("M", [&] { ++count; });
-  auto const other = side.broker->getTransport()->observeReturns("N", [&] { ++count; });
+  auto const observation =
+      side.broker->getTransport()->observeReturns("M", [&] { return ++count > 0; });
+  auto const other = side.broker->getTransport()->observeReturns("N", [&] { return ++count > 0; });
 
   for (KXValue const& said :
        {KXValue::arrayOf("M", "1"), KXValue::arrayOf("M", "0123456789abcdeg"),

@@ -79,7 +79,7 @@ class FakeTransport : public KXTransport {
                   KXError::Kind::NotFound);
   }
   std::shared_ptr<void> observeReturns(std::string const& /*module*/,
-                                       std::function<void()> handler) override {
+                                       std::function<bool()> handler) override {
     std::lock_guard<std::mutex> const lock(mMutex);
     auto const entry = mOnReturn.insert(mOnReturn.end(), std::move(handler));
     return std::shared_ptr<void>(this, [entry](void* self) {
@@ -90,7 +90,7 @@ class FakeTransport : public KXTransport {
   }
   /// As if the module had come back; nothing if nobody observes.
   void returnModule() {
-    std::list<std::function<void()>> handlers;
+    std::list<std::function<bool()>> handlers;
     {
       std::lock_guard<std::mutex> const lock(mMutex);
       handlers = mOnReturn;
@@ -115,7 +115,7 @@ class FakeTransport : public KXTransport {
   Hook mHook;
   mutable std::mutex mMutex;
   std::vector<Call> mCalls;                    // guarded by mMutex
-  std::list<std::function<void()>> mOnReturn;  // guarded by mMutex
+  std::list<std::function<bool()>> mOnReturn;  // guarded by mMutex
 };
 
 }  // namespace KX::testing
