@@ -4,7 +4,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <cstdlib>
-#include <deque>
+#include <list>
 #include <map>
 #include <optional>
 #include <utility>
@@ -30,9 +30,17 @@ constexpr int kMaxPendingBytes = 256 * 1024 * 1024;
 constexpr std::int64_t kWaitMs = 3'600'000;
 
 /// Subscriptions that have ended on connections that have not. The library's reader may have found
-/// one just before, and takes its lock only then: freed at once, it would be gone under it.
+/// one just before, and takes its lock only then: freed at once, it would be gone under it. Lists,
+/// since whoever ends one may have no memory left: moving entries takes none.
 class EndedSubscriptions {
  public:
+  using Clock = std::chrono::steady_clock;
+  struct Entry {
+    natsSubscription* subscription = nullptr;
+    Clock::time_point endedAt{};
+  };
+  using Entries = std::list<Entry>;
+
   static EndedSubscriptions& instance() {
     static auto& ended = *new EndedSubscriptions;  // On purpose never destroyed: as the library.
     return ended;
@@ -41,57 +49,79 @@ class EndedSubscriptions {
     std::lock_guard const lock(mMutex);
     mConnections[connection];
   }
-  /// It is unsubscribed, or its connection is closed.
-  void add(natsConnection* connection, natsSubscription* subscription) {
-    auto const now = Clock::now();
-    Ended past;
+  /// They are unsubscribed, or their connection is closed.
+  void add(natsConnection* connection, Entries& ended) noexcept {
+    for (Entry& entry : ended) entry.endedAt = Clock::now();
     {
       std::lock_guard const lock(mMutex);
       auto const found = mConnections.find(connection);
-      if (found == mConnections.end()) {
-        past.emplace_back(now, subscription);
-      } else {
-        Ended& ended = found->second;
-        ended.emplace_back(now, subscription);
-        for (; now - ended.front().first > kKept; ended.pop_front()) past.push_back(ended.front());
-      }
+      if (found != mConnections.end()) found->second.splice(found->second.end(), ended);
     }
-    destroy(past);
+    destroy(ended);  // those of a connection that has ended
   }
-  /// It is closed, and its reader has ended.
-  void end(natsConnection* connection) {
-    Ended past;
+  void freeOld(natsConnection* connection) noexcept {
+    auto const now = Clock::now();
+    Entries old;
     {
       std::lock_guard const lock(mMutex);
-      past = std::move(mConnections.extract(connection).mapped());
+      auto const found = mConnections.find(connection);
+      if (found == mConnections.end()) return;
+      Entries& ended = found->second;
+      while (!ended.empty() && now - ended.front().endedAt > kKept)
+        old.splice(old.end(), ended, ended.begin());
     }
-    destroy(past);
+    destroy(old);
+  }
+  /// It is closed, and its reader has ended.
+  void end(natsConnection* connection) noexcept {
+    Entries ended;
+    {
+      std::lock_guard const lock(mMutex);
+      auto const found = mConnections.find(connection);
+      ended.swap(found->second);
+      mConnections.erase(found);
+    }
+    destroy(ended);
   }
 
  private:
-  using Clock = std::chrono::steady_clock;
-  using Ended = std::deque<std::pair<Clock::time_point, natsSubscription*>>;
   static constexpr std::chrono::seconds kKept{5};
 
-  static void destroy(Ended const& past) {
-    for (auto const& [time, subscription] : past) natsSubscription_Destroy(subscription);
+  static void destroy(Entries const& ended) noexcept {
+    for (Entry const& entry : ended) natsSubscription_Destroy(entry.subscription);
   }
 
   std::mutex mMutex;
-  std::map<natsConnection*, Ended> mConnections;  // guarded by mMutex
+  std::map<natsConnection*, Entries> mConnections;  // guarded by mMutex
+};
+
+/// One of the library's.
+class NatsSubscription {
+ public:
+  explicit NatsSubscription(natsConnection* connection) : mConnection(connection), mEntry(1) {}
+  ~NatsSubscription() {
+    if (get() == nullptr) return;
+    unsubscribe();
+    EndedSubscriptions::instance().add(mConnection, mEntry);
+  }
+  NatsSubscription(NatsSubscription const&) = delete;
+  NatsSubscription& operator=(NatsSubscription const&) = delete;
+
+  /// For the library, once.
+  natsSubscription** place() { return &mEntry.front().subscription; }
+  natsSubscription* get() const { return mEntry.front().subscription; }
+  /// Ends the waits for its messages as well. Also where it is unsubscribed.
+  void unsubscribe() { natsSubscription_Unsubscribe(get()); }
+
+ private:
+  natsConnection* const mConnection;  // may have ended before
+  EndedSubscriptions::Entries mEntry;
 };
 
 struct Destroy {
   void operator()(natsMsg* message) const { natsMsg_Destroy(message); }
 };
-struct End {
-  natsConnection* connection = nullptr;
-  void operator()(natsSubscription* subscription) const {
-    EndedSubscriptions::instance().add(connection, subscription);
-  }
-};
 using Message = std::unique_ptr<natsMsg, Destroy>;
-using NatsSubscription = std::unique_ptr<natsSubscription, End>;
 
 KXBusHeaders headersOf(natsMsg* message) {
   KXBusHeaders headers;
@@ -146,7 +176,7 @@ class OrderedSubscription : public KXNatsSubscribed {
         mWanted(std::move(wanted)),
         mCalls(std::make_shared<Calls>(std::move(handler))) {}
   ~OrderedSubscription() override {
-    if (mSubscription != nullptr) natsSubscription_Unsubscribe(mSubscription.get());
+    mSubscription.reset();
     if (mCalls->handler.isCaller())
       mRetired.add(
           [weak = std::weak_ptr(mCalls)] {
@@ -158,17 +188,17 @@ class OrderedSubscription : public KXNatsSubscribed {
   natsStatus bind(natsConnection* connection) override {
     // The library's thread has its share until it ends.
     auto closure = std::make_unique<std::shared_ptr<Calls>>(mCalls);
-    natsSubscription* made = nullptr;
+    mSubscription = std::make_unique<NatsSubscription>(connection);
     char const* const subject = mWanted.subject.c_str();
     auto const status =
         mWanted.queue.empty()
-            ? natsConnection_Subscribe(&made, connection, subject, onMessage, closure.get())
-            : natsConnection_QueueSubscribe(&made, connection, subject, mWanted.queue.c_str(),
-                                            onMessage, closure.get());
-    mSubscription = NatsSubscription(made, End{connection});
+            ? natsConnection_Subscribe(mSubscription->place(), connection, subject, onMessage,
+                                       closure.get())
+            : natsConnection_QueueSubscribe(mSubscription->place(), connection, subject,
+                                            mWanted.queue.c_str(), onMessage, closure.get());
     if (status != NATS_OK) return status;
-    natsSubscription_SetOnCompleteCB(made, onComplete, closure.release());
-    natsSubscription_SetPendingLimits(made, -1, kMaxPendingBytes);
+    natsSubscription_SetOnCompleteCB(mSubscription->get(), onComplete, closure.release());
+    natsSubscription_SetPendingLimits(mSubscription->get(), -1, kMaxPendingBytes);
     return status;
   }
 
@@ -194,7 +224,7 @@ class OrderedSubscription : public KXNatsSubscribed {
   KXBusRetired& mRetired;
   Wanted const mWanted;
   std::shared_ptr<Calls> const mCalls;
-  NatsSubscription mSubscription;
+  std::unique_ptr<NatsSubscription> mSubscription;
 };
 
 /// Of several threads, which take the messages themselves.
@@ -213,15 +243,15 @@ class ParallelSubscription : public KXNatsSubscribed {
     mWorkers->end(mRetired);
   }
   natsStatus bind(natsConnection* connection) override {
-    natsSubscription* made = nullptr;
+    auto const made = std::make_shared<NatsSubscription>(connection);
     char const* const subject = mWanted.subject.c_str();
-    auto const status =
-        mWanted.queue.empty()
-            ? natsConnection_SubscribeSync(&made, connection, subject)
-            : natsConnection_QueueSubscribeSync(&made, connection, subject, mWanted.queue.c_str());
+    auto const status = mWanted.queue.empty()
+                            ? natsConnection_SubscribeSync(made->place(), connection, subject)
+                            : natsConnection_QueueSubscribeSync(made->place(), connection, subject,
+                                                                mWanted.queue.c_str());
     if (status != NATS_OK) return status;
-    natsSubscription_SetPendingLimits(made, -1, kMaxPendingBytes);
-    mSource->use(NatsSubscription(made, End{connection}));
+    natsSubscription_SetPendingLimits(made->get(), -1, kMaxPendingBytes);
+    mSource->use(made);
     if (!mIsStarted) mWorkers->start();
     mIsStarted = true;
     return status;
@@ -231,7 +261,7 @@ class ParallelSubscription : public KXNatsSubscribed {
   /// Where the messages come from: one connection after the other.
   class Source {
    public:
-    void use(std::shared_ptr<natsSubscription> subscription) {
+    void use(std::shared_ptr<NatsSubscription> subscription) {
       std::lock_guard const lock(mMutex);
       mSubscription = std::move(subscription);
       mChanged.notify_all();
@@ -239,11 +269,11 @@ class ParallelSubscription : public KXNatsSubscribed {
     void end() {
       std::lock_guard const lock(mMutex);
       mHasEnded = true;
-      if (mSubscription) natsSubscription_Unsubscribe(mSubscription.get());
+      if (mSubscription) mSubscription->unsubscribe();
       mChanged.notify_all();
     }
     std::optional<Message> take() {
-      std::shared_ptr<natsSubscription> former;
+      std::shared_ptr<NatsSubscription> former;
       while (true) {
         {
           std::unique_lock lock(mMutex);
@@ -251,14 +281,14 @@ class ParallelSubscription : public KXNatsSubscribed {
           if (mHasEnded) return std::nullopt;
           former = mSubscription;
         }
-        if (auto message = waitForMessage(former.get())) return message;
+        if (auto message = waitForMessage(former->get())) return message;
       }
     }
 
    private:
     std::mutex mMutex;
     std::condition_variable mChanged;
-    std::shared_ptr<natsSubscription> mSubscription;  // guarded by mMutex
+    std::shared_ptr<NatsSubscription> mSubscription;  // guarded by mMutex
     bool mHasEnded = false;                           // guarded by mMutex
   };
 
@@ -300,20 +330,31 @@ KXNatsConnection KXNatsLine::connection() const {
   return mConnection;
 }
 
+void freeEndedSubscriptions(KXNatsConnection const& connection) noexcept {
+  EndedSubscriptions::instance().freeOld(connection.get());
+}
+
 bool KXNatsLine::use(KXNatsConnection const& connection) {
-  std::lock_guard const lock(mMutex);
-  if (mHasEnded) return false;
-  for (KXNatsSubscribed* const each : mSubscribed) {
-    natsStatus const status = each->bind(connection.get());
-    // One that is closed has a next one, as in add().
-    if (status == NATS_OK || status == NATS_CONNECTION_CLOSED) continue;
-    ka::log::LogStream(ka::log::Warning, "KXBus", "", "subscribe", 0)
-        << "a new connection takes no subscriptions (" << natsStatus_GetText(status)
-        << "), trying another";
-    return false;
+  natsStatus status = NATS_OK;
+  {
+    std::lock_guard const lock(mMutex);
+    if (mHasEnded) return false;
+    for (KXNatsSubscribed* const each : mSubscribed) {
+      status = each->bind(connection.get());
+      // One that is closed has a next one, as in add().
+      if (status == NATS_CONNECTION_CLOSED) status = NATS_OK;
+      if (status != NATS_OK) break;
+    }
+    if (status == NATS_OK) {
+      mConnection = connection;
+      return true;
+    }
   }
-  mConnection = connection;
-  return true;
+  // Whoever is told may subscribe.
+  ka::log::LogStream(ka::log::Warning, "KXBus", "", "subscribe", 0)
+      << "a new connection takes no subscriptions (" << natsStatus_GetText(status)
+      << "), trying another";
+  return false;
 }
 
 std::unique_ptr<KXBusSubscription> KXNatsLine::subscribe(KXBusRetired& retired,

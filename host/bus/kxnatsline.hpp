@@ -19,6 +19,9 @@ using KXNatsConnection = std::shared_ptr<__natsConnection>;
 /// Takes over what the library has made; null stays null.
 KX_API KXNatsConnection ownedConnection(__natsConnection* connection);
 
+/// Frees the subscriptions that ended on it some seconds ago; to be called now and then.
+KX_API void freeEndedSubscriptions(KXNatsConnection const& connection) noexcept;
+
 class KXNatsSubscribed;
 
 /// The connection, and what is to be subscribed on it, also on the next one.

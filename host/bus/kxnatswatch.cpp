@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <utility>
 
 #include <nats/nats.h>
 
@@ -18,8 +19,10 @@ constexpr std::int64_t kBackTimeoutMs = 10'000;
 /// Between attempts to connect anew, where the library itself has given up.
 constexpr std::chrono::milliseconds kConnectPause{1000};
 
-/// Of lines about what is forbidden: who asks may choose where the answer goes.
+/// Of lines about answers that are forbidden: who asks may choose where the answer goes.
 constexpr std::size_t kMaxForbidden = 100;
+/// How often ended subscriptions are looked after.
+constexpr std::chrono::seconds kFreePause{5};
 
 /// `Permissions Violation for Publish to "SUBJECT"`, or `... for Subscription to "SUBJECT" ...`.
 std::optional<KXBusEvent> parseRefusal(std::string const& text) {
@@ -188,11 +191,15 @@ void KXNatsWatch::xLearnMaxPayload() {
 void KXNatsWatch::xRun() {
   std::unique_lock lock(mMutex);
   while (true) {
-    mChanged.wait(lock, [this] { return !mEvents.empty() || mIsClosed || mIsClosing; });
+    mChanged.wait_for(lock, kFreePause,
+                      [this] { return !mEvents.empty() || mIsClosed || mIsClosing; });
+    lock.unlock();
+    freeEndedSubscriptions(mConnection);
+    lock.lock();
     if (mIsClosing) return;
     // What the connection that was closed had to say comes first.
     if (mEvents.empty()) {
-      mIsClosed = false;
+      if (!std::exchange(mIsClosed, false)) continue;
       xConnectAnew(lock);
       continue;
     }
@@ -263,7 +270,8 @@ void KXNatsWatch::xTellForbidden(KXBusEvent const& event) {
   // One line for all inboxes of a user.
   std::string const subject =
       event.isPublishing ? event.subject.substr(0, event.subject.find('.')) + ".>" : event.subject;
-  if (mForbidden.size() >= kMaxForbidden || !mForbidden.insert(subject).second) return;
+  if (event.isPublishing && mForbidden.size() >= kMaxForbidden) return;
+  if (!mForbidden.insert(subject).second) return;
   ka::log::LogStream(ka::log::Warning, "KXBus", "", event.isPublishing ? "answer" : "subscribe", 0)
       << (mUser.empty() ? "this process" : "user '" + mUser + "'") << " is not allowed to "
       << (event.isPublishing ? "answer" : "listen") << " to '" << subject << "' on the bus at '"

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 #include <nats/nats.h>
 
+#include <ka/log.hpp>
 #include <tests/bus/busworld.hpp>
 #include <tests/support/logcapture.hpp>
 
@@ -62,6 +63,30 @@ TEST(KXNatsLine, RefusesAConnectionThatDoesNotTakeAllThatIsSubscribed) {
     natsConnection_PublishString(next.get(), "s", "text");
     EXPECT_EQ(inbox.payloads(1), std::vector<std::string>{"text"});
   }
+}
+
+TEST(KXNatsLine, IsFreeToWhoeverReadsItsLog) {
+  NatsServer const server;
+  KXBusRetired retired;
+  KXNatsLine line;
+  Inbox inbox;
+  KXNatsConnection const first = connect(server);
+  ASSERT_TRUE(line.use(first));
+  int status = NATS_OK;
+  auto const subscribed = line.subscribe(retired, "s", "", 1, inbox.handler(), status);
+  KXNatsConnection const draining = connect(server);
+  natsSubscription* waiting = nullptr;
+  drain(draining.get(), waiting);
+  std::unique_ptr<KXBusSubscription> own;
+  ka::log::addHandler("reader", [&](ka::log::Record const&) {
+    own = line.subscribe(retired, "t", "", 1, inbox.handler(), status);
+  });
+
+  EXPECT_FALSE(line.use(draining));
+
+  ka::log::removeHandler("reader");
+  EXPECT_NE(own, nullptr);
+  natsSubscription_Destroy(waiting);
 }
 
 }  // namespace

@@ -8,9 +8,11 @@
 #include <gtest/gtest.h>
 
 #include <host/bus/kxmemorybus.hpp>
+#include <host/bus/kxnatsbus.hpp>
 #include <host/bus/kxpackstream.hpp>
 #include <host/bus/kxresponder.hpp>
 #include <host/bus/kxwire.hpp>
+#include <tests/bus/natsserver.hpp>
 #include <tests/bus/notifications.hpp>
 #include <tests/support/testhost.hpp>
 
@@ -127,6 +129,20 @@ TEST(ResponderMemory, EveryCallHasAReplyAndRunsOnce) {
   }
   EXPECT_GT(failureCount, 10);
   EXPECT_EQ(responder.counts().admitted, number);
+}
+
+// As it does at the end of a process, and when a connection is replaced.
+TEST(SubscriptionMemory, EndingOneTakesNone) {
+  testing::NatsServer const server;
+  auto const bus = connectNats({.url = server.url()});
+  for (int const threads : {1, 2}) {
+    SCOPED_TRACE(threads);
+    auto subscription = bus->subscribe("s", "", threads, [](KXBusMessage const&) {});
+    tAllocationsLeft = 0;
+    subscription.reset();
+    tAllocationsLeft = -1;
+  }
+  bus->flush(30'000);
 }
 
 }  // namespace
