@@ -61,7 +61,8 @@ their keys. Its batches are told apart by their times, and no periods are counte
 constexpr char const* kHostFooter = R"(
 Runs until SIGINT, SIGTERM or SIGHUP. The robot has the modules KXLauncher, KXMemory (the store),
 KXHostSensors, those of --load and, with --cycle, VSM. A robot has one module of a name: if another
-process has one of these names, that is an error.
+process has one of these names, that is an error; if one takes it later, as it may while this one
+hangs, this one ends with exit code 1.
 )";
 
 constexpr char const* kBusFooter = R"(

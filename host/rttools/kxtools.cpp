@@ -6,6 +6,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <unistd.h>
@@ -17,6 +18,7 @@
 #include <host/rttools/kxhost.hpp>
 #include <host/rttools/kxmodulelibrary.hpp>
 #include <ka/log.hpp>
+#include <ka/runlogged.hpp>
 #include <kxcommon/kxbroker.hpp>
 #include <kxerror/kxerror.hpp>
 
@@ -74,8 +76,8 @@ constexpr char kFooter[] =
     "\n"
     "Exit codes:\n"
     "  0  ended by SIGINT, SIGTERM or SIGHUP, or --help or --version was asked for\n"
-    "  1  the module or a library's module could not be made, or the robot not be joined; the\n"
-    "     reason is on stderr\n"
+    "  1  the module or a library's module could not be made, or the robot not be joined, or\n"
+    "     another process has taken one of the names; the reason is on stderr\n"
     "  2  the command line was wrong; the reason is on stderr\n"
     "\n"
     "All messages go to stderr.";
@@ -164,13 +166,24 @@ std::string servingText(KXBroker const& broker, Options const& options) {
          "; Ctrl-C or SIGTERM ends it";
 }
 
-// A robot without one is waited for, or its name is mistyped.
-bool hasStore(KXBroker& broker) {
-  try {
-    return broker.getProxy("KXMemory", 0) != nullptr;
-  } catch (KXError const& error) {
-    return error.getKind() != KXError::Kind::NotFound;  // otherwise it is not known
-  }
+// A robot without one is waited for, or its name is mistyped. On a thread of its own: a host that
+// hangs may be waited for, a signal may not. The broker's shutdown ends it.
+std::jthread lookForStore(std::string const& name, boost::shared_ptr<KXBroker> const& broker,
+                          std::string const& robot) {
+  auto const look = [=] {
+    try {
+      broker->getProxy("KXMemory", 0);
+    } catch (KXError const& error) {
+      if (error.getKind() != KXError::Kind::NotFound) return;  // it is not known
+      printLine(name, "robot '" + robot + "' has no store (KXMemory) yet");
+    }
+  };
+  auto const run = [](auto const& step) {
+    ka::log::runLogged("KXTools", "mainFunction", "cannot look for the store", step);
+  };
+  std::jthread thread;
+  run([&] { thread = std::jthread([=] { run(look); }); });
+  return thread;
 }
 
 }  // namespace
@@ -196,9 +209,8 @@ int KXTools::mainFunction(std::string const& name, int argc, char** argv, Create
     return kFailed;
   }
   printLine(name, servingText(*host->getBroker(), options));
-  if (options.bus && !hasStore(*host->getBroker())) {
-    printLine(name, "robot '" + options.bus->robot + "' has no store (KXMemory) yet");
-  }
+  std::jthread look;
+  if (options.bus) look = lookForStore(name, host->getBroker(), options.bus->robot);
   int signal = 0;
   ::sigwait(&endSignals, &signal);
   host->shutdown();

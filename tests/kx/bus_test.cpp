@@ -246,6 +246,17 @@ TEST_F(Robot, EndsAHostWhoseNamesWereTaken) {
   EXPECT_EQ(run({"list"}).exitCode, 0);
 }
 
+TEST_F(Robot, KeepsNoWatcherFromEndingWhileItsHostHangs) {
+  mHost->sendSignal(SIGSTOP);
+  auto const watcher = start({watcherPath(), "--bus-timeout", "600000"});
+  watcher->waitForErrorText("serving");
+
+  watcher->sendSignal(SIGTERM);
+
+  EXPECT_EQ(watcher->waitForEnd(), 0);
+  mHost->sendSignal(SIGCONT);
+}
+
 TEST_F(Robot, ThatHangsIsATimeOut) {
   mHost->sendSignal(SIGSTOP);
 
