@@ -95,7 +95,7 @@ class EndedSubscriptions {
   std::map<natsConnection*, Entries> mConnections;  // guarded by mMutex
 };
 
-/// One of the library's.
+/// A subscription of the library's, which ends with it.
 class NatsSubscription {
  public:
   explicit NatsSubscription(natsConnection* connection) : mConnection(connection), mEntry(1) {}

@@ -292,6 +292,27 @@ TEST_F(NatsBus, WhatMayNotBeListenedToIsOneLineForEachConnection) {
   EXPECT_EQ(std::ranges::count(mLog.texts(), line("not.two")), 2);
 }
 
+// Whoever asks chooses where the answer goes, and could fill the log or use up its lines.
+TEST_F(NatsBus, AnswersThatAreNotAllowedAreAHundredLinesAtMostAndSilenceNoOthers) {
+  NatsServer server("authorization { users = [ { user: host, password: \"" + std::string(kSecret) +
+                    "\", permissions { publish: {allow: [\"may.>\"]}, subscribe: {allow: "
+                    "[\"may.>\"]} } } ] }");
+  auto const bus = connectNats(
+      {.url = server.url(), .user = "host", .passwordFile = write("password", kSecret)});
+  Events events(*bus);
+
+  for (int i = 0; i < 150; ++i) {
+    bus->publish({.subject = "_INBOX_" + std::to_string(i) + ".x"});
+  }
+  ASSERT_EQ(events.waitFor(150).size(), 150U);
+  auto const subscription = bus->subscribe("not.one", "", 1, [](auto&) {});
+  ASSERT_EQ(events.waitFor(151).size(), 151U);
+
+  auto const texts = mLog.texts();
+  EXPECT_EQ(texts.size(), 101U);
+  EXPECT_THAT(texts.back(), HasSubstr("is not allowed to listen to 'not.one'"));
+}
+
 // ---- a server that hangs or dies
 
 TEST_F(NatsBus, LossAndReturnAreOneLineEach) {

@@ -35,58 +35,59 @@ void drain(natsConnection* connection, natsSubscription*& subscription) {
   EXPECT_EQ(natsConnection_DrainTimeout(connection, 60'000), NATS_OK);
 }
 
+// A line that has used one connection, and one that takes no subscriptions.
+struct Line {
+  explicit Line(int threads)
+      : subscribed(line.subscribe(retired, "s", "", threads, inbox.handler(), status)) {
+    EXPECT_EQ(status, NATS_OK);
+    drain(draining.get(), waiting);
+  }
+  ~Line() { natsSubscription_Destroy(waiting); }
+  Line(Line const&) = delete;
+  Line& operator=(Line const&) = delete;
+
+  NatsServer const server{};
+  KXBusRetired retired{};
+  KXNatsLine line{};
+  Inbox inbox{};
+  KXNatsConnection const first = connect(server);
+  bool const isUsed = line.use(first);
+  int status = NATS_OK;
+  std::unique_ptr<KXBusSubscription> const subscribed;
+  KXNatsConnection const draining = connect(server);
+  natsSubscription* waiting = nullptr;
+};
+
 TEST(KXNatsLine, RefusesAConnectionThatDoesNotTakeAllThatIsSubscribed) {
   for (int const threads : {1, 2}) {
     SCOPED_TRACE(threads);
-    NatsServer const server;
-    KXBusRetired retired;
-    KXNatsLine line;
-    Inbox inbox;
-    KXNatsConnection const first = connect(server);
-    ASSERT_TRUE(line.use(first));
-    int status = NATS_OK;
-    auto const subscribed = line.subscribe(retired, "s", "", threads, inbox.handler(), status);
-    ASSERT_EQ(status, NATS_OK);
-    natsConnection_Close(first.get());
-    KXNatsConnection const draining = connect(server);
-    natsSubscription* waiting = nullptr;
-    drain(draining.get(), waiting);
+    Line on(threads);
+    ASSERT_TRUE(on.isUsed);
+    natsConnection_Close(on.first.get());
     LogCapture const log("KXBus");
 
-    EXPECT_FALSE(line.use(draining));
-    EXPECT_EQ(line.connection(), first);
+    EXPECT_FALSE(on.line.use(on.draining));
+    EXPECT_EQ(on.line.connection(), on.first);
     EXPECT_THAT(log.texts(), ElementsAre(HasSubstr("trying another")));
-    natsSubscription_Destroy(waiting);
-    KXNatsConnection const next = connect(server);
-    EXPECT_TRUE(line.use(next));
-    EXPECT_EQ(line.connection(), next);
+    KXNatsConnection const next = connect(on.server);
+    EXPECT_TRUE(on.line.use(next));
+    EXPECT_EQ(on.line.connection(), next);
     natsConnection_PublishString(next.get(), "s", "text");
-    EXPECT_EQ(inbox.payloads(1), std::vector<std::string>{"text"});
+    EXPECT_EQ(on.inbox.payloads(1), std::vector<std::string>{"text"});
   }
 }
 
 TEST(KXNatsLine, IsFreeToWhoeverReadsItsLog) {
-  NatsServer const server;
-  KXBusRetired retired;
-  KXNatsLine line;
-  Inbox inbox;
-  KXNatsConnection const first = connect(server);
-  ASSERT_TRUE(line.use(first));
-  int status = NATS_OK;
-  auto const subscribed = line.subscribe(retired, "s", "", 1, inbox.handler(), status);
-  KXNatsConnection const draining = connect(server);
-  natsSubscription* waiting = nullptr;
-  drain(draining.get(), waiting);
+  Line on(1);
   std::unique_ptr<KXBusSubscription> own;
   ka::log::addHandler("reader", [&](ka::log::Record const&) {
-    own = line.subscribe(retired, "t", "", 1, inbox.handler(), status);
+    own = on.line.subscribe(on.retired, "t", "", 1, on.inbox.handler(), on.status);
   });
 
-  EXPECT_FALSE(line.use(draining));
+  EXPECT_FALSE(on.line.use(on.draining));
 
   ka::log::removeHandler("reader");
   EXPECT_NE(own, nullptr);
-  natsSubscription_Destroy(waiting);
 }
 
 }  // namespace
